@@ -1,0 +1,56 @@
+# What every target of the project shares: the language, the warnings, the sanitizers, and the one include root,
+# which is the root of the repository (`#include "pysource/host/location.h"`).
+
+set(SCOPEINFO_WARNINGS
+  -Wall
+  -Wextra
+  -Wpedantic
+  -Wcast-align
+  -Wconversion
+  -Wno-sign-conversion # sizes and differences of iterators mix too freely for it to tell anything
+  -Wdouble-promotion
+  -Wextra-semi
+  -Wformat=2
+  -Wimplicit-fallthrough
+  -Wnon-virtual-dtor
+  -Wold-style-cast
+  -Woverloaded-virtual
+  -Wshadow
+  -Wundef
+  -Wunused)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  list(APPEND SCOPEINFO_WARNINGS
+    -Wduplicated-cond
+    -Wlogical-op
+    -Wsuggest-override
+    -Wno-restrict) # GCC 12 sees overlaps in its own std::string when it is optimised (GCC bug 105329)
+endif()
+if(SCOPEINFO_WARNINGS_AS_ERRORS)
+  list(APPEND SCOPEINFO_WARNINGS -Werror)
+endif()
+
+if(SCOPEINFO_SANITIZE)
+  set(sanitizers -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_compile_options(${sanitizers})
+  add_link_options(${sanitizers})
+endif()
+
+# Gives `target`, one of our own, the settings that all of our code is built with.
+function(scopeinfo_target target)
+  set_target_properties(${target} PROPERTIES
+    CXX_EXTENSIONS OFF
+    POSITION_INDEPENDENT_CODE ON)
+  target_compile_features(${target} PUBLIC cxx_std_20)
+  target_compile_options(${target} PRIVATE ${SCOPEINFO_WARNINGS})
+  target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
+  set_property(GLOBAL APPEND PROPERTY SCOPEINFO_OWN_TARGETS ${target})
+endfunction()
+
+# As `scopeinfo_target`, for a library whose inner branches a fuzzer is to see.
+function(scopeinfo_fuzzed_target target)
+  scopeinfo_target(${target})
+  if(SCOPEINFO_FUZZ)
+    target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link)
+    target_link_options(${target} INTERFACE $<BUILD_INTERFACE:-fsanitize=fuzzer-no-link>)
+  endif()
+endfunction()
