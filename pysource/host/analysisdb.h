@@ -1,0 +1,104 @@
+// The analysis database: what scans found, kept on disk for the next process.
+//
+// Implemented by the host (standalone/sqlitedb is one). It is called on the main thread, between
+// two keystrokes, so it answers rather than waits: a save that cannot be done now answers false,
+// and the caller keeps the records and tries again.
+#pragma once
+
+#include <optional>
+#include <unordered_set>
+#include <vector>
+
+#include "pysource/host/destroyable.h"
+#include "pysource/host/location.h"
+#include "pysource/host/ordereddict.h"
+#include "pysource/host/scoperef.h"
+#include "pysource/host/text.h"
+
+namespace pysource {
+
+// One record as the database takes it and hands it out. Elements 0 to 4 are the key.
+struct CDatabaseRecord {
+  Loc for_loc;                        // 0: the file that the record is for
+  Text for_scope;                     // 1
+  std::optional<Text> scan_name;      // 2
+  Loc scanned_loc;                    // 3
+  std::optional<Text> scanned_scope;  // 4
+  CScopesSeenPtr scopes_seen;         // 5: null when absent; always the receiver's own copy
+  Bytes class_equivs;                 // 6: class items joined with ";"
+  Bytes import_equivs;                // 7: import items joined with ";"
+  Bytes data;                         // 8: the encoded record
+  int64_t reserved = -1;              // 9: always -1
+};
+
+// An import found in a scope of a file.
+struct CImportEquiv {
+  Loc loc;
+  Text scope_name;
+  Bytes ibytes;
+  friend bool operator==(const CImportEquiv&, const CImportEquiv&) = default;
+};
+
+// A class found in a file.
+struct CClassEquiv {
+  Loc loc;
+  Bytes ibytes;
+  friend bool operator==(const CClassEquiv&, const CClassEquiv&) = default;
+  // By location, then by info bytes.
+  friend bool operator<(const CClassEquiv& a, const CClassEquiv& b) {
+    return a.loc == b.loc ? a.ibytes < b.ibytes : a.loc < b.loc;
+  }
+};
+
+using CLocSet = std::unordered_set<Loc>;
+using CLocMtimeDict = CInsertionOrderedDict<Loc, DiskTime>;
+using CScansDoneDict = CInsertionOrderedDict<Loc, Text>;
+
+class CAnalysisDb;
+
+// Another process has changed the database: the files concerned, or null for every file.
+inline constexpr CSignal<CAnalysisDb, const CLocSet*> kExternalDbContentsChanged{
+    "external-db-contents-changed"};
+
+class CAnalysisDb : public CDestroyable {
+ public:
+  CAnalysisDb();
+  ~CAnalysisDb() override;
+
+  // The names of all scopes that have a record of this very scan at this very time.
+  virtual std::vector<Text> ReadScopeNames(Loc loc, TextView primary_scan_name,
+                                           DiskTime disk_mtime) = 0;
+
+  // The records of these scans, scopes and this time. `scope_names` may be just kWildcardScope, for
+  // all scopes. Sorted by scope, scan, scanned file and scanned scope. Further records of the file
+  // may be among them.
+  virtual std::vector<CDatabaseRecord> ReadScopeDataRecords(Loc loc,
+                                                            const std::vector<Text>& scan_names,
+                                                            const std::vector<Text>& scope_names,
+                                                            DiskTime disk_mtime) = 0;
+
+  // The scans-done text of each of these files that was saved at the given time; files without one
+  // are left out.
+  virtual CScansDoneDict GetScansDone(const CLocMtimeDict& loc_mtime_dict) = 0;
+
+  // Stores the records and the scans done of one file, all or nothing; true if stored. What was
+  // held of the file for another time goes; a record of the same key is replaced, the others stay.
+  // An empty list stores the scans done alone.
+  virtual bool SaveDataForFile(Loc loc, const std::vector<CDatabaseRecord>& records,
+                               TextView scans_done, DiskTime disk_mtime) = 0;
+
+  // Deletes everything of these files; true if deleted.
+  virtual bool ClearInfoForFiles(const std::vector<Loc>& loc_list) = 0;
+
+  // All imports, and all classes, in the records of that scan for these files.
+  virtual std::vector<CImportEquiv> GetAllImports(const std::vector<Loc>& db_locs,
+                                                  TextView primary_scan_name) = 0;
+  virtual std::vector<CClassEquiv> GetAllClasses(const std::vector<Loc>& db_locs,
+                                                 TextView primary_scan_name) = 0;
+
+  // Looks for changes by other processes and says what it found, for a log; the changes themselves
+  // are told by kExternalDbContentsChanged before this returns.
+  virtual Text CheckForExternalChanges() = 0;
+};
+
+}  // namespace pysource

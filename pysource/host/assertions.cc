@@ -1,0 +1,26 @@
+#include "pysource/host/assertions.h"
+
+#include <atomic>
+#include <string>
+
+#include "pysource/host/errors.h"
+
+namespace pysource {
+namespace {
+
+// Atomic because worker threads build records, and so check, while the main thread may switch.
+std::atomic<bool> gAssertionsActive{true};
+
+}  // namespace
+
+bool AssertionsActive() noexcept { return gAssertionsActive.load(std::memory_order_relaxed); }
+
+bool SetAssertionsActive(bool active) noexcept {
+  return gAssertionsActive.exchange(active, std::memory_order_relaxed);
+}
+
+void FailAssertion(std::string_view text, const char* file, int line) {
+  throw CAssertionError(std::string(text), std::string(file) + ":" + std::to_string(line));
+}
+
+}  // namespace pysource

@@ -1,0 +1,28 @@
+// Checks of the rules that callers must keep.
+//
+// They are active in every build; SetAssertionsActive(false) turns them off, for a host that would
+// rather go on than stop, and for the tests of both modes. What was done before a failing check
+// stays done.
+#pragma once
+
+#include <string_view>
+
+namespace pysource {
+
+bool AssertionsActive() noexcept;
+
+// Returns what was set before, so that a scope can put it back.
+bool SetAssertionsActive(bool active) noexcept;
+
+[[noreturn]] void FailAssertion(std::string_view text, const char* file, int line);
+
+// Throws CAssertionError with `text` when `holds` is false and assertions are active. A condition
+// that is costly to work out stands behind AssertionsActive() at its caller.
+inline void Assert(bool holds, std::string_view text = {}, const char* file = __builtin_FILE(),
+                   int line = __builtin_LINE()) {
+  if (!holds && AssertionsActive()) [[unlikely]] {
+    FailAssertion(text, file, line);
+  }
+}
+
+}  // namespace pysource

@@ -1,0 +1,89 @@
+// The byte buffers under the serialised form: one that a message is written into, one that takes a
+// message apart. The forms are told byte by byte in serialized/scopeinfoserializer.h.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "pysource/host/strdict.h"
+#include "pysource/host/text.h"
+
+namespace pysource {
+
+class CWritableByteBuffer {
+ public:
+  void WriteByte(uint8_t value) { _fBytes.push_back(static_cast<char>(value)); }
+  // Raw bytes, without length or other framing.
+  void WriteStr(BytesView bytes) { _fBytes.append(bytes); }
+  // Empties the buffer and keeps its memory, unless one huge message left it huge.
+  void Reset();
+  // A copy of the whole content, which stays in place.
+  Bytes ToString() const { return _fBytes; }
+  // The same without a copy; good until the next write or reset.
+  BytesView View() const noexcept { return _fBytes; }
+
+ private:
+  Bytes _fBytes;
+};
+
+// Strings and dictionaries read from one message, on their way into one block of memory. They are
+// collected in scratch memory that is used again and again, because their size is known only when
+// all are read; Finish() then makes the block and the dictionaries over it.
+class CStrDictBatch {
+ public:
+  static constexpr size_t kMostDicts = 4;
+
+  void Clear();
+  // Makes an arena that holds everything: `plain` becomes the string read outside any dictionary
+  // and `dicts[i]` the i-th dictionary. Of a doubled key the later value wins, at the first one's
+  // place.
+  CArena Finish(BytesView* plain, CStrDict* dicts);
+
+ private:
+  friend class CEncodedByteBufferReader;
+  struct Piece {
+    uint32_t name_size;
+    uint32_t value_size;
+  };
+  Bytes _fText;  // plain string, then name and value of each item, one after the other
+  std::vector<Piece> _fPieces;  // of all dictionaries
+  size_t _fPlainSize = 0;
+  size_t _fDictEnds[kMostDicts] = {};  // where each dictionary ends in _fPieces
+  size_t _fDictCount = 0;
+};
+
+// Reads encoded messages, whatever they hold: every operation answers with CValueError to what is
+// broken, and neither its time nor its memory exceeds what the size of the message accounts for.
+class CEncodedByteBufferReader {
+ public:
+  // Takes a message and reads the token table at its head, so that the next read starts behind it.
+  // The bytes are not copied: they must stay until the last read.
+  void SetStr(BytesView message);
+
+  // One integer of up to 64 bits. Longer forms than needed are accepted.
+  uint64_t ReadInt();
+  // One string, put together from its tokens.
+  Bytes ReadTokenizedStr();
+  // One dictionary, added to `dict`. With `text_keys` its keys must be UTF-8.
+  void ReadStrDictInto(CStrDict& dict, bool text_keys);
+
+  // The same two, into a batch.
+  void ReadTokenizedStrInto(CStrDictBatch& batch);
+  void ReadStrDictInto(CStrDictBatch& batch, bool text_keys);
+
+ private:
+  uint64_t ReadLongInt(uint64_t first);
+  size_t ReadCount(size_t least_item_size, const char* what);
+  // Appends one string to `out`; returns its size.
+  size_t AppendTokenizedStr(Bytes& out);
+
+  const unsigned char* _fAt = nullptr;
+  const unsigned char* _fEnd = nullptr;
+  std::vector<BytesView> _fTokens;  // views into the message
+  // How many more bytes strings may expand to. A token that is long and named often makes a string
+  // much longer than the message; without a bound a few megabytes could ask for terabytes.
+  size_t _fExpansionLeft = 0;
+  CStrDictBatch _fBatch;
+};
+
+}  // namespace pysource

@@ -1,0 +1,110 @@
+// The hash table under the dictionaries: it maps a hash to the number of a slot that its user
+// keeps.
+//
+// Open addressing with linear probing; a cell is eight bytes, a 32-bit tag of the hash and the
+// slot. The tag decides nearly all comparisons without a look at the slot, and is enough to place
+// the cell again when the table grows, so the user's keys are not touched then. Erasing shifts
+// cells back, so there are no tombstones and a table that shrank and grew for years probes like a
+// new one.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace pysource {
+
+class CHashIndex {
+ public:
+  static constexpr uint32_t kNone = 0xFFFFFFFF;
+
+  // The slot for which `is_slot(slot)` holds among those entered under `hash`, or kNone.
+  template <class IsSlot>
+  uint32_t Find(uint64_t hash, IsSlot&& is_slot) const {
+    if (_fCells.empty()) {
+      return kNone;
+    }
+    const uint32_t tag = Tag(hash);
+    for (size_t at = tag & _fMask;; at = (at + 1) & _fMask) {
+      const Cell& cell = _fCells[at];
+      if (cell.slot == kNone) {
+        return kNone;
+      }
+      if (cell.tag == tag && is_slot(cell.slot)) {
+        return cell.slot;
+      }
+    }
+  }
+
+  // Enters `slot`, which must not be entered yet.
+  void Insert(uint64_t hash, uint32_t slot) {
+    // Three quarters full at most: beyond that, linear probing gets slow.
+    if ((_fCount + 1) * 4 > _fCells.size() * 3) {
+      Grow();
+    }
+    Place(Cell{Tag(hash), slot});
+    ++_fCount;
+  }
+
+  // Takes `slot` out; it must be entered under `hash`.
+  void Erase(uint64_t hash, uint32_t slot) {
+    size_t hole = Tag(hash) & _fMask;
+    while (_fCells[hole].slot != slot) {
+      hole = (hole + 1) & _fMask;
+    }
+    for (size_t at = (hole + 1) & _fMask; _fCells[at].slot != kNone; at = (at + 1) & _fMask) {
+      const size_t home = _fCells[at].tag & _fMask;
+      if (((at - home) & _fMask) >= ((at - hole) & _fMask)) {
+        _fCells[hole] = _fCells[at];
+        hole = at;
+      }
+    }
+    _fCells[hole].slot = kNone;
+    --_fCount;
+  }
+
+  void Clear() {
+    _fCells = {};
+    _fMask = 0;
+    _fCount = 0;
+  }
+
+  size_t MemoryUse() const { return _fCells.capacity() * sizeof(Cell); }
+
+ private:
+  struct Cell {
+    uint32_t tag;
+    uint32_t slot;
+  };
+
+  static uint32_t Tag(uint64_t hash) noexcept {
+    // std::hash of integers is the identity: spread it before the low bits choose the cell.
+    return static_cast<uint32_t>((hash * 0x9E3779B97F4A7C15ULL) >> 32);
+  }
+
+  void Place(Cell cell) {
+    size_t at = cell.tag & _fMask;
+    while (_fCells[at].slot != kNone) {
+      at = (at + 1) & _fMask;
+    }
+    _fCells[at] = cell;
+  }
+
+  void Grow() {
+    std::vector<Cell> old = std::move(_fCells);
+    const size_t size = old.empty() ? 16 : old.size() * 2;
+    _fCells.assign(size, Cell{0, kNone});
+    _fMask = size - 1;
+    for (const Cell& cell : old) {
+      if (cell.slot != kNone) {
+        Place(cell);
+      }
+    }
+  }
+
+  std::vector<Cell> _fCells;  // size is zero or a power of two
+  size_t _fMask = 0;
+  size_t _fCount = 0;
+};
+
+}  // namespace pysource

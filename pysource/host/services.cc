@@ -1,0 +1,50 @@
+// The out-of-line parts of the abstract services: what anchors their classes in one object file.
+
+#include "pysource/host/analysisdb.h"
+#include "pysource/host/analysismgr.h"
+#include "pysource/host/cachemgr.h"
+#include "pysource/host/infocachebase.h"
+#include "pysource/host/savable.h"
+#include "pysource/host/singleton.h"
+
+namespace pysource {
+
+CInfoCacheBase::~CInfoCacheBase() = default;
+
+CAnalysisDb::CAnalysisDb() : CDestroyable({kExternalDbContentsChanged.name}) {}
+CAnalysisDb::~CAnalysisDb() = default;
+
+CAnalysisFactory::CAnalysisFactory() : CDestroyable({kImportResolutionChanged.name}) {}
+CAnalysisFactory::~CAnalysisFactory() = default;
+
+CPySourceAnalysis::CPySourceAnalysis(Loc loc)
+    : CDestroyable({kScopeLogicalsModified.name}), fLocation(loc) {}
+CPySourceAnalysis::~CPySourceAnalysis() = default;
+
+CSavableManager::CSavableManager() : CDestroyable({kExternalFilesChanged.name}) {}
+CSavableManager::~CSavableManager() = default;
+
+CSavable::CSavable(Loc loc) : CDestroyable({kSavePoint.name}), fLocation(loc) {}
+CSavable::~CSavable() = default;
+
+CCacheBuffer::~CCacheBuffer() = default;
+CCacheManager::~CCacheManager() = default;
+
+namespace singleton {
+namespace {
+
+CSingletons* gSingletons = nullptr;
+
+}  // namespace
+
+CSingletons& GetSingletons() {
+  static CSingletons own;
+  return gSingletons != nullptr ? *gSingletons : own;
+}
+
+CSingletons* SetSingletons(CSingletons* singletons) {
+  return std::exchange(gSingletons, singletons);
+}
+
+}  // namespace singleton
+}  // namespace pysource

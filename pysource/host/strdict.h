@@ -1,0 +1,83 @@
+// The dictionary of a record: from a symbol name to what is known of it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include "pysource/host/arena.h"
+#include "pysource/host/hashindex.h"
+#include "pysource/host/text.h"
+
+namespace pysource {
+
+// From text to bytes, in the order in which the names were first stored; replacing a value keeps
+// the place. Names and values are views into an arena, which the dictionaries of one record share,
+// so a decoded record is one block of memory and copying out is never needed to look at it. A view
+// stays good as long as the dictionary lives, also when its name gets another value.
+//
+// Copying makes a dictionary of its own memory. Look-up is by binary search while names were stored
+// in ascending order (as they come out of a decoder), by a hash table otherwise once there are more
+// than a few.
+class CStrDict {
+ public:
+  using key_type = TextView;
+  using mapped_type = BytesView;
+  // Named like the members of a pair, so that `for (auto [name, ibytes] : dict)` reads as usual.
+  struct Item {
+    TextView first;
+    BytesView second;
+  };
+
+  CStrDict() noexcept = default;
+  CStrDict(std::initializer_list<std::pair<TextView, BytesView>> items);
+  // An empty dictionary that puts what it stores into `arena`, with room for `capacity` names.
+  CStrDict(CArena arena, size_t capacity);
+  CStrDict(const CStrDict& other);
+  CStrDict(CStrDict&& other) noexcept { Swap(other); }
+  CStrDict& operator=(CStrDict other) noexcept {
+    Swap(other);
+    return *this;
+  }
+  ~CStrDict() = default;
+
+  size_t size() const noexcept { return _fSize; }
+  bool empty() const noexcept { return _fSize == 0; }
+  const Item* begin() const noexcept { return _fItems; }
+  const Item* end() const noexcept { return _fItems + _fSize; }
+
+  std::optional<BytesView> Get(TextView name) const;
+  bool Contains(TextView name) const { return Find(name) != kNone; }
+
+  // Stores copies of both.
+  void Set(TextView name, BytesView ibytes);
+  // Stores the views as they are: they must point into the arena that this dictionary was made
+  // with.
+  void SetStored(TextView name, BytesView ibytes);
+  bool Erase(TextView name);
+  void clear();
+
+  // Equal when the same names have equal values, in whatever order.
+  friend bool operator==(const CStrDict& a, const CStrDict& b);
+
+ private:
+  static constexpr uint32_t kNone = CHashIndex::kNone;
+
+  uint32_t Find(TextView name) const;
+  void Append(TextView name, BytesView ibytes);
+  void Reserve(size_t capacity);
+  void Swap(CStrDict& other) noexcept;
+
+  CArena _fArena;
+  Item* _fItems = nullptr;  // in _fArena
+  uint32_t _fSize = 0;
+  uint32_t _fCapacity = 0;
+  bool _fAscending = true;  // every name is above the one before it
+  // Made by the first look-up that needs it; dropped when positions change.
+  mutable std::unique_ptr<CHashIndex> _fIndex;
+};
+
+}  // namespace pysource

@@ -1,0 +1,31 @@
+// The two kinds of character data in the system, and their views.
+//
+// Text is UTF-8: scope names, scan names, symbol names. Bytes are what is said of a name: info
+// bytes, encoded records. Both are std::string, so that one becomes the other without a copy; the
+// alias tells the reader which is meant. The byte order of UTF-8 is the order of code points, so
+// the plain comparison sorts text rightly.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <unordered_set>
+
+#include "pysource/host/hash.h"
+
+namespace pysource {
+
+using Text = std::string;
+using TextView = std::string_view;
+using Bytes = std::string;
+using BytesView = std::string_view;
+
+// Hash of text that also takes a view, so that a look-up makes no string.
+struct TextHash {
+  using is_transparent = void;
+  size_t operator()(TextView text) const noexcept { return HashBytes(text); }
+};
+
+// A set of names whose order cannot be observed.
+using TextSet = std::unordered_set<Text, TextHash, std::equal_to<>>;
+
+}  // namespace pysource

@@ -1,0 +1,113 @@
+// A dictionary that keeps its keys in order of use, so that the least used can be given up first.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "pysource/host/linkedslots.h"
+
+namespace pysource {
+
+// Iteration runs from the most to the least recently used key; rbegin() to rend() the other way.
+// Every operation takes constant time but for those that take a sequence; Get allocates nothing.
+//
+// A key that is new and stored without counting as a use enters at the least recently used end: a
+// bulk read of things that nobody asked for must not push out what is in use.
+template <class Key, class Value, class Hash = std::hash<Key>, class Equal = std::equal_to<>>
+class CUsageOrderedDict {
+  using Slots = CLinkedSlots<Key, Value, Hash, Equal>;
+
+ public:
+  using key_type = Key;
+  using mapped_type = Value;
+  using Entry = typename Slots::Entry;
+  using const_iterator = typename Slots::template CIterator<true, true>;
+  using const_reverse_iterator = typename Slots::template CIterator<true, false>;
+
+  // The value of `key`, or null. Marks the key as most recently used. The pointer is good until the
+  // next Set or removal.
+  template <class K>
+  Value* Get(const K& key) {
+    const auto slot = _fSlots.Find(key);
+    if (slot == Slots::kNone) {
+      return nullptr;
+    }
+    _fSlots.MoveToFront(slot);
+    return &_fSlots.At(slot).second;
+  }
+
+  // The value of `key`, or null, without counting as a use.
+  template <class K>
+  const Value* Peek(const K& key) const {
+    const auto slot = _fSlots.Find(key);
+    return slot == Slots::kNone ? nullptr : &_fSlots.At(slot).second;
+  }
+
+  // Stores the value. With `count_as_use` the key becomes the most recently used; without it a
+  // known key keeps its place and a new one enters at the least recently used end.
+  void Set(Key key, Value value, bool count_as_use = true) {
+    const auto slot = _fSlots.Find(key);
+    if (slot == Slots::kNone) {
+      _fSlots.Add(count_as_use, std::move(key), std::move(value));
+      return;
+    }
+    if (count_as_use) {
+      _fSlots.MoveToFront(slot);
+    }
+    // Swapped, not assigned: what the old value's end sets off finds the new one in place.
+    std::swap(_fSlots.At(slot).second, value);
+  }
+
+  template <class K>
+  bool Contains(const K& key) const {
+    return _fSlots.Find(key) != Slots::kNone;
+  }
+  size_t length() const noexcept { return _fSlots.Size(); }
+  size_t size() const noexcept { return _fSlots.Size(); }
+  bool empty() const noexcept { return size() == 0; }
+
+  void clear() { _fSlots.Clear(); }
+  void Clear() { _fSlots.Clear(); }
+
+  // A copy of the keys, most recently used first.
+  std::vector<Key> keys() const {
+    std::vector<Key> result;
+    result.reserve(size());
+    for (const auto& entry : *this) {
+      result.push_back(entry.first);
+    }
+    return result;
+  }
+
+  // Takes the value out; absent when the key is unknown.
+  template <class K>
+  std::optional<Value> pop(const K& key) {
+    const auto slot = _fSlots.Find(key);
+    if (slot == Slots::kNone) {
+      return std::nullopt;
+    }
+    return _fSlots.Take(slot).second;
+  }
+
+  // Removes each key of `sequence` that is present.
+  template <class Sequence>
+  void DifferenceUpdate(const Sequence& sequence) {
+    for (const auto& key : sequence) {
+      pop(key);
+    }
+  }
+
+  const_iterator begin() const { return {&_fSlots, _fSlots.First()}; }
+  const_iterator end() const { return {&_fSlots, Slots::kNone}; }
+  const_reverse_iterator rbegin() const { return {&_fSlots, _fSlots.Last()}; }
+  const_reverse_iterator rend() const { return {&_fSlots, Slots::kNone}; }
+
+  size_t MemoryUse() const { return _fSlots.MemoryUse(); }
+
+ private:
+  Slots _fSlots;
+};
+
+}  // namespace pysource

@@ -1,0 +1,81 @@
+#include "pysource/host/velk.h"
+
+#include <dlfcn.h>
+#include <link.h>
+#include <unistd.h>
+
+#include <array>
+#include <exception>
+
+#include "pysource/host/errors.h"
+#include "pysource/host/logger.h"
+
+namespace pysource::velk {
+namespace {
+
+CMainLoop* gMainLoop = nullptr;
+
+// Has an address inside the object that this file was linked into.
+const char kAnchor = 0;
+
+}  // namespace
+
+CMainLoop::~CMainLoop() = default;
+
+CMainLoop* SetMainLoop(CMainLoop* loop) { return std::exchange(gMainLoop, loop); }
+
+CMainLoop& GetMainLoop() {
+  if (gMainLoop == nullptr) {
+    throw CTypeError("no main loop is set: call velk::SetMainLoop first");
+  }
+  return *gMainLoop;
+}
+
+Tag timeout_add(unsigned ms, Callback callback) {
+  return GetMainLoop().timeout_add(ms, std::move(callback));
+}
+void timeout_remove(Tag tag) { GetMainLoop().timeout_remove(tag); }
+Tag idle_add(Callback callback, int priority) {
+  return GetMainLoop().idle_add(std::move(callback), priority);
+}
+void idle_remove(Tag tag) { GetMainLoop().idle_remove(tag); }
+
+bool RunCallback(const Callback& callback) {
+  try {
+    return callback();
+  } catch (const CAssertionError& error) {
+    CriticalLog("main loop: a callback failed: assertion at %s %s", error.Where(), error.what());
+  } catch (const std::exception& error) {
+    CriticalLog("main loop: a callback failed: %s", error.what());
+  } catch (...) {
+    CriticalLog("main loop: a callback failed with an unknown error");
+  }
+  return false;
+}
+
+std::string ModulePath() {
+  Dl_info info{};
+  if (dladdr(&kAnchor, &info) == 0 || info.dli_fname == nullptr) {
+    return {};
+  }
+  std::string path = info.dli_fname;
+  // For the executable itself the loader gives what it was started as, which may be a bare name.
+  link_map* map = nullptr;
+  void* const program = dlopen(nullptr, RTLD_LAZY);
+  const bool is_program = program != nullptr && dlinfo(program, RTLD_DI_LINKMAP, &map) == 0 &&
+                          map != nullptr &&
+                          reinterpret_cast<const void*>(map->l_addr) == info.dli_fbase;
+  if (program != nullptr) {
+    dlclose(program);
+  }
+  if (is_program || path.find('/') == std::string::npos) {
+    std::array<char, 4096> buffer{};
+    const ssize_t size = readlink("/proc/self/exe", buffer.data(), buffer.size());
+    if (size > 0) {
+      path.assign(buffer.data(), static_cast<size_t>(size));
+    }
+  }
+  return path;
+}
+
+}  // namespace pysource::velk
