@@ -8,7 +8,6 @@ set(SCOPEINFO_WARNINGS
   -Wcast-align
   -Wconversion
   -Wno-sign-conversion # sizes and differences of iterators mix too freely for it to tell anything
-  -Wdouble-promotion
   -Wextra-semi
   -Wformat=2
   -Wimplicit-fallthrough
@@ -42,13 +41,18 @@ function(scopeinfo_target target)
     POSITION_INDEPENDENT_CODE ON)
   target_compile_features(${target} PUBLIC cxx_std_20)
   target_compile_options(${target} PRIVATE ${SCOPEINFO_WARNINGS})
-  target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
+  target_include_directories(${target} PRIVATE "${PROJECT_SOURCE_DIR}")
   set_property(GLOBAL APPEND PROPERTY SCOPEINFO_OWN_TARGETS ${target})
 endfunction()
 
-# As `scopeinfo_target`, for a library whose inner branches a fuzzer is to see.
-function(scopeinfo_fuzzed_target target)
+# As `scopeinfo_target`, for a library that is installed with its headers. Each header is also compiled on its own
+# (target all_verify_interface_header_sets), and the fuzzers see the library's inner branches.
+function(scopeinfo_library target)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "HEADERS")
   scopeinfo_target(${target})
+  target_sources(${target} PUBLIC
+    FILE_SET HEADERS BASE_DIRS "${PROJECT_SOURCE_DIR}" FILES ${arg_HEADERS})
+  set_target_properties(${target} PROPERTIES VERIFY_INTERFACE_HEADER_SETS ON)
   if(SCOPEINFO_FUZZ)
     target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link)
     target_link_options(${target} INTERFACE $<BUILD_INTERFACE:-fsanitize=fuzzer-no-link>)
