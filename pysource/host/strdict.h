@@ -51,6 +51,8 @@ class CStrDict {
 
   std::optional<BytesView> Get(TextView name) const;
   bool Contains(TextView name) const { return Find(name) != kNone; }
+  // Whether the items stand in ascending order of their names.
+  bool IsAscending() const noexcept { return _fAscending; }
 
   // Stores copies of both.
   void Set(TextView name, BytesView ibytes);
