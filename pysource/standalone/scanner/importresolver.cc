@@ -1,0 +1,7 @@
+#include "pysource/standalone/scanner/importresolver.h"
+
+namespace pysource::standalone {
+
+CImportResolver::~CImportResolver() = default;
+
+}  // namespace pysource::standalone

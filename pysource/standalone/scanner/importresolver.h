@@ -1,0 +1,78 @@
+// Which file a module name means, as seen from a file that imports it.
+//
+// The scanner asks while it reads a file; the answers decide for which files a scan makes records
+// and on which files they rest. CImportResolver is the narrow seam that tests fake;
+// CFileImportResolver answers from the file system, by the rules of a plain Python tree: no
+// interpreter is run, no import hook and no .pth file is heard.
+#pragma once
+
+#include <array>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "pysource/host/location.h"
+#include "pysource/host/scoperef.h"
+#include "pysource/host/text.h"
+
+namespace pysource::standalone {
+
+// Called from worker threads, several at a time.
+class CImportResolver {
+ public:
+  CImportResolver() = default;
+  CImportResolver(const CImportResolver&) = delete;
+  CImportResolver& operator=(const CImportResolver&) = delete;
+  virtual ~CImportResolver();
+
+  // The file of `module` ("a.b", ".x", "..": leading dots are relative to the package of `from`),
+  // or absent when there is none. It is found, not guessed: the file was there when it was looked
+  // for.
+  virtual Loc Resolve(Loc from, TextView module) const = 0;
+
+  // The present disk time of a file that Resolve answered: kFileDoesNotExistMtime when it is gone.
+  virtual DiskTime GetDiskTime(Loc loc) const = 0;
+};
+
+// Answers from the file system and remembers the answers until Clear(), as imports are asked for
+// over and over. Relative imports start in the folder of the file; absolute ones are looked for in
+// the roots, in their order, and then in the folder above the outermost package that the file is in
+// (a folder is in a package as long as it holds an __init__.py or .pyi). In each place m.py comes
+// before m/__init__.py, and a .pyi file counts only when neither is there.
+class CFileImportResolver final : public CImportResolver {
+ public:
+  // `loc_cache` makes the locations and must outlive this. `roots` are folders.
+  CFileImportResolver(CLocationCache& loc_cache, std::vector<std::string> roots);
+  ~CFileImportResolver() override;
+
+  Loc Resolve(Loc from, TextView module) const override;
+  // Asks the file system each time: a time that is remembered is a time that is wrong.
+  DiskTime GetDiskTime(Loc loc) const override;
+
+  // Forgets all answers: files have come or gone.
+  void Clear();
+
+ private:
+  // One of several, chosen by the hash of what is asked, so that worker threads seldom meet.
+  struct CShard {
+    std::mutex mutex;
+    // Keyed by a starting folder and a dotted name, or by a folder alone.
+    std::unordered_map<std::string, Loc> modules;
+    std::unordered_map<std::string, std::string> package_roots;
+  };
+
+  CShard& ShardOf(TextView text) const;
+  // The file of the dotted `name` below `folder`; absent when there is none. Remembered.
+  Loc Find(const std::string& folder, TextView name) const;
+  Loc FindOnDisk(const std::string& folder, TextView name) const;
+  // The folder above the outermost package that `folder` is in; `folder` itself outside of one.
+  std::string PackageRoot(const std::string& folder) const;
+
+  CLocationCache& _fLocCache;
+  const std::vector<std::string> _fRoots;
+  const std::unique_ptr<std::array<CShard, 16>> _fShards;
+};
+
+}  // namespace pysource::standalone

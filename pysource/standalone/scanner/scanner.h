@@ -1,0 +1,75 @@
+// Python source to records: what each scope of a file binds, and what its code sets elsewhere.
+//
+// One parse with tree-sitter, which understands half-typed code, and one visit give two scans of
+// every scope of the file (the module, each class, function, lambda and comprehension):
+//
+// - kNamesScan, the primary scan: one record for the scope itself. type_equivs holds every name
+//   bound or declared in it with its alternatives in source order, scope_ibytes what the scope is.
+// - kAttrsScan, the secondary scan: records for other scopes and other files. From a method, the
+//   attributes set on its first argument, as instance information of the class; from any scope, the
+//   attributes set on an imported module, as information for that module's file. Often none.
+//
+// The vocabulary of scope names and info bytes is in pysource/host/symbolinfo.h; what the scanner
+// says in it is told above the code, in scanner.cc.
+//
+// Nothing in the source makes a scan fail: any bytes give the records of what can be understood.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <vector>
+
+#include "pysource/host/location.h"
+#include "pysource/host/scoperef.h"
+#include "pysource/host/text.h"
+#include "pysource/scopeinfo/records/scopeinfo.h"
+#include "pysource/standalone/scanner/importresolver.h"
+
+namespace pysource::standalone {
+
+inline constexpr TextView kNamesScan = ":names";
+inline constexpr TextView kAttrsScan = ":attrs";
+
+struct CScanRequest {
+  Loc loc;
+  BytesView source;         // UTF-8; good for the time of the call
+  DiskTime disk_mtime = 0;  // of the content that `source` is
+  bool incomplete = false;  // the text of an unsaved buffer: its records are never written
+};
+
+// What one scan of one scope found, as CInfoCache::AddScopeInfoListForSingleScan takes it.
+struct CScanResult {
+  Text scanned_scope;
+  Text scan_name;
+  std::vector<scopeinfo::CScopeInfoPtr> infos;  // empty when the scan found nothing
+};
+
+struct CFileScan {
+  // The module scope first, then the scopes in the order in which they begin; of each first
+  // kNamesScan, then kAttrsScan.
+  std::vector<CScanResult> results;
+  size_t error_count = 0;       // places that the parser could not make sense of
+  size_t first_error_line = 0;  // counted from 1; 0 when there is none
+};
+
+// One for each thread, used again and again: it keeps the parser and its scratch memory. The
+// records of one CFileScan share memory with each other and must stay in one thread or move to
+// another one together.
+class CScanner {
+ public:
+  // The resolver must outlive the scanner.
+  explicit CScanner(const CImportResolver& resolver);
+  ~CScanner();
+  CScanner(const CScanner&) = delete;
+  CScanner& operator=(const CScanner&) = delete;
+
+  // Runs both scans over one file. Throws CValueError when the source is beyond what the parser can
+  // count (kMostSourceBytes in sourcefile.h), otherwise nothing of its own.
+  CFileScan Scan(const CScanRequest& request);
+
+ private:
+  class CImpl;
+  const std::unique_ptr<CImpl> _fImpl;
+};
+
+}  // namespace pysource::standalone
