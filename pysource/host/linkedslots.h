@@ -54,6 +54,7 @@ class CLinkedSlots {
   Slot Last() const noexcept { return _fLast; }
   Slot Next(Slot slot) const noexcept { return _fNodes[slot].next; }
   Slot Previous(Slot slot) const noexcept { return _fNodes[slot].previous; }
+  bool IsLive(Slot slot) const noexcept { return slot < _fNodes.size() && _fNodes[slot].entry; }
   Entry& At(Slot slot) { return *_fNodes[slot].entry; }
   const Entry& At(Slot slot) const { return *_fNodes[slot].entry; }
 
@@ -141,6 +142,7 @@ class CLinkedSlots {
     CIterator(Store* store, Slot slot) : _fStore(store), _fSlot(slot) {}
     reference operator*() const { return _fStore->At(_fSlot); }
     pointer operator->() const { return &_fStore->At(_fSlot); }
+    Slot slot() const { return _fSlot; }
     CIterator& operator++() {
       _fSlot = kForward ? _fStore->Next(_fSlot) : _fStore->Previous(_fSlot);
       return *this;

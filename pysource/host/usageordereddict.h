@@ -60,6 +60,24 @@ class CUsageOrderedDict {
     std::swap(_fSlots.At(slot).second, value);
   }
 
+  // ---- Entries by number. A number stays good until its entry is removed, and costs no hashing;
+  // the numbers of removed entries are used again.
+
+  using Slot = typename Slots::Slot;
+  static constexpr Slot kNoSlot = Slots::kNone;
+  // The number of the key's entry, or kNoSlot; does not count as a use.
+  template <class K>
+  Slot SlotOf(const K& key) const {
+    return _fSlots.Find(key);
+  }
+  bool IsLive(Slot slot) const { return _fSlots.IsLive(slot); }
+  const Entry& At(Slot slot) const { return _fSlots.At(slot); }
+  Value& ValueAt(Slot slot) { return _fSlots.At(slot).second; }
+  Entry TakeAt(Slot slot) { return _fSlots.Take(slot); }
+  void MarkUsed(Slot slot) { _fSlots.MoveToFront(slot); }
+  // Enters a key that is new as the most recently used.
+  Slot Add(Key key, Value value) { return _fSlots.Add(true, std::move(key), std::move(value)); }
+
   template <class K>
   bool Contains(const K& key) const {
     return _fSlots.Find(key) != Slots::kNone;

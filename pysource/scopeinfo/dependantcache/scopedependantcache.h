@@ -1,0 +1,145 @@
+// A cache of values that were worked out from scopes of source code, purged as those scopes change.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <unordered_set>
+#include <utility>
+
+#include "pysource/host/logger.h"
+#include "pysource/host/repr.h"
+#include "pysource/host/usageordereddict.h"
+#include "pysource/scopeinfo/dependantcache/scopedependency.h"
+
+namespace pysource::scopeinfo {
+
+// Keeps any value under any key, together with the scopes that were read to work it out:
+//
+//   CScopeDependantCache<Text, Answer> answers("answers", 1000);
+//   answers.AddToCache("a.b", answer, scopes_read);      // scopes_read: any range of CScopeRef
+//   if (auto [found, scopes] = answers.LookupInCache("a.b"); found != nullptr) use(*found);
+//
+// A value goes when one of its scopes changes (it listens to the signals scopes-modified,
+// scope-logicals-modified and import-resolution-changed), or in idle time when there are more than
+// `cache_size` and it is among the least recently used. A look-up costs one hash access and a move
+// in the usage order; a purge costs in proportion to what is purged.
+//
+// Main thread only. Not copyable; ends its connections when it ends.
+template <class Key, class Value, class Hash = std::hash<Key>, class Equal = std::equal_to<>>
+class CScopeDependantCache final : public CScopeDependency {
+ public:
+  using KeySet = std::unordered_set<Key, Hash, Equal>;
+
+  // The value, or null, and the scopes that it rests on. Both are good until the next store or
+  // purge.
+  struct Found {
+    Value* value;
+    const CDependedScopes& scopes;
+  };
+
+  // The name is for a person who looks inside. A `cache_size` of zero or less means that the cache
+  // is never trimmed on its own. Without `watch_for_changes` it listens to nothing: for an owner
+  // that removes entries itself.
+  CScopeDependantCache(std::optional<Text> name, int64_t cache_size, bool watch_for_changes = true)
+      : CScopeDependency(std::move(name), cache_size, watch_for_changes) {}
+  ~CScopeDependantCache() { Clear(); }
+
+  // Stores the value with the scopes that it rests on: a range of CScopeRef, or a dictionary with
+  // such keys. Storing what is there already, value and scopes alike, only counts as a use.
+  template <class Scopes = std::initializer_list<CScopeRef>>
+  void AddToCache(Key key, Value value, const Scopes& scopes_seen = {}) {
+    AssertValid();
+    auto slot = _fCache.SlotOf(key);
+    const bool is_new = slot == Dict::kNoSlot;
+    if (!is_new) {
+      _fCache.MarkUsed(slot);
+      const Entry& old = _fCache.At(slot).second;
+      if (old.value == value && SameScopes(old.scopes, scopes_seen, RefOf())) {
+        return;
+      }
+    }
+    if (fLogIfInKeyRepr && LogsKey(Repr(key))) {
+      PrintLine(FormatBraces("Setting key in {} cache: {}", {fName, Repr(key)}));
+    }
+    fModified = true;
+    if (is_new) {
+      slot = _fCache.Add(std::move(key), Entry{std::move(value), {}});
+    } else {
+      std::swap(_fCache.ValueAt(slot).value, value);
+    }
+    SetScopes(slot, _fCache.ValueAt(slot).scopes, scopes_seen, RefOf());
+    // A replaced entry never schedules a trim: the cache has not grown.
+    if (is_new) {
+      ScheduleIdleTrim();
+    }
+    AssertValid();
+  }
+
+  // The value of the key and its scopes; a null value and no scopes when the key is unknown. Counts
+  // as a use. Makes no allocation.
+  template <class K>
+  Found LookupInCache(const K& key) {
+    const auto slot = _fCache.SlotOf(key);
+    if (slot == Dict::kNoSlot) {
+      static const CDependedScopes kNoScopes;
+      return {nullptr, kNoScopes};
+    }
+    _fCache.MarkUsed(slot);
+    Entry& entry = _fCache.ValueAt(slot);
+    return {&entry.value, entry.scopes};
+  }
+
+  // The keys that rest on one of the named scopes of the file, or on the file as a whole (the scope
+  // "*"); with kWildcardScope among the names, those that rest on any scope of it. A new set.
+  KeySet GetDependentKeys(Loc loc, const TextSet& scope_name_set) const {
+    KeySet keys;
+    for (const EntryId entry : DependentEntries(loc, scope_name_set)) {
+      keys.insert(_fCache.At(entry).first);
+    }
+    return keys;
+  }
+
+  template <class K>
+  bool Contains(const K& key) const {
+    return _fCache.Contains(key);
+  }
+  size_t Size() const override { return _fCache.size(); }
+  // The keys, most recently used first.
+  std::vector<Key> Keys() const { return _fCache.keys(); }
+
+ private:
+  struct Entry {
+    Value value;
+    CDependedScopes scopes;
+  };
+  using Dict = CUsageOrderedDict<Key, Entry, Hash, Equal>;
+
+  struct RefOf {
+    CScopeRefView operator()(const CScopeRef& ref) const { return ref; }
+    template <class DictEntry>
+    CScopeRefView operator()(const DictEntry& entry) const {
+      return entry.first;
+    }
+  };
+
+  bool IsLive(EntryId entry) const override { return _fCache.IsLive(entry); }
+  void VisitLeastUsedFirst(const std::function<bool(EntryId)>& visit) const override {
+    for (auto it = _fCache.rbegin(); it != _fCache.rend(); ++it) {
+      if (!visit(it.slot())) {
+        return;
+      }
+    }
+  }
+  const CDependedScopes& ScopesOf(EntryId entry) const override {
+    return _fCache.At(entry).second.scopes;
+  }
+  Text ReprOfKey(EntryId entry) const override { return Repr(_fCache.At(entry).first); }
+  CDependedScopes TakeEntry(EntryId entry) override {
+    return std::move(_fCache.TakeAt(entry).second.scopes);
+  }
+  void ClearEntries() override { _fCache.clear(); }
+
+  Dict _fCache;
+};
+
+}  // namespace pysource::scopeinfo
