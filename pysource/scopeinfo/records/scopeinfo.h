@@ -12,6 +12,7 @@
 #include "pysource/host/symbolinfo.h"
 #include "pysource/host/text.h"
 #include "pysource/scopeinfo/records/scopeinfokey.h"
+#include "pysource/scopeinfo/records/scopeinfokeyset.h"
 #include "pysource/scopeinfo/records/vocabulary.h"
 
 namespace pysource::scopeinfo {

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
-#include <unordered_set>
 #include <utility>
 
 #include "pysource/host/location.h"
@@ -124,9 +123,6 @@ class CScopeInfoKey {
 struct CScopeInfoKeyHash {
   size_t operator()(const CScopeInfoKey& key) const noexcept { return key.Hash(); }
 };
-
-// A set of keys costs a pointer a member beside the nodes of the table.
-using CScopeInfoKeySet = std::unordered_set<CScopeInfoKey, CScopeInfoKeyHash>;
 
 }  // namespace pysource::scopeinfo
 

@@ -1,0 +1,117 @@
+// A set of record keys. There is one for every scope of every file in several indexes, and most
+// hold one or two keys, so an empty set or one of a single key makes no allocation.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <memory>
+#include <utility>
+
+#include "pysource/scopeinfo/records/scopeinfokey.h"
+
+namespace pysource::scopeinfo {
+
+// One key lies in the object itself; more lie in an array, in no order while there are few of them
+// and as an open-addressing table after that. Must not be changed while it is walked.
+class CScopeInfoKeySet {
+ public:
+  using key_type = CScopeInfoKey;
+  using value_type = CScopeInfoKey;
+
+  class const_iterator {
+   public:
+    using iterator_category = std::forward_iterator_tag;
+    using value_type = CScopeInfoKey;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const CScopeInfoKey*;
+    using reference = const CScopeInfoKey&;
+    const_iterator() = default;
+    const_iterator(pointer at, pointer end) : _fAt(at), _fEnd(end) { SkipEmpty(); }
+    reference operator*() const { return *_fAt; }
+    pointer operator->() const { return _fAt; }
+    const_iterator& operator++() {
+      ++_fAt;
+      SkipEmpty();
+      return *this;
+    }
+    const_iterator operator++(int) {
+      const_iterator before = *this;
+      ++*this;
+      return before;
+    }
+    friend bool operator==(const_iterator a, const_iterator b) { return a._fAt == b._fAt; }
+
+   private:
+    void SkipEmpty() {
+      while (_fAt != _fEnd && !*_fAt) {
+        ++_fAt;
+      }
+    }
+    pointer _fAt = nullptr;
+    pointer _fEnd = nullptr;
+  };
+
+  CScopeInfoKeySet() noexcept = default;
+  CScopeInfoKeySet(std::initializer_list<CScopeInfoKey> keys)
+      : CScopeInfoKeySet(keys.begin(), keys.end()) {}
+  template <class It>
+  CScopeInfoKeySet(It first, It last) {
+    insert(first, last);
+  }
+  CScopeInfoKeySet(const CScopeInfoKeySet& other) : CScopeInfoKeySet(other.begin(), other.end()) {}
+  CScopeInfoKeySet(CScopeInfoKeySet&& other) noexcept { Swap(other); }
+  CScopeInfoKeySet& operator=(CScopeInfoKeySet other) noexcept {
+    Swap(other);
+    return *this;
+  }
+  ~CScopeInfoKeySet() = default;
+
+  size_t size() const noexcept { return _fSize; }
+  bool empty() const noexcept { return _fSize == 0; }
+  const_iterator begin() const { return {Cells(), Cells() + CellCount()}; }
+  const_iterator end() const { return {Cells() + CellCount(), Cells() + CellCount()}; }
+  bool contains(const CScopeInfoKey& key) const { return Find(key) != nullptr; }
+
+  // Returns whether the key is new. The key must not be absent.
+  bool insert(const CScopeInfoKey& key);
+  template <class It>
+  void insert(It first, It last) {
+    for (; first != last; ++first) {
+      insert(*first);
+    }
+  }
+  // Returns whether the key was there.
+  bool erase(const CScopeInfoKey& key);
+  void clear() { CScopeInfoKeySet().Swap(*this); }
+
+  friend bool operator==(const CScopeInfoKeySet& a, const CScopeInfoKeySet& b);
+
+  // Bytes beyond the object itself, without the keys.
+  size_t MemoryUse() const noexcept { return _fCapacity * sizeof(CScopeInfoKey); }
+
+ private:
+  static constexpr uint32_t kLinearSize = 8;
+
+  bool IsTable() const noexcept { return _fCapacity > kLinearSize; }
+  // The cells that can hold keys: of a table all, of an array those in use.
+  size_t CellCount() const noexcept { return IsTable() ? _fCapacity : _fSize; }
+  const CScopeInfoKey* Cells() const noexcept {
+    return _fCapacity == 0 ? &_fSingle : _fCells.get();
+  }
+  CScopeInfoKey* Cells() noexcept { return _fCapacity == 0 ? &_fSingle : _fCells.get(); }
+  size_t Home(const CScopeInfoKey& key) const noexcept {
+    return static_cast<size_t>(MixHash(key.Hash())) & (_fCapacity - 1);
+  }
+  const CScopeInfoKey* Find(const CScopeInfoKey& key) const;
+  void Place(CScopeInfoKey key);
+  void Grow();
+  void Swap(CScopeInfoKeySet& other) noexcept;
+
+  uint32_t _fSize = 0;
+  uint32_t _fCapacity = 0;  // of _fCells; a power of two, or zero while _fSingle serves
+  CScopeInfoKey _fSingle;
+  std::unique_ptr<CScopeInfoKey[]> _fCells;
+};
+
+}  // namespace pysource::scopeinfo
