@@ -57,9 +57,9 @@ need_packages() {
       missing+=("$package")
     fi
   done
-  # Any npm will do, whoever packed it.
+  # Any npm will do, whoever packed it. Debian's trusts the certificates of the machine, of which a bare one has none.
   if ! command -v npm >/dev/null; then
-    missing+=(npm)
+    missing+=(ca-certificates npm)
   fi
   if ((${#missing[@]} > 0)); then
     install_packages "${missing[@]}"
@@ -137,7 +137,7 @@ configure() {
     rm -rf "$dir"
   fi
   mkdir -p "$dir"
-  if ! cmake --preset "$1" "${@:2}" >"$dir/configure.log" 2>&1; then
+  if ! flock build/.lock cmake --preset "$1" "${@:2}" >"$dir/configure.log" 2>&1; then
     # From the first complaint on, without the lines that tell of progress.
     awk '/^CMake (Error|Warning)/ { shown = 1 } shown && !/^-- /' "$dir/configure.log" >&2
     say "CMake could not configure the preset $1; what it says is above, and in full in $dir/configure.log."
@@ -152,7 +152,8 @@ build() {
   local tty=0 announcement=
   [[ ! -t 2 ]] || tty=1
   [[ ${0##*/} != run ]] || announcement="Building the program (some minutes the first time)"
-  if ! cmake --build --preset "$1" "${@:2}" 2>&1 | awk -v tty="$tty" -v announcement="$announcement" '
+  # Two of these at once would write the same files.
+  if ! flock build/.lock cmake --build --preset "$1" "${@:2}" 2>&1 | awk -v tty="$tty" -v announcement="$announcement" '
       # What ninja says of a failure: the target, then a command of many lines width, then the messages.
       after_failure { after_failure = 0; next }
       /^FAILED: / { after_failure = 1 }
