@@ -1,0 +1,118 @@
+// The analysis database on SQLite: what scans found, in one file that survives a kill, shared by
+// any number of processes.
+//
+// How the rows lie, and why, stands in schema.h. What a caller should know:
+//
+//   - A save is one transaction: all of it, or nothing and the answer false. Its reason is then
+//     LastError(). The same holds for a clear.
+//   - It shares its thread with the keyboard: one operation waits for the locks of other processes
+//     for CSqliteDbOptions::lock_wait_ms altogether, and then gives up.
+//   - Files inside the workspace root are named relative to it, so a database moves with its
+//     workspace.
+//   - A damaged row (scopes seen that cannot be decoded) is left out of the answer and reported
+//     through CriticalLog, so that its scan is run again; a read does not throw for it.
+//   - A damaged file is set aside under another name, never deleted, and a new one is begun: at
+//     opening, or when the damage is met later. Reads then answer as from an empty database, and
+//     the next CheckForExternalChanges() tells every file. Message() says what was done.
+//   - A read that fails otherwise (the disk does not answer, a lock is not given) throws
+//     CValueError, which names the database: an empty answer would say that nothing is stored.
+//   - A database that may only be read is read; saves and clears answer false.
+//
+// Everything is called on one thread at a time. kExternalDbContentsChanged is emitted by
+// CheckForExternalChanges() alone, last.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "pysource/host/analysisdb.h"
+#include "pysource/host/location.h"
+#include "pysource/host/text.h"
+
+namespace pysource::standalone {
+
+struct CSqliteDbOptions {
+  std::string path;            // made, with its folder, if it is not there
+  std::string workspace_root;  // files below it are stored relative to it; empty: none
+  int lock_wait_ms = 50;       // the longest that one operation waits for other processes
+};
+
+// One stored row, for those who look at the whole database.
+struct CStoredRow {
+  // Without the scopes seen where they cannot be decoded. for_loc is absent when the database does
+  // not know the file, or it lies in a workspace that was not given.
+  CDatabaseRecord record;
+  Text file;               // the file's name as stored: "w:" and a relative path, or "u:" and a URL
+  DiskTime disk_time = 0;  // of the file
+  Text error;              // what is wrong with the row; empty when nothing is
+};
+
+// What the database holds and what room it takes.
+struct CSqliteDbStats {
+  uint64_t files = 0;        // files with a disk time
+  uint64_t known_files = 0;  // those, and the ones that rows merely refer to
+  uint64_t records = 0;      //
+  std::map<Text, uint64_t> records_by_scan;
+  uint64_t data_bytes = 0;         // encoded records
+  uint64_t equivs_bytes = 0;       // class and import equivalences
+  uint64_t name_bytes = 0;         // scope names
+  uint64_t scopes_seen_bytes = 0;  // those of records that have not seen just their own file
+  uint64_t database_bytes = 0;     // pages of the database, free ones included
+  uint64_t free_bytes = 0;         // of these, in pages that wait to be used again
+  uint64_t cache_bytes = 0;        // memory that SQLite holds for this connection
+};
+
+class CSqliteAnalysisDb final : public CAnalysisDb {
+ public:
+  // Opens the file, or makes it. Throws CValueError, with a message that names the file, when it
+  // cannot be used and not be set aside either: a folder in its place, a place that cannot be
+  // written, a database of another program.
+  CSqliteAnalysisDb(CSqliteDbOptions options, CLocationCache& loc_cache);
+  ~CSqliteAnalysisDb() override;
+
+  // The service. Rows come back with their class and import equivalences. Nothing rides along with
+  // a read: the rows are those of the given scans and scopes.
+  std::vector<Text> ReadScopeNames(Loc loc, TextView primary_scan_name,
+                                   DiskTime disk_mtime) override;
+  std::vector<CDatabaseRecord> ReadScopeDataRecords(Loc loc, const std::vector<Text>& scan_names,
+                                                    const std::vector<Text>& scope_names,
+                                                    DiskTime disk_mtime) override;
+  CScansDoneDict GetScansDone(const CLocMtimeDict& loc_mtime_dict) override;
+  bool SaveDataForFile(Loc loc, const std::vector<CDatabaseRecord>& records, TextView scans_done,
+                       DiskTime disk_mtime) override;
+  bool ClearInfoForFiles(const std::vector<Loc>& loc_list) override;
+  std::vector<CImportEquiv> GetAllImports(const std::vector<Loc>& db_locs,
+                                          TextView primary_scan_name) override;
+  std::vector<CClassEquiv> GetAllClasses(const std::vector<Loc>& db_locs,
+                                         TextView primary_scan_name) override;
+  Text CheckForExternalChanges() override;
+
+  // What was repaired or set aside since this was made, for the program to print, a line each;
+  // empty when nothing.
+  const std::string& Message() const;
+  // Why the last save or clear answered false; empty when it answered true.
+  const std::string& LastError() const;
+  // Whether the database may only be read.
+  bool ReadOnly() const;
+  const std::string& Path() const;
+
+  // Every row, those that no read would hand out included, file by file.
+  void VisitAllRecords(const std::function<void(const CStoredRow&)>& visit);
+  CSqliteDbStats Stats();
+  // SQLite's own check of every page, then of every row; what is wrong, a line each.
+  std::vector<Text> Verify();
+
+ private:
+  class CImpl;
+
+  // Ends the connection. Reads then answer nothing, and saves false.
+  void _destroy_impl() override;
+
+  const std::unique_ptr<CImpl> _fImpl;
+};
+
+}  // namespace pysource::standalone
