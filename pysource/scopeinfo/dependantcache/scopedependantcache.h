@@ -90,9 +90,11 @@ class CScopeDependantCache final : public CScopeDependency {
   }
 
   // The keys that rest on one of the named scopes of the file, or on the file as a whole (the scope
-  // "*"); with kWildcardScope among the names, those that rest on any scope of it. A new set.
-  KeySet GetDependentKeys(Loc loc, const TextSet& scope_name_set) const {
-    KeySet keys;
+  // "*"); with kWildcardScope among the names, those that rest on any scope of it. A new set, of a type
+  // that the caller can choose.
+  template <class Set = KeySet>
+  Set GetDependentKeys(Loc loc, const TextSet& scope_name_set) const {
+    Set keys;
     for (const EntryId entry : DependentEntries(loc, scope_name_set)) {
       keys.insert(_fCache.At(entry).first);
     }

@@ -1,0 +1,38 @@
+// What per-file entries and key indexes ask of the cache that owns them.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "pysource/host/location.h"
+#include "pysource/host/logger.h"
+#include "pysource/host/text.h"
+#include "pysource/scopeinfo/serialized/scopeinfoserializer.h"
+
+namespace pysource::scopeinfo {
+
+class CCrossFileData;
+class CPerFileEntry;
+
+// Entries are held by shared ownership: a read of one file may trim another out of the cache while
+// an operation up the stack still works on it.
+using CPerFilePtr = std::shared_ptr<CPerFileEntry>;
+
+// Implemented by CInfoCache, on the floor above. Narrow on purpose: an entry reads the scan names,
+// finds other entries and decodes records; it never emits, writes or trims.
+class CFileStateOwner {
+ public:
+  virtual ~CFileStateOwner();
+
+  // The scan names; the first is the primary scan.
+  virtual const std::vector<Text>& ScanNames() const = 0;
+  virtual CCrossFileData& CrossFileData() = 0;
+  virtual CScopeInfoSerializer& InfoSerializer() = 0;
+  virtual const CLogger& Log() const = 0;
+  // The entry of the file if there is one; never makes one, and never asks the database.
+  virtual CPerFilePtr FindPerFile(Loc loc) const = 0;
+  // The entry of the file, brought up to date with the database; null only without `create`.
+  virtual CPerFilePtr GetPerFile(Loc loc, bool create) = 0;
+};
+
+}  // namespace pysource::scopeinfo

@@ -1,0 +1,119 @@
+// From the records of a scope to the list that is merged: which of them can be trusted, and which
+// scans would make the answer better.
+#include "pysource/host/assertions.h"
+#include "pysource/host/repr.h"
+#include "pysource/scopeinfo/filestate/perfileentry.h"
+
+namespace pysource::scopeinfo {
+
+void CPerFileEntry::AddToNeedsScanDict(CNeedsScanDict& needs_scan_dict, Loc scanned_loc,
+                                       TextView scanned_scope, TextView scan_name) {
+  TextSet* scan_names = needs_scan_dict.Find(CScopeRefView(scanned_loc, scanned_scope));
+  if (scan_names == nullptr) {
+    scan_names = &needs_scan_dict.Set(CScopeRef{scanned_loc, Text(scanned_scope)}, TextSet());
+  }
+  scan_names->emplace(scan_name);
+}
+
+bool CPerFileEntry::_CheckScopesSeen(const CScopesSeenDict& scopes_seen) {
+  for (const auto& [scope, mtime] : scopes_seen) {
+    CPerFilePtr per_file = fInfoCache.FindPerFile(scope.loc);
+    if (per_file == nullptr) {
+      // Made, so that the file's present time is known.
+      per_file = GetOtherPerFile(scope.loc, true);
+    }
+    if (per_file->disk_mtime != mtime) {
+      fInfoCache.Log()("mtimes mismatch for %r: %r != %r", scope.loc, mtime, per_file->disk_mtime);
+      return false;
+    }
+  }
+  return true;
+}
+
+CScopeInfoPtr CPerFileEntry::CreateInfoFromSerializedRecord(TextView scope_name,
+                                                            const CSerializedRecord& record) {
+  const BytesView data = BytesView(record.data);
+  const CScopeInfoKey key =
+      record.key.for_scope() == scope_name
+          ? record.key
+          : CScopeInfoKey(loc, scope_name, record.key.scan_name(), record.key.scanned_loc(),
+                          record.key.scanned_scope());
+  return fInfoCache.InfoSerializer().ReadScopeInfo(key, disk_mtime, record.incomplete, data);
+}
+
+CScopeInfoPtr CPerFileEntry::GetScopeInfoForKey(const CScopeInfoKey& key,
+                                                const CSerializedRecord& record) {
+  if (CScopeInfoPtr info = _fCrossFileData.LookupExistingSourceInfo(key)) {
+    return info;
+  }
+  CScopeInfoPtr info = CreateInfoFromSerializedRecord(key.for_scope(), record);
+  if (info == nullptr) {
+    Assert(false, FormatBraces("Could not create CScopeInfo for {}", {key}));
+    return nullptr;
+  }
+  _fCrossFileData.UpdateExistingSourceInfo(key, info);
+  return info;
+}
+
+std::optional<std::vector<CScopeInfoPtr>> CPerFileEntry::GetInfoListToMerge(
+    TextView scope_name, CScopeRefSet& all_scopes_seen, CNeedsScanDict& needs_scan_dict) {
+  RecordList* const record_list = serialized_data_dict.Find(scope_name);
+  if (record_list == nullptr) {
+    return std::nullopt;
+  }
+  const TextView primary_scan_name = fInfoCache.ScanNames()[0];
+  std::vector<CScopeInfoPtr> info_list;
+  CScopeInfoPtr primary_info;
+  for (const CSerializedRecord& record : *record_list) {
+    const CScopeInfoKey key = record.key;
+    const auto scanned_scope = key.scanned_scope();
+    const auto report = [&] {
+      AddToNeedsScanDict(needs_scan_dict, key.scanned_loc(), scanned_scope.value_or(TextView()),
+                         key.scan_name().value_or(TextView()));
+    };
+    if (record.scopes_seen != nullptr) {
+      for (const auto& [scope, mtime] : *record.scopes_seen) {
+        all_scopes_seen.insert(scope);
+      }
+    }
+    CScopeInfoPtr info;
+    if (_fCrossFileData._fAllNeedsScanInfoKeys.contains(key)) {
+      report();
+    } else {
+      // A live record is taken as it is: its key would have been marked if it were stale.
+      info = _fCrossFileData.LookupExistingSourceInfo(key);
+      if (info == nullptr) {
+        if (record.scopes_seen == nullptr || _CheckScopesSeen(*record.scopes_seen)) {
+          info = GetScopeInfoForKey(key, record);
+        } else {
+          fInfoCache.Log()("_CheckScopesSeen failed for %r: %r", key.scanned_loc(), scanned_scope);
+          _fCrossFileData.AddNeedsScanInfoKey(key);
+          report();
+        }
+      }
+    }
+    if (info == nullptr || info->does_not_exist) {
+      continue;
+    }
+    // The scanned location is not compared: a scope of this name scanned in whatever file by the
+    // primary scan serves as the primary record.
+    if (scanned_scope == scope_name && key.scan_name() == primary_scan_name) {
+      if (primary_info == nullptr) {
+        primary_info = info;
+        primary_info_dict.Set(Text(scope_name), info);
+        info_list.insert(info_list.begin(), info);
+      }
+      all_scopes_seen.insert(CScopeRef{loc, Text(scope_name)});
+    } else {
+      info_list.push_back(info);
+    }
+  }
+  if (primary_info == nullptr) {
+    // Derived records alone make no answer.
+    AddToNeedsScanDict(needs_scan_dict, loc, scope_name, primary_scan_name);
+    return std::nullopt;
+  }
+  return info_list;
+}
+
+}  // namespace pysource::scopeinfo
