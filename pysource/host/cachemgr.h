@@ -12,7 +12,7 @@ class CCacheBuffer {
   virtual ~CCacheBuffer();
   virtual bool IsModified() const = 0;
   // The modification time of the file when it was last read or written.
-  virtual DiskTime _GetLastKnownModTime() const = 0;
+  virtual DiskTime GetLastKnownModTime() const = 0;
 };
 
 class CCacheManager {

@@ -40,9 +40,9 @@ class CSavable : public CDestroyable {
  public:
   explicit CSavable(Loc loc);
   ~CSavable() override;
-  virtual bool _GetInitialReadCompleted() const = 0;
+  virtual bool GetInitialReadCompleted() const = 0;
   // The modification time of the file when it was last read or written.
-  virtual DiskTime _GetLastKnownModTime() const = 0;
+  virtual DiskTime GetLastKnownModTime() const = 0;
 
   const Loc fLocation;
 };

@@ -205,8 +205,8 @@ CScopeInfoPtr CreateImplicitPackageInfo(Loc init_loc, const std::vector<Text>& n
       CScopeInfoKey(init_loc, kModuleScopeName, std::nullopt, init_loc, kPackageDirScope),
       BytesView(), kFileModifiedInMemoryMtime, false);
   for (const Text& name : name_list) {
-    info->_SetInfoBytes(name, gInfoBytesBuilder.SetInfo(-1) + kInfoBytesSep +
-                                  gInfoBytesBuilder.FromImportInfo(".", name));
+    info->SetInfoBytes(name, gInfoBytesBuilder.SetInfo(-1) + kInfoBytesSep +
+                                 gInfoBytesBuilder.FromImportInfo(".", name));
   }
   info->FinishedBuilding();
   return info;

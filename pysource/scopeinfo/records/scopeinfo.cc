@@ -107,7 +107,7 @@ const Bytes& CScopeInfo::GetSerializedData() const {
   return *_serialized_data;
 }
 
-bool CScopeInfo::_IsNameFilteredOut(TextView name) const {
+bool CScopeInfo::IsNameFilteredOut(TextView name) const {
   if (!from_import_star) {
     return false;
   }
@@ -120,11 +120,11 @@ Text CScopeInfo::Repr() const {
       {loc, pysource::Repr(for_scope), pysource::Repr(scanned_scope), disk_mtime, incomplete});
 }
 
-void CScopeInfo::_SetInfoBytes(TextView name, BytesView ibytes, bool inst) {
+void CScopeInfo::SetInfoBytes(TextView name, BytesView ibytes, bool inst) {
   (inst ? Present(inst_type_equivs, "inst_type_equivs") : type_equivs).Set(name, ibytes);
 }
 
-void CScopeInfo::_SetDomainSeq(TextView name, const std::vector<BytesView>& domain_seq, bool inst) {
+void CScopeInfo::SetDomainSeq(TextView name, const std::vector<BytesView>& domain_seq, bool inst) {
   CStrDict& domains =
       inst ? Present(_inst_domains, "_inst_domains") : Present(_domains, "_domains");
   Bytes joined;

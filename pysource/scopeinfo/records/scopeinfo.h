@@ -27,7 +27,7 @@ extern const std::shared_ptr<const CScopeInfoKeySet> kEmptyKeySet;
 // it and calls FinishedBuilding; from then on the info cache owns it and readers query it.
 //
 //   auto info = std::make_shared<CScopeInfo>(key, ":cC(Base)", disk_mtime, /*incomplete=*/false);
-//   info->_SetInfoBytes("x", ":s3;:lint");
+//   info->SetInfoBytes("x", ":s3;:lint");
 //   info->FinishedBuilding();
 //
 // Whoever is handed a merged record shares it with the cache and must not change it.
@@ -57,8 +57,8 @@ class CScopeInfo {
                                         std::optional<BytesView> fallback = std::nullopt,
                                         bool inst = false) const;
   // The same for callers that hold no typed access.
-  std::optional<BytesView> _BytecodeGetInfoBytes(TextView name, std::optional<BytesView> fallback,
-                                                 bool inst) const {
+  std::optional<BytesView> BytecodeGetInfoBytes(TextView name, std::optional<BytesView> fallback,
+                                                bool inst) const {
     return GetInfoBytes(name, fallback, inst);
   }
 
@@ -73,7 +73,7 @@ class CScopeInfo {
   const Bytes& GetSerializedData() const;
 
   // Whether a copy made for "from m import *" leaves the name out.
-  bool _IsNameFilteredOut(TextView name) const;
+  bool IsNameFilteredOut(TextView name) const;
 
   // "CScopeInfo(loc, for_scope, scanned_scope, disk_mtime, incomplete)".
   Text Repr() const;
@@ -82,9 +82,9 @@ class CScopeInfo {
 
   // Stores the info bytes of a name, replacing what was there. Throws CTypeError with `inst` while
   // inst_type_equivs is absent: a builder that sets instance information assigns it first.
-  void _SetInfoBytes(TextView name, BytesView ibytes, bool inst = false);
+  void SetInfoBytes(TextView name, BytesView ibytes, bool inst = false);
   // Stores the items joined with ";", under the same rule for _domains and _inst_domains.
-  void _SetDomainSeq(TextView name, const std::vector<BytesView>& domain_seq, bool inst = false);
+  void SetDomainSeq(TextView name, const std::vector<BytesView>& domain_seq, bool inst = false);
   // Every builder calls it last. Changes nothing; asserts that every name is well-formed text.
   void FinishedBuilding() const;
 
@@ -129,7 +129,7 @@ class CScopeInfo {
   std::shared_ptr<const CScopeInfoKeySet>
       merged_keys;                        // of all that was merged in, its own included
   bool from_import_star = false;          // set only by Copy: names are subject to
-  std::optional<TextSet> import_all_set;  //   _IsNameFilteredOut, by these names if present
+  std::optional<TextSet> import_all_set;  //   IsNameFilteredOut, by these names if present
 
  private:
   void MergeContent(const CScopeInfo& to_merge, bool inst_only);

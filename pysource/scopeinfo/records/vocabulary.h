@@ -26,7 +26,8 @@ inline constexpr float kFileUnknownOnDiskMtime = 1.0F;
 // Whether the time names a state of the disk: a real time (above 1.0) or the mark of a missing
 // file.
 constexpr bool ValidOnDiskMtime(DiskTime mtime) {
-  return mtime > kFileUnknownOnDiskMtime || mtime == kFileDoesNotExistMtime;
+  return mtime > static_cast<DiskTime>(kFileUnknownOnDiskMtime) ||
+         mtime == static_cast<DiskTime>(kFileDoesNotExistMtime);
 }
 
 // Prints diagnostics of merges of more than 20 records. Off; set it here while looking for a scope
