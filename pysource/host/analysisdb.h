@@ -29,6 +29,9 @@ struct CDatabaseRecord {
   Bytes import_equivs;                // 7: import items joined with ";"
   Bytes data;                         // 8: the encoded record
   int64_t reserved = -1;              // 9: always -1
+
+  // All ten elements in order, as a tuple.
+  Text Repr() const;
 };
 
 // An import found in a scope of a file.

@@ -4,12 +4,20 @@
 #include "pysource/host/analysismgr.h"
 #include "pysource/host/cachemgr.h"
 #include "pysource/host/infocachebase.h"
+#include "pysource/host/repr.h"
 #include "pysource/host/savable.h"
 #include "pysource/host/singleton.h"
 
 namespace pysource {
 
 CInfoCacheBase::~CInfoCacheBase() = default;
+
+Text CDatabaseRecord::Repr() const {
+  return FormatBraces("({}, {}, {}, {}, {}, {}, {}, {}, {}, {})",
+                      {for_loc, pysource::Repr(for_scope), pysource::Repr(scan_name), scanned_loc,
+                       pysource::Repr(scanned_scope), scopes_seen, pysource::Repr(class_equivs),
+                       pysource::Repr(import_equivs), pysource::Repr(data), reserved});
+}
 
 CAnalysisDb::CAnalysisDb() : CDestroyable({kExternalDbContentsChanged.name}) {}
 CAnalysisDb::~CAnalysisDb() = default;

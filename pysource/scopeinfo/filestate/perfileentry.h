@@ -84,7 +84,7 @@ class CPerFileEntry {
   // How many records are in memory, of the whole file or of one scope.
   size_t GetSerializedDataCount() const;
   size_t GetSerializedDataCount(TextView scope_name) const;
-  size_t _DbgGetSerializedDataCount(TextView scope_name) const {
+  size_t DbgGetSerializedDataCount(TextView scope_name) const {
     return GetSerializedDataCount(scope_name);
   }
 
@@ -97,7 +97,7 @@ class CPerFileEntry {
                                                                CScopeRefSet& all_scopes_seen,
                                                                CNeedsScanDict& needs_scan_dict);
   // Whether every file still has the time at which it was seen.
-  bool _CheckScopesSeen(const CScopesSeenDict& scopes_seen);
+  bool CheckScopesSeen(const CScopesSeenDict& scopes_seen);
   static void AddToNeedsScanDict(CNeedsScanDict& needs_scan_dict, Loc scanned_loc,
                                  TextView scanned_scope, TextView scan_name);
   // A new record object, without scopes seen; null when the data cannot be decoded.

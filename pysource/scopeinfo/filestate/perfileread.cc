@@ -15,7 +15,7 @@ void CPerFileEntry::AddToNeedsScanDict(CNeedsScanDict& needs_scan_dict, Loc scan
   scan_names->emplace(scan_name);
 }
 
-bool CPerFileEntry::_CheckScopesSeen(const CScopesSeenDict& scopes_seen) {
+bool CPerFileEntry::CheckScopesSeen(const CScopesSeenDict& scopes_seen) {
   for (const auto& [scope, mtime] : scopes_seen) {
     CPerFilePtr per_file = fInfoCache.FindPerFile(scope.loc);
     if (per_file == nullptr) {
@@ -83,7 +83,7 @@ std::optional<std::vector<CScopeInfoPtr>> CPerFileEntry::GetInfoListToMerge(
       // A live record is taken as it is: its key would have been marked if it were stale.
       info = _fCrossFileData.LookupExistingSourceInfo(key);
       if (info == nullptr) {
-        if (record.scopes_seen == nullptr || _CheckScopesSeen(*record.scopes_seen)) {
+        if (record.scopes_seen == nullptr || CheckScopesSeen(*record.scopes_seen)) {
           info = GetScopeInfoForKey(key, record);
         } else {
           fInfoCache.Log()("_CheckScopesSeen failed for %r: %r", key.scanned_loc(), scanned_scope);

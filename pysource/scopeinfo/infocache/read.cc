@@ -1,0 +1,325 @@
+// From a request to a merged record, by way of memory and the database.
+#include <algorithm>
+
+#include "pysource/host/assertions.h"
+#include "pysource/host/singleton.h"
+#include "pysource/host/symbolinfo.h"
+#include "pysource/scopeinfo/infocache/infocache.h"
+#include "pysource/scopeinfo/records/mergescopeinfo.h"
+#include "pysource/scopeinfo/records/vocabulary.h"
+
+namespace pysource::scopeinfo {
+namespace {
+
+const CSecondaryFiles& NoSecondaryFiles() {
+  static const CSecondaryFiles kNone = std::make_shared<const std::vector<Loc>>();
+  return kNone;
+}
+
+bool IsScanDone(const CPerFileEntry& per_file, TextView scan_name) {
+  return per_file.fScansDone.find(scan_name) != Text::npos;
+}
+
+}  // namespace
+
+Text CInfoCache::CMergedKey::Repr() const {
+  return FormatBraces("({}, {}, {})", {loc, pysource::Repr(scope_name), *other_locs});
+}
+
+CScopeInfoPtr CInfoCache::GetScopeInfo(Loc loc, TextView scope_name, bool merge_secondary,
+                                       CNeedsScanDict* needs_scan_dict) {
+  Assert(needs_scan_dict == nullptr || needs_scan_dict->empty());
+  Assert(static_cast<bool>(loc));
+  if (!loc) {
+    // The one bad argument that is survived when assertions are off: editors ask for what is under
+    // the cursor, and there is not always a file under it.
+    fLog("None loc passed to GetScopeInfo()");
+    return nullptr;
+  }
+  const CPerFilePtr per_file = GetPerFile(loc, true);
+  const CSecondaryFiles other_locs = merge_secondary ? GetSecondaryFiles(loc) : NoSecondaryFiles();
+
+  const CMergedKeyView merged_key(loc, scope_name, *other_locs);
+  if (const auto found = _fMergedInfoCache.LookupInCache(merged_key); found.value != nullptr) {
+    if (needs_scan_dict != nullptr) {
+      for (const auto& [scope, scan_names] : found.value->needs_scan_dict) {
+        needs_scan_dict->Set(scope, scan_names);
+      }
+    }
+    CScopeInfoPtr merged_info = found.value->merged_info;
+    MarkReturned(loc, scope_name);
+    // The record takes on the present time, whatever it was merged under.
+    merged_info->disk_mtime = per_file->disk_mtime;
+    return merged_info;
+  }
+
+  const bool log_is_open = fLog.fOutputFile != nullptr;
+  if (log_is_open) {
+    fLog("GetScopeInfo(%r, %r): not in _fMergedInfoCache", loc, scope_name);
+  }
+  CScopeRefSet all_scopes_seen;
+  CNeedsScanDict own_needs_scan_dict;
+  CNeedsScanDict& needs_scan = needs_scan_dict != nullptr ? *needs_scan_dict : own_needs_scan_dict;
+
+  if (per_file->GetSerializedDataCount(scope_name) == 0) {
+    if (per_file->db_scope_names_not_loaded.contains(scope_name)) {
+      ReadScopeInfoListFromDb(*per_file, {Text(scope_name)});
+    } else if (IsInNoFile(*per_file, scope_name, *other_locs, needs_scan)) {
+      if (log_is_open) {
+        fLog("GetScopeInfo(%r, %r): not in any file\n  needs_scan_dict = %r", loc, scope_name,
+             needs_scan);
+        fLog("  scans_done = %r", per_file->fScansDone);
+        fLog("  all_db_scope_names = %r", per_file->all_db_scope_names);
+      }
+      return nullptr;
+    }
+  }
+
+  std::optional<std::vector<CScopeInfoPtr>> info_list =
+      per_file->GetInfoListToMerge(scope_name, all_scopes_seen, needs_scan);
+  for (const Loc other_loc : *other_locs) {
+    const CPerFilePtr other_per_file = GetPerFile(other_loc, true);
+    if (other_per_file == nullptr) {
+      continue;
+    }
+    if (other_per_file->GetSerializedDataCount(scope_name) == 0) {
+      ReadSecondaryScope(other_loc, *other_per_file, scope_name, needs_scan);
+    }
+    auto other_list = other_per_file->GetInfoListToMerge(scope_name, all_scopes_seen, needs_scan);
+    if (!other_list) {
+      continue;
+    }
+    if (!info_list) {
+      info_list = std::move(other_list);
+    } else {
+      info_list->insert(info_list->end(), other_list->begin(), other_list->end());
+    }
+  }
+  if (!info_list) {
+    fLog("GetScopeInfo(%r, %r): info_list is None\n  needs_scan_dict = %r", loc, scope_name,
+         needs_scan);
+    return nullptr;
+  }
+
+  const CScopeInfoPtr first = info_list->front();
+  info_list->erase(info_list->begin());
+  // Merged into a copy: the stored record stays as the scan made it, and a merged one has no scan.
+  CScopeInfoPtr merged_info = MergeScopeInfoSeq(first->Copy(), *info_list, {});
+  for (const auto& [scope, scan_names] : needs_scan) {
+    // So that the answer is purged also when a scope that still has to be scanned changes.
+    all_scopes_seen.insert(scope);
+  }
+  _fMergedInfoCache.AddToCache(CMergedKey{loc, Text(scope_name), other_locs},
+                               CMergedValue{merged_info, needs_scan}, all_scopes_seen);
+  MarkReturned(loc, scope_name);
+  if (log_is_open) {
+    fLog("GetScopeInfo(%r, %r): returning merged_info\n  needs_scan_dict = %r", loc, scope_name,
+         needs_scan);
+  }
+  return merged_info;
+}
+
+// Whether there is content to scan. A file with unsaved changes has some, without asking the disk.
+bool CInfoCache::IsContentThere(const CPerFileEntry& per_file) const {
+  return per_file.disk_mtime == kFileModifiedInMemoryMtime || per_file.loc->DoesResourceExist();
+}
+
+// Nothing of the scope is in memory or unread for the file itself. Asks for its primary scan if
+// that was not done, and brings in what the secondary files have. True when none of them has
+// anything.
+bool CInfoCache::IsInNoFile(CPerFileEntry& per_file, TextView scope_name,
+                            const std::vector<Loc>& other_locs, CNeedsScanDict& needs_scan_dict) {
+  bool not_in_any_file = true;
+  const Text& primary_scan_name = PrimaryScanName();
+  if (!IsScanDone(per_file, primary_scan_name) && IsContentThere(per_file)) {
+    CPerFileEntry::AddToNeedsScanDict(needs_scan_dict, per_file.loc, scope_name, primary_scan_name);
+  }
+  if (IsTopLevelModuleScope(scope_name) && per_file.IsPrimaryScanDone() &&
+      IsContentThere(per_file)) {
+    // The scan claims to be done and gave no module scope. Nothing is repaired; it is asked for
+    // again.
+    CriticalLog("GetScopeInfo(%r, %r): top level module scope not read when primary scan is done",
+                per_file.loc, scope_name);
+    CriticalLog("  scans_done = %r", per_file.fScansDone);
+    CriticalLog("  all_db_scope_names = %r", per_file.all_db_scope_names);
+    CPerFileEntry::AddToNeedsScanDict(needs_scan_dict, per_file.loc, scope_name, primary_scan_name);
+  }
+  for (const Loc other_loc : other_locs) {
+    const CPerFilePtr other_per_file = GetPerFile(other_loc, true);
+    if (other_per_file == nullptr) {
+      continue;
+    }
+    if (other_per_file->GetSerializedDataCount(scope_name) != 0) {
+      not_in_any_file = false;
+      continue;
+    }
+    if (other_per_file->db_scope_names_not_loaded.contains(scope_name)) {
+      not_in_any_file = false;
+    }
+    ReadSecondaryScope(other_loc, *other_per_file, scope_name, needs_scan_dict);
+  }
+  return not_in_any_file;
+}
+
+// Reads the scope of a secondary file if it is unread, and asks for the primary scan of that file
+// if there is still nothing.
+void CInfoCache::ReadSecondaryScope(Loc other_loc, CPerFileEntry& other_per_file,
+                                    TextView scope_name, CNeedsScanDict& needs_scan_dict) {
+  const Text& primary_scan_name = PrimaryScanName();
+  if (other_per_file.db_scope_names_not_loaded.contains(scope_name)) {
+    ReadScopeInfoListFromDb(other_per_file, {Text(scope_name)});
+  }
+  if (other_per_file.GetSerializedDataCount(scope_name) == 0 &&
+      !IsScanDone(other_per_file, primary_scan_name) && other_loc->DoesResourceExist()) {
+    CPerFileEntry::AddToNeedsScanDict(needs_scan_dict, other_loc, scope_name, primary_scan_name);
+  }
+}
+
+std::vector<CScopeInfoPtr> CInfoCache::GetMultipleScopeInfos(
+    Loc loc, const std::vector<Text>& scope_name_seq, bool merge_secondary) {
+  const CPerFilePtr per_file = GetPerFile(loc, true);
+  TextSet not_in_serialized;
+  for (const Text& name : scope_name_seq) {
+    if (!per_file->serialized_data_dict.Contains(name)) {
+      not_in_serialized.insert(name);
+    }
+  }
+  if (!not_in_serialized.empty()) {
+    ReadScopeInfoListFromDb(*per_file, {not_in_serialized.begin(), not_in_serialized.end()});
+  }
+  std::vector<CScopeInfoPtr> infos;
+  infos.reserve(scope_name_seq.size());
+  for (const Text& name : scope_name_seq) {
+    infos.push_back(GetScopeInfo(loc, name, merge_secondary));
+  }
+  return infos;
+}
+
+TextSet CInfoCache::GetAllScopeNames(Loc loc, bool include_inst_scopes,
+                                     bool include_secondary_files) {
+  TextSet all_scope_names = GetPerFile(loc, true)->GetAllScopeNames();
+  if (include_secondary_files) {
+    // Secondary files bring in no further secondary files.
+    for (const Loc secondary_loc : *GetSecondaryFiles(loc)) {
+      all_scope_names.merge(GetAllScopeNames(secondary_loc, false, false));
+    }
+  }
+  if (!include_inst_scopes) {
+    std::erase_if(all_scope_names, [](const Text& name) { return IsInstanceScope(name); });
+  }
+  return all_scope_names;
+}
+
+CSecondaryFiles CInfoCache::GetSecondaryFiles(Loc loc) {
+  if (const CSecondaryFiles* const known = _fSecondaryFiles.Find(loc)) {
+    return *known;
+  }
+  CAnalysisFactory& factory = *singleton::GetSingletons().fAnalysisMgr->fAnalysisFactory;
+  std::vector<Loc> locs = factory.GetSecondaryLocations(loc);
+  const CSecondaryFiles secondary =
+      locs.empty() ? NoSecondaryFiles() : std::make_shared<const std::vector<Loc>>(std::move(locs));
+  _fSecondaryFiles.Set(loc, secondary);
+  for (const Loc secondary_loc : *secondary) {
+    _fReverseSecondaryFiles.GetOrMake(secondary_loc).insert(loc);
+  }
+  return secondary;
+}
+
+std::vector<Text> CInfoCache::GetScopeNamesToReadFromDb(const CPerFileEntry& per_file,
+                                                        TextView scope_name) const {
+  // Room left before the cache is full; can be zero or negative.
+  ptrdiff_t max_to_read = _fMaxInfoCount - static_cast<ptrdiff_t>(_fUsedScopesDict.length());
+  const TextSet& not_loaded = per_file.db_scope_names_not_loaded;
+  if (!not_loaded.contains(scope_name)) {
+    return {};
+  }
+  const auto unread = static_cast<ptrdiff_t>(not_loaded.size());
+  const auto primaries = static_cast<double>(per_file.primary_info_dict.size());
+  if (unread < _fMaxForAllScopeRead && unread <= max_to_read &&
+      primaries < static_cast<double>(_fMaxForAllScopeRead) * 0.5) {
+    return {Text(kWildcardScope)};
+  }
+  if (IsTopLevelModuleScope(scope_name)) {
+    return {Text(kModuleScopeName)};
+  }
+  std::vector<Text> result{Text(scope_name)};
+  max_to_read = std::min(max_to_read, _fMaxForAllScopeRead);
+  if (max_to_read > 0 && not_loaded.contains(kModuleScopeName)) {
+    result.emplace_back(kModuleScopeName);
+  }
+  for (auto name = not_loaded.begin();
+       name != not_loaded.end() && static_cast<ptrdiff_t>(result.size()) < max_to_read; ++name) {
+    if (*name != kModuleScopeName && *name != scope_name &&
+        !per_file.serialized_data_dict.Contains(*name)) {
+      result.push_back(*name);
+    }
+  }
+  return result;
+}
+
+void CInfoCache::ReadScopeInfoListFromDb(CPerFileEntry& per_file,
+                                         std::vector<Text> scope_name_list) {
+  if (static_cast<ptrdiff_t>(_fUsedScopesDict.length()) + 1 >= _fMaxInfoCount) {
+    TrimNotModified(_fMaxInfoCount - 3 * _fMaxForAllScopeRead, _fMaxInfoCount / 4, &per_file);
+  }
+  if (scope_name_list.size() == 1) {
+    const Text name = std::move(scope_name_list[0]);
+    scope_name_list.clear();
+    if (per_file.db_scope_names_not_loaded.contains(name)) {
+      scope_name_list = GetScopeNamesToReadFromDb(per_file, name);
+    }
+  }
+  if (scope_name_list.empty()) {
+    return;
+  }
+  const bool is_wildcard_read = std::find(scope_name_list.begin(), scope_name_list.end(),
+                                          kWildcardScope) != scope_name_list.end();
+  const std::vector<CDatabaseRecord> records =
+      Db().ReadScopeDataRecords(per_file.loc, fScanNames, scope_name_list, per_file.disk_mtime);
+  for (const CDatabaseRecord& row : records) {
+    const CScopeInfoKey key(row.for_loc, row.for_scope, row.scan_name, row.scanned_loc,
+                            row.scanned_scope);
+    Assert(row.for_loc == per_file.loc);
+    if (_fCrossFileData._fAllInfoKeys.contains(key)) {
+      // After a wildcard read this is expected; a name that was asked for should not have been
+      // there.
+      if (!is_wildcard_read) {
+        PrintLine(FormatBraces("Read key already in memory: {}", {key}));
+      }
+      continue;
+    }
+    _fCrossFileData.AddInfoKey(key, nullptr, false);
+    _fCrossFileData.AddInDatabaseInfoKey(key);
+    per_file.SetSerializedRecord(key, row.data, BytesView(), BytesView(), false, row.scopes_seen,
+                                 false, nullptr);
+    if (row.scopes_seen != nullptr) {
+      for (const auto& [scope, mtime] : *row.scopes_seen) {
+        if (!ValidOnDiskMtime(mtime)) {
+          // It rests on a file without a valid time: stale from the moment it is read.
+          _fCrossFileData.AddNeedsScanInfoKey(key);
+          break;
+        }
+      }
+    }
+    MarkPresent(row.for_loc, row.for_scope);
+  }
+  ScheduleIdle();
+}
+
+// Notes that the scope was returned, which counts as a use. A known one costs no allocation.
+void CInfoCache::MarkReturned(Loc loc, TextView scope_name) {
+  if (bool* const returned = _fUsedScopesDict.Get(CScopeRefView(loc, scope_name))) {
+    *returned = true;
+  } else {
+    _fUsedScopesDict.Set(CScopeRef{loc, Text(scope_name)}, true);
+  }
+}
+
+// Notes that the scope is in memory, without counting it as a use.
+void CInfoCache::MarkPresent(Loc loc, TextView scope_name) {
+  if (!_fUsedScopesDict.Contains(CScopeRefView(loc, scope_name))) {
+    _fUsedScopesDict.Set(CScopeRef{loc, Text(scope_name)}, false, false);
+  }
+}
+
+}  // namespace pysource::scopeinfo

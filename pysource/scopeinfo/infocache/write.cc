@@ -1,0 +1,212 @@
+// What is unwritten reaches the database: one call a file, with all its records.
+#include <algorithm>
+#include <set>
+
+#include "pysource/host/assertions.h"
+#include "pysource/host/errors.h"
+#include "pysource/host/symbolinfo.h"
+#include "pysource/scopeinfo/infocache/infocache.h"
+#include "pysource/scopeinfo/records/vocabulary.h"
+
+namespace pysource::scopeinfo {
+namespace {
+
+constexpr unsigned kWriteDelayMs = 500;
+constexpr char kScanNameSep = ',';
+
+// The names in the text, sorted.
+std::set<Text, std::less<>> SplitScansDone(TextView scans_done) {
+  std::set<Text, std::less<>> names;
+  while (!scans_done.empty()) {
+    const size_t end = scans_done.find(kScanNameSep);
+    names.emplace(scans_done.substr(0, end));
+    scans_done.remove_prefix(end == TextView::npos ? scans_done.size() : end + 1);
+  }
+  return names;
+}
+
+}  // namespace
+
+void CInfoCache::WriteToDatabase() {
+  CancelWriteToDatabaseTimeout();
+  std::vector<CPerFilePtr> per_files;
+  per_files.reserve(_fPerFileDict.size());
+  for (const auto& [loc, per_file] : _fPerFileDict) {
+    per_files.push_back(per_file);
+  }
+  WriteFilesToDatabase(per_files);
+}
+
+void CInfoCache::WriteToDatabase(const std::vector<Loc>& loc_seq) {
+  CancelWriteToDatabaseTimeout();
+  std::vector<CPerFilePtr> per_files;
+  for (const Loc loc : loc_seq) {
+    if (CPerFilePtr per_file = FindPerFile(loc)) {
+      per_files.push_back(std::move(per_file));
+    }
+  }
+  WriteFilesToDatabase(per_files);
+}
+
+void CInfoCache::WriteFilesToDatabase(const std::vector<CPerFilePtr>& per_files) {
+  for (const CPerFilePtr& per_file : per_files) {
+    bool cleared = false;
+    if (per_file->clear_db) {
+      cleared = Db().ClearInfoForFiles({per_file->loc});
+      if (cleared) {
+        per_file->clear_db = false;
+        if (!per_file->fScansDone.empty()) {
+          per_file->fScansDoneNeedsToBeWritten = true;
+        }
+      }
+    }
+    // Only a real time on disk is written under: what is modified in memory or missing keeps its
+    // keys queued, unmarked, until it is on disk again.
+    if (!(per_file->disk_mtime > kFileDoesNotExistMtime)) {
+      continue;
+    }
+    if (_fCrossFileData.GetToWriteInfoKeyCount(per_file->loc) != 0) {
+      WriteOneFileToDatabase(*per_file);
+    } else if (!cleared) {
+      // In the pass that cleared the file its scans done are held back: they go out with the next,
+      // when the rows that they speak of may be there too.
+      WriteScansDoneToDatabase(*per_file);
+    }
+  }
+}
+
+void CInfoCache::WriteOneFileToDatabase(CPerFileEntry& per_file) {
+  const CScopeInfoKeySet key_set = _fCrossFileData.GetToWriteInfoKeys(per_file.loc);
+  const auto [to_write_list, not_writable_set] = per_file.GetDatabaseRecords(key_set);
+  bool saved = false;
+  if (!to_write_list.empty()) {
+    if (not_writable_set) {
+      for (const CScopeInfoKey& info_key : *not_writable_set) {
+        if (info_key.scan_name() == PrimaryScanName()) {
+          // A file whose primary scan cannot be written in full claims no scan as done.
+          per_file.SetScansDone("");
+          break;
+        }
+      }
+    }
+    saved =
+        Db().SaveDataForFile(per_file.loc, to_write_list, per_file.fScansDone, per_file.disk_mtime);
+  }
+  if (kDevelopmentRun() && saved && !per_file.fScansDone.empty()) {
+    const std::vector<Text> names_in_db =
+        Db().ReadScopeNames(per_file.loc, PrimaryScanName(), per_file.disk_mtime);
+    if (std::find(names_in_db.begin(), names_in_db.end(), kModuleScopeName) == names_in_db.end()) {
+      PrintLine("__WriteOneFileToDatabase error: global scope not in db when scans_done != ''");
+      PrintLine("loc = " + Repr(per_file.loc));
+      PrintLine("scans done = " + Repr(per_file.fScansDone));
+      PrintLine("names_in_db = " + Repr(names_in_db));
+      PrintLine("to_write_list = " + Repr(to_write_list));
+    }
+  }
+  if (!saved) {
+    // They stay queued; trimming and idle work no longer count them as a reason to write.
+    _fCrossFileData.AddCouldNotWriteInfoKeySet(key_set);
+    return;
+  }
+  if (not_writable_set) {
+    PrintLine("Not writable keys: " + Repr(*not_writable_set));
+  }
+  per_file.fScansDoneNeedsToBeWritten = false;
+  // All keys, those that could not be written included: the write counts as a success, and what is
+  // incomplete is not tried again until a scan renews it.
+  for (const CScopeInfoKey& info_key : key_set) {
+    _fCrossFileData.RemoveCouldNotWriteInfoKey(info_key);
+    _fCrossFileData.RemoveToWriteInfoKey(info_key);
+    _fCrossFileData.AddInDatabaseInfoKey(info_key);
+    per_file.all_db_scope_names.emplace(info_key.for_scope());
+  }
+  if (per_file.IsPrimaryScanDone() && !per_file.all_db_scope_names.contains(kModuleScopeName)) {
+    CriticalLog("__WriteOneFileToDatabase(%r): top level module scope is missing", per_file.loc);
+    CriticalLog("  all_db_scope_names = %r", per_file.all_db_scope_names);
+    Assert(false);
+  }
+  per_file.AfterSuccessfulDatabaseWrite(to_write_list);
+}
+
+void CInfoCache::WriteScansDoneToDatabase(CPerFileEntry& per_file) {
+  Assert(per_file.disk_mtime > kFileDoesNotExistMtime);
+  if (per_file.fScansDoneNeedsToBeWritten &&
+      Db().SaveDataForFile(per_file.loc, {}, per_file.fScansDone, per_file.disk_mtime)) {
+    per_file.fScansDoneNeedsToBeWritten = false;
+  }
+}
+
+void CInfoCache::ScheduleWriteToDatabaseTimeout() {
+  // This way round, so that it arms a timer only while one is pending, which is never the case when
+  // the idle path comes here: a handful of records waits for the next explicit write or for the
+  // threshold of DoIdle. Writing after every pause in typing cost more than it saved.
+  if (_fTimeoutForWriteToDatabase != 0) {
+    _fTimeoutForWriteToDatabase = velk::timeout_add(kWriteDelayMs, [this] {
+      CB_WriteToDatabaseTimeout();
+      return false;
+    });
+  }
+}
+
+void CInfoCache::CancelWriteToDatabaseTimeout() {
+  if (_fTimeoutForWriteToDatabase != 0) {
+    velk::timeout_remove(_fTimeoutForWriteToDatabase);
+    _fTimeoutForWriteToDatabase = 0;
+  }
+}
+
+void CInfoCache::CB_WriteToDatabaseTimeout() {
+  _fTimeoutForWriteToDatabase = 0;
+  if (!_fCrossFileData._fAllToWriteInfoKeys.empty()) {
+    WriteToDatabase();
+  }
+}
+
+CScansDoneDict CInfoCache::GetScansDoneForMultipleFiles(const CLocMtimeDict& loc_mtime_dict) {
+  CScansDoneDict result_dict;
+  CLocMtimeDict for_db_dict;
+  for (const auto& [loc, mtime] : loc_mtime_dict) {
+    const CPerFilePtr per_file = FindPerFile(loc);
+    if (per_file != nullptr && per_file->disk_mtime == mtime) {
+      result_dict.Set(loc, per_file->fScansDone);
+    } else {
+      for_db_dict.Set(loc, mtime);
+    }
+  }
+  if (!for_db_dict.empty()) {
+    for (const auto& [loc, scans_done] : Db().GetScansDone(for_db_dict)) {
+      result_dict.Set(loc, scans_done);
+    }
+  }
+  return result_dict;
+}
+
+void CInfoCache::ChangeScansDone(Loc loc, TextView scan_name, bool done) {
+  const CPerFilePtr per_file = GetPerFile(loc, true);
+  std::set<Text, std::less<>> scan_name_set = SplitScansDone(per_file->fScansDone);
+  if (done == scan_name_set.contains(scan_name)) {
+    return;
+  }
+  // With `done` false the name is there already, and stays: the only effect is that the text is put
+  // in order. Whoever wants scans forgotten calls SetScansDone("") on the entry; the files that a
+  // change touches are reported by needs-scan-added, which does not wait for this text.
+  scan_name_set.emplace(scan_name);
+  Text text;
+  for (const Text& name : scan_name_set) {
+    if (!text.empty()) {
+      text += kScanNameSep;
+    }
+    text += name;
+  }
+  per_file->SetScansDone(text);
+  if (AssertionsActive() && scan_name == PrimaryScanName()) {
+    const TextSet all_scope_names = per_file->GetAllScopeNames();
+    if (!all_scope_names.contains(kModuleScopeName)) {
+      CriticalLog("module scope not in all scope names: %s", per_file->loc);
+      CriticalLog("  all scope names: %s", all_scope_names);
+      Assert(false);
+    }
+  }
+}
+
+}  // namespace pysource::scopeinfo
