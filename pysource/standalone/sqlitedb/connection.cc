@@ -1,0 +1,290 @@
+#include "pysource/standalone/sqlitedb/connection.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "pysource/standalone/sqlitedb/schema.h"
+
+namespace pysource::standalone::sqlitedb {
+namespace {
+
+// The range of a file's rows, and of one scope's among them, as they stand in schema.h: 1 << 38 and
+// 1 << 20.
+static_assert(kPlaceSpan == 274877906944 && kScopeSpan == 1048576);
+#define PYSOURCE_ROWS_OF_FILE "r.id BETWEEN f.place AND f.place + 274877906943"
+#define PYSOURCE_ROW \
+  "r.scope, r.scan, r.scanned_file, r.scanned_scope, r.seen, r.classes, r.imports, r.data"
+
+// CROSS JOIN fixes the order of the loops: the file first, then its range of rows.
+const char* SqlOf(EStatement statement) {
+  switch (statement) {
+    case EStatement::kBegin:
+      return "BEGIN IMMEDIATE";
+    case EStatement::kCommit:
+      return "COMMIT";
+    case EStatement::kFileById:
+      return "SELECT name, disk_time, scans_done, place FROM files WHERE id = ?";
+    case EStatement::kFileNameById:
+      return "SELECT name FROM files WHERE id = ?";
+    case EStatement::kFilesByIds:
+      return "SELECT j.key, f.name, f.disk_time, f.scans_done FROM json_each(?) j "
+             "CROSS JOIN files f ON f.id = j.value";
+    case EStatement::kAddFile:
+      return "INSERT INTO files(id, name, disk_time, scans_done, place) VALUES(?, ?, ?, ?, ?)";
+    case EStatement::kSetFile:
+      return "UPDATE files SET disk_time = ?2, scans_done = ?3, place = ?4 WHERE id = ?1";
+    case EStatement::kLastRecordId:
+      return "SELECT max(id) FROM records";
+    case EStatement::kRecordKeys:
+      return "SELECT id, scope, scan, scanned_file, scanned_scope FROM records "
+             "WHERE id BETWEEN ? AND ?";
+    case EStatement::kPutRecord:
+      return "INSERT OR REPLACE INTO records(id, scope, scan, scanned_file, scanned_scope, seen, "
+             "classes, imports, data) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?)";
+    case EStatement::kDropRecords:
+      return "DELETE FROM records WHERE id BETWEEN ? AND ?";
+    case EStatement::kLogChange:
+      return "INSERT INTO changes(file) VALUES(?)";
+    case EStatement::kCutChanges:
+      return "DELETE FROM changes WHERE seq <= ?";
+    case EStatement::kScopeNames:
+      return "SELECT r.scope FROM files f CROSS JOIN records r ON " PYSOURCE_ROWS_OF_FILE
+             " WHERE f.id = ? AND f.disk_time = ? AND r.scan = ?";
+    case EStatement::kRecordsAll:
+      return "SELECT " PYSOURCE_ROW " FROM files f CROSS JOIN records r ON " PYSOURCE_ROWS_OF_FILE
+             " WHERE f.id = ? AND f.disk_time = ?";
+    case EStatement::kRecordsOne:
+      return "SELECT " PYSOURCE_ROW
+             " FROM files f CROSS JOIN records r "
+             "ON r.id BETWEEN f.place + ?3 AND f.place + ?3 + 1048575 "
+             "WHERE f.id = ?1 AND f.disk_time = ?2";
+    case EStatement::kRecordsMany:
+      return "SELECT " PYSOURCE_ROW
+             " FROM files f CROSS JOIN json_each(?3) j CROSS JOIN records r "
+             "ON r.id BETWEEN f.place + j.value AND f.place + j.value + 1048575 "
+             "WHERE f.id = ?1 AND f.disk_time = ?2";
+    case EStatement::kImports:
+      return "SELECT j.key, r.scope, r.imports FROM json_each(?) j "
+             "CROSS JOIN files f ON f.id = j.value CROSS JOIN records r ON " PYSOURCE_ROWS_OF_FILE
+             " WHERE r.scan = ? AND r.imports IS NOT NULL";
+    case EStatement::kClasses:
+      return "SELECT j.key, r.scope, r.classes FROM json_each(?) j "
+             "CROSS JOIN files f ON f.id = j.value CROSS JOIN records r ON " PYSOURCE_ROWS_OF_FILE
+             " WHERE r.scan = ? AND r.classes IS NOT NULL";
+    case EStatement::kScans:
+      return "SELECT id, name FROM scans";
+    case EStatement::kAddScan:
+      return "INSERT INTO scans(name) VALUES(?)";
+    case EStatement::kDataVersion:
+      return "PRAGMA data_version";
+    case EStatement::kLastChange:
+      return "SELECT max(seq) FROM changes";
+    case EStatement::kChangesSince:
+      return "SELECT seq, file FROM changes WHERE seq > ? AND seq <= ?";
+    case EStatement::kCount:
+      break;
+  }
+  return "";
+}
+
+#undef PYSOURCE_ROWS_OF_FILE
+#undef PYSOURCE_ROW
+
+}  // namespace
+
+bool CSqliteFailure::IsDamage() const {
+  const int primary = fCode & 0xFF;
+  return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB;
+}
+
+// ---- CQuery
+
+CQuery::~CQuery() {
+  sqlite3_reset(_fStatement);
+  sqlite3_clear_bindings(_fStatement);
+}
+
+void CQuery::Fail() {
+  sqlite3* const db = sqlite3_db_handle(_fStatement);
+  throw CSqliteFailure(sqlite3_extended_errcode(db), sqlite3_errmsg(db));
+}
+
+void CQuery::Bind(int code) {
+  if (code != SQLITE_OK) {
+    Fail();
+  }
+}
+
+CQuery& CQuery::Int(int64_t value) {
+  Bind(sqlite3_bind_int64(_fStatement, ++_fBound, value));
+  return *this;
+}
+
+CQuery& CQuery::Double(double value) {
+  Bind(sqlite3_bind_double(_fStatement, ++_fBound, value));
+  return *this;
+}
+
+// A view of nothing can have a null pointer, which would bind NULL.
+
+CQuery& CQuery::TextOf(TextView value) {
+  const char* const data = value.data() == nullptr ? "" : value.data();
+  Bind(sqlite3_bind_text64(_fStatement, ++_fBound, data, value.size(), SQLITE_STATIC, SQLITE_UTF8));
+  return *this;
+}
+
+CQuery& CQuery::BytesOf(BytesView value) {
+  const char* const data = value.data() == nullptr ? "" : value.data();
+  Bind(sqlite3_bind_blob64(_fStatement, ++_fBound, data, value.size(), SQLITE_STATIC));
+  return *this;
+}
+
+CQuery& CQuery::Null() {
+  Bind(sqlite3_bind_null(_fStatement, ++_fBound));
+  return *this;
+}
+
+bool CQuery::Step() {
+  const int code = sqlite3_step(_fStatement);
+  if (code == SQLITE_ROW) {
+    return true;
+  }
+  if (code != SQLITE_DONE) {
+    Fail();
+  }
+  return false;
+}
+
+void CQuery::Run() {
+  while (Step()) {
+  }
+  sqlite3_reset(_fStatement);
+  _fBound = 0;
+}
+
+std::optional<int64_t> CQuery::OptionalIntAt(int column) const {
+  return IsNull(column) ? std::nullopt : std::optional(IntAt(column));
+}
+
+std::optional<double> CQuery::OptionalDoubleAt(int column) const {
+  return IsNull(column) ? std::nullopt : std::optional(DoubleAt(column));
+}
+
+TextView CQuery::ViewAt(int column) const {
+  // As bytes: text that is not well-formed UTF-8 comes back as it was given.
+  const auto* const data = static_cast<const char*>(sqlite3_column_blob(_fStatement, column));
+  const int size = sqlite3_column_bytes(_fStatement, column);
+  if (data == nullptr && size != 0) {
+    throw CSqliteFailure(SQLITE_NOMEM, sqlite3_errstr(SQLITE_NOMEM));
+  }
+  return data == nullptr ? TextView() : TextView(data, static_cast<size_t>(size));
+}
+
+// ---- CSqliteConnection
+
+CSqliteConnection::CSqliteConnection(const std::string& path, int flags) {
+  const int code = sqlite3_open_v2(path.c_str(), &_fDb, flags | SQLITE_OPEN_NOMUTEX, nullptr);
+  if (code != SQLITE_OK) {
+    const CSqliteFailure failure(_fDb == nullptr ? code : sqlite3_extended_errcode(_fDb),
+                                 _fDb == nullptr ? sqlite3_errstr(code) : sqlite3_errmsg(_fDb));
+    sqlite3_close_v2(_fDb);
+    throw failure;
+  }
+  sqlite3_extended_result_codes(_fDb, 1);
+  sqlite3_busy_handler(_fDb, &CSqliteConnection::Busy, this);
+}
+
+CSqliteConnection::~CSqliteConnection() {
+  for (sqlite3_stmt* statement : _fStatements) {
+    sqlite3_finalize(statement);
+  }
+  sqlite3_close_v2(_fDb);
+}
+
+void CSqliteConnection::Fail() {
+  throw CSqliteFailure(sqlite3_extended_errcode(_fDb), sqlite3_errmsg(_fDb));
+}
+
+void CSqliteConnection::LimitWaiting(int ms) { _fWaitLeft = int64_t{ms} * 1000; }
+
+// One limit for all locks of an operation: SQLite's own handler would begin anew with each, and a
+// commit without WAL asks for three.
+int CSqliteConnection::Busy(void* self, int count) {
+  auto& connection = *static_cast<CSqliteConnection*>(self);
+  // A writer holds its lock for a fraction of a millisecond, so the first tries come soon.
+  const int64_t nap = std::min<int64_t>(connection._fWaitLeft, count < 3 ? 250 : 2000);
+  if (nap <= 0) {
+    return 0;
+  }
+  usleep(static_cast<useconds_t>(nap));
+  connection._fWaitLeft -= nap;
+  return 1;
+}
+
+void CSqliteConnection::Execute(const char* sql) {
+  const int code = sqlite3_exec(_fDb, sql, nullptr, nullptr, nullptr);
+  if (code != SQLITE_OK) {
+    Fail();
+  }
+}
+
+CSqliteConnection::Prepared CSqliteConnection::Prepare(const char* sql) {
+  sqlite3_stmt* statement = nullptr;
+  const int code = sqlite3_prepare_v3(_fDb, sql, -1, 0, &statement, nullptr);
+  if (code != SQLITE_OK) {
+    Fail();
+  }
+  return {statement, &sqlite3_finalize};
+}
+
+int64_t CSqliteConnection::IntOf(const char* sql) {
+  const Prepared statement = Prepare(sql);
+  CQuery query(statement.get());
+  return query.Step() ? query.IntAt(0) : 0;
+}
+
+Text CSqliteConnection::TextOf(const char* sql) {
+  const Prepared statement = Prepare(sql);
+  CQuery query(statement.get());
+  return query.Step() ? Text(query.ViewAt(0)) : Text();
+}
+
+CQuery CSqliteConnection::Use(EStatement statement) {
+  sqlite3_stmt*& prepared = _fStatements[static_cast<size_t>(statement)];
+  if (prepared == nullptr) {
+    const int code = sqlite3_prepare_v3(_fDb, SqlOf(statement), -1, SQLITE_PREPARE_PERSISTENT,
+                                        &prepared, nullptr);
+    if (code != SQLITE_OK) {
+      Fail();
+    }
+  }
+  return CQuery(prepared);
+}
+
+void CSqliteConnection::RollBack() noexcept {
+  // Some failures have ended the transaction already.
+  if (sqlite3_get_autocommit(_fDb) == 0) {
+    sqlite3_exec(_fDb, "ROLLBACK", nullptr, nullptr, nullptr);
+  }
+}
+
+// ---- CWriteTransaction
+
+CWriteTransaction::CWriteTransaction(CSqliteConnection& connection) : _fConnection(connection) {
+  connection.RollBack();
+  connection.Use(EStatement::kBegin).Run();
+}
+
+CWriteTransaction::~CWriteTransaction() {
+  if (!_fCommitted) {
+    _fConnection.RollBack();
+  }
+}
+
+void CWriteTransaction::Commit() {
+  _fConnection.Use(EStatement::kCommit).Run();
+  _fCommitted = true;
+}
+
+}  // namespace pysource::standalone::sqlitedb

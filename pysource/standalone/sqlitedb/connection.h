@@ -1,0 +1,149 @@
+// A thin layer over SQLite's C interface: what it returns as codes is thrown, what must be given
+// back gives itself back, and statements are prepared once.
+#pragma once
+
+#include <sqlite3.h>
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "pysource/host/errors.h"
+#include "pysource/host/text.h"
+
+namespace pysource::standalone::sqlitedb {
+
+// Something that SQLite refused. Does not leave this folder: callers of the database get a false
+// answer, or a CValueError.
+class CSqliteFailure : public CError {
+ public:
+  CSqliteFailure(int code, const std::string& text) : CError(text), fCode(code) {}
+
+  // Whether the file itself is bad, so that trying again cannot help.
+  bool IsDamage() const;
+
+  const int fCode;  // SQLite's result code, extended
+};
+
+// One execution of a statement: bind, step, read. Ends it (and lets go of its locks) when it goes.
+class CQuery {
+ public:
+  explicit CQuery(sqlite3_stmt* statement) : _fStatement(statement) {}
+  ~CQuery();
+  CQuery(const CQuery&) = delete;
+  CQuery& operator=(const CQuery&) = delete;
+
+  // The parameters in order. Text and bytes are not copied: they stay where they are until the
+  // query ends or steps no more.
+  CQuery& Int(int64_t value);
+  CQuery& Double(double value);
+  CQuery& TextOf(TextView value);
+  CQuery& BytesOf(BytesView value);
+  CQuery& Null();
+
+  // Goes to the next row; false when there is none.
+  bool Step();
+  // For a statement that gives no rows. Leaves it ready to be bound again.
+  void Run();
+
+  bool IsNull(int column) const { return Type(column) == SQLITE_NULL; }
+  int Type(int column) const { return sqlite3_column_type(_fStatement, column); }
+  int64_t IntAt(int column) const { return sqlite3_column_int64(_fStatement, column); }
+  double DoubleAt(int column) const { return sqlite3_column_double(_fStatement, column); }
+  std::optional<int64_t> OptionalIntAt(int column) const;
+  std::optional<double> OptionalDoubleAt(int column) const;
+  // Text or bytes; empty for NULL. Good until the next step.
+  TextView ViewAt(int column) const;
+
+ private:
+  [[noreturn]] void Fail();
+  void Bind(int code);
+
+  sqlite3_stmt* _fStatement;
+  int _fBound = 0;
+};
+
+// The statements that a connection keeps prepared.
+enum class EStatement {
+  kBegin,
+  kCommit,
+  kFileById,
+  kFileNameById,
+  kFilesByIds,
+  kAddFile,
+  kSetFile,
+  kLastRecordId,
+  kRecordKeys,
+  kPutRecord,
+  kDropRecords,
+  kLogChange,
+  kCutChanges,
+  kScopeNames,
+  kRecordsAll,
+  kRecordsOne,
+  kRecordsMany,
+  kImports,
+  kClasses,
+  kScans,
+  kAddScan,
+  kDataVersion,
+  kLastChange,
+  kChangesSince,
+  kCount
+};
+
+class CSqliteConnection {
+ public:
+  // Throws CSqliteFailure. `flags` are those of sqlite3_open_v2.
+  CSqliteConnection(const std::string& path, int flags);
+  ~CSqliteConnection();
+  CSqliteConnection(const CSqliteConnection&) = delete;
+  CSqliteConnection& operator=(const CSqliteConnection&) = delete;
+
+  // From here on, waiting for locks of other processes takes no more than `ms` altogether.
+  void LimitWaiting(int ms);
+
+  void Execute(const char* sql);
+  // The first column of the first row; 0 when there is none.
+  int64_t IntOf(const char* sql);
+  Text TextOf(const char* sql);
+
+  // The statement, prepared on first use. One execution of it at a time.
+  CQuery Use(EStatement statement);
+  // A statement that is not kept; it ends with the pointer.
+  using Prepared = std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)>;
+  Prepared Prepare(const char* sql);
+
+  // Ends a transaction that is still open, without it. Never throws.
+  void RollBack() noexcept;
+
+  sqlite3* Handle() { return _fDb; }
+  bool ReadOnly() const { return sqlite3_db_readonly(_fDb, "main") == 1; }
+
+ private:
+  static int Busy(void* self, int count);
+  [[noreturn]] void Fail();
+
+  sqlite3* _fDb = nullptr;
+  int64_t _fWaitLeft = 0;  // microseconds
+  std::array<sqlite3_stmt*, static_cast<size_t>(EStatement::kCount)> _fStatements{};
+};
+
+// A transaction that begins as a writing one, so that it never has to become one half-way, which
+// fails at once when another process has written in the meantime. Undone unless committed.
+class CWriteTransaction {
+ public:
+  explicit CWriteTransaction(CSqliteConnection& connection);
+  ~CWriteTransaction();
+  CWriteTransaction(const CWriteTransaction&) = delete;
+  CWriteTransaction& operator=(const CWriteTransaction&) = delete;
+  void Commit();
+
+ private:
+  CSqliteConnection& _fConnection;
+  bool _fCommitted = false;
+};
+
+}  // namespace pysource::standalone::sqlitedb

@@ -1,0 +1,227 @@
+#include "pysource/standalone/sqlitedb/opening.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+
+#include "pysource/standalone/sqlitedb/schema.h"
+
+namespace pysource::standalone::sqlitedb {
+namespace {
+
+// Opening happens once and has nobody waiting at the keyboard; another process that makes the same
+// database needs some milliseconds.
+constexpr int kOpeningWaitMs = 2000;
+// Another process can put a file in the place of the one that was just set aside, and so on.
+constexpr int kMostTries = 5;
+
+enum class EContent { kOurs, kEmpty, kOtherVersion, kOtherProgram };
+
+struct CInspection {
+  EContent content = EContent::kOurs;
+  int64_t version = 0;
+};
+
+CInspection Inspect(CSqliteConnection& connection) {
+  const int64_t program = connection.IntOf("PRAGMA application_id");
+  const int64_t version = connection.IntOf("PRAGMA user_version");
+  const int64_t tables = connection.IntOf("SELECT count(*) FROM sqlite_master");
+  if (program == 0 && version == 0 && tables == 0) {
+    return {EContent::kEmpty, version};
+  }
+  if (program != kApplicationId) {
+    return {EContent::kOtherProgram, version};
+  }
+  if (version != kSchemaVersion) {
+    return {EContent::kOtherVersion, version};
+  }
+  const int64_t ours = connection.IntOf(
+      "SELECT count(*) FROM sqlite_master WHERE type = 'table' "
+      "AND name IN ('files', 'scans', 'records', 'changes')");
+  if (ours != kTableCount) {
+    throw CSqliteFailure(SQLITE_CORRUPT, "a table is missing");
+  }
+  // The first page of each: what is damaged there would fail every operation.
+  for (const char* sql : {"SELECT id FROM files LIMIT 1", "SELECT id FROM scans LIMIT 1",
+                          "SELECT id FROM records LIMIT 1", "SELECT seq FROM changes LIMIT 1"}) {
+    connection.IntOf(sql);
+  }
+  return {EContent::kOurs, version};
+}
+
+// Makes the tables, unless another process has just done so.
+void MakeTables(CSqliteConnection& connection) {
+  // Once, now, while nobody else has the file open. A refusal (a file system without shared memory)
+  // costs speed, nothing else.
+  sqlite3_exec(connection.Handle(), "PRAGMA journal_mode = WAL", nullptr, nullptr, nullptr);
+  CWriteTransaction transaction(connection);
+  if (Inspect(connection).content == EContent::kEmpty) {
+    connection.Execute(kSchema);
+    connection.Execute(("PRAGMA application_id = " + std::to_string(kApplicationId)).c_str());
+    connection.Execute(("PRAGMA user_version = " + std::to_string(kSchemaVersion)).c_str());
+  }
+  transaction.Commit();
+}
+
+bool Exists(const std::string& path) {
+  struct stat status {};
+  return lstat(path.c_str(), &status) == 0;
+}
+
+// For a database that lies where not even the files beside it can be made.
+std::unique_ptr<CSqliteConnection> OpenImmutable(const std::string& path) {
+  std::string uri = "file:";
+  for (const char c : path) {
+    if (std::strchr("%?#", c) != nullptr) {
+      std::array<char, 4> escaped{};
+      std::snprintf(escaped.data(), escaped.size(), "%%%02X", static_cast<unsigned char>(c));
+      uri += escaped.data();
+    } else {
+      uri += c;
+    }
+  }
+  return std::make_unique<CSqliteConnection>(uri + "?immutable=1",
+                                             SQLITE_OPEN_READONLY | SQLITE_OPEN_URI);
+}
+
+// For SQLite the file is there and cannot be opened, or is not there and cannot be made.
+[[noreturn]] void ThrowCannotOpen(const std::string& path, const std::string& shown,
+                                  const CSqliteFailure& failure) {
+  const char* const what =
+      Exists(path) ? ": the database cannot be opened: " : ": the database cannot be made: ";
+  throw CValueError(shown + what + failure.what());
+}
+
+// The place is looked at before SQLite opens it: a folder gives a poor message, and a pipe waits
+// for ever.
+void CheckPlace(const std::string& path, const std::string& shown) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) == 0) {
+    if (S_ISDIR(status.st_mode)) {
+      throw CValueError(shown + ": a folder is in the place of the database");
+    }
+    if (!S_ISREG(status.st_mode)) {
+      throw CValueError(shown + ": not a regular file, so it cannot be the database");
+    }
+    return;
+  }
+  std::error_code error;
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), error);
+  if (error) {
+    throw CValueError(shown + ": the folder of the database cannot be made: " + error.message());
+  }
+}
+
+}  // namespace
+
+CFileIdentity IdentityOf(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) {
+    return {};
+  }
+  return {status.st_dev, status.st_ino};
+}
+
+std::string SetAside(const std::string& path, const std::string& shown) {
+  std::string suffix;
+  // The new name is taken by making it, so that two processes do not choose the same one.
+  for (int n = 1;; ++n) {
+    suffix = ".set-aside-" + std::to_string(n);
+    const int fd = open((path + suffix).c_str(), O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd >= 0) {
+      close(fd);
+      break;
+    }
+    if (errno != EEXIST) {
+      throw CValueError(shown + ": the database cannot be set aside: " + std::strerror(errno));
+    }
+  }
+  if (std::rename(path.c_str(), (path + suffix).c_str()) != 0) {
+    const int error = errno;
+    unlink((path + suffix).c_str());
+    throw CValueError(shown + ": the database cannot be set aside: " + std::strerror(error));
+  }
+  // A log that stayed behind would be taken for that of the new database.
+  for (const char* companion : {"-wal", "-shm", "-journal"}) {
+    if (Exists(path + companion) &&
+        std::rename((path + companion).c_str(), (path + suffix + companion).c_str()) != 0) {
+      throw CValueError(shown + companion + ": cannot be set aside: " + std::strerror(errno));
+    }
+  }
+  return shown + suffix;
+}
+
+COpenDatabase OpenDatabase(const std::string& path, const std::string& shown) {
+  COpenDatabase result;
+  for (int tries = 0; tries < kMostTries; ++tries) {
+    CheckPlace(path, shown);
+    std::string reason;
+    try {
+      std::unique_ptr<CSqliteConnection> connection;
+      CInspection inspection;
+      try {
+        connection =
+            std::make_unique<CSqliteConnection>(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+        result.identity = IdentityOf(path);
+        connection->LimitWaiting(kOpeningWaitMs);
+        inspection = Inspect(*connection);
+      } catch (const CSqliteFailure& failure) {
+        // Without the right to make the shared-memory file, a database in WAL mode can be read only
+        // as one that nobody writes.
+        const int primary = failure.fCode & 0xFF;
+        const bool no_right = primary == SQLITE_CANTOPEN || primary == SQLITE_READONLY;
+        struct stat log {};
+        if (!no_right || !Exists(path) ||
+            (stat((path + "-wal").c_str(), &log) == 0 && log.st_size != 0)) {
+          throw;
+        }
+        connection = OpenImmutable(path);
+        result.identity = IdentityOf(path);
+        inspection = Inspect(*connection);
+      }
+      switch (inspection.content) {
+        case EContent::kOtherProgram:
+          throw CValueError(shown + ": a database of another program is in the place of ours");
+        case EContent::kOtherVersion:
+          reason = "its schema version is " + std::to_string(inspection.version) +
+                   ", this program uses " + std::to_string(kSchemaVersion);
+          break;
+        case EContent::kEmpty:
+          if (connection->ReadOnly()) {
+            throw CValueError(shown + ": the database is empty and cannot be written");
+          }
+          MakeTables(*connection);
+          inspection = Inspect(*connection);
+          if (inspection.content != EContent::kOurs) {
+            continue;
+          }
+          [[fallthrough]];
+        case EContent::kOurs:
+          connection->Execute("PRAGMA synchronous = NORMAL");
+          result.connection = std::move(connection);
+          return result;
+      }
+    } catch (const CSqliteFailure& failure) {
+      if (!failure.IsDamage()) {
+        ThrowCannotOpen(path, shown, failure);
+      }
+      reason = std::string("it is damaged (") + failure.what() + ")";
+    }
+    // The connection has ended. If the file is another one by now, that one is looked at first.
+    if (IdentityOf(path) == result.identity) {
+      const std::string aside = SetAside(path, shown);
+      result.message += (result.message.empty() ? "" : "\n") + shown + ": " + reason +
+                        "; it was set aside as " + aside + " and a new database was begun";
+    }
+  }
+  throw CValueError(shown + ": the database is replaced by another process again and again");
+}
+
+}  // namespace pysource::standalone::sqlitedb
