@@ -74,6 +74,9 @@ void CEncodedByteBufferReader::SetStr(BytesView message) {
   _fAt = reinterpret_cast<const unsigned char*>(message.data());
   _fEnd = _fAt + message.size();
   _fTokens.clear();
+  if (_fTokens.capacity() > kMostScratchKept / sizeof(BytesView)) {
+    _fTokens.shrink_to_fit();
+  }
   _fExpansionLeft = message.size() * kExpansionPerByte + kExpansionAllowance;
   const size_t count = ReadCount(1, "more tokens than bytes");
   _fTokens.reserve(count);

@@ -58,16 +58,17 @@ class CScopeDependantCache final : public CScopeDependency {
         return;
       }
     }
-    if (fLogIfInKeyRepr && LogsKey(Repr(key))) {
-      PrintLine(FormatBraces("Setting key in {} cache: {}", {fName, Repr(key)}));
-    }
+    PrintIfLogged("Setting key in {} cache: {}", key);
     fModified = true;
+    // Before the entry is made, which may move the others: the scopes handed in can be those of one
+    // of them, as LookupInCache gave them out.
+    CDependedScopes fresh = CollectScopes(scopes_seen, RefOf());
     if (is_new) {
       slot = _fCache.Add(std::move(key), Entry{std::move(value), {}});
     } else {
       std::swap(_fCache.ValueAt(slot).value, value);
     }
-    SetScopes(slot, _fCache.ValueAt(slot).scopes, scopes_seen, RefOf());
+    ReplaceScopes(slot, _fCache.ValueAt(slot).scopes, std::move(fresh));
     // A replaced entry never schedules a trim: the cache has not grown.
     if (is_new) {
       ScheduleIdleTrim();
@@ -90,8 +91,8 @@ class CScopeDependantCache final : public CScopeDependency {
   }
 
   // The keys that rest on one of the named scopes of the file, or on the file as a whole (the scope
-  // "*"); with kWildcardScope among the names, those that rest on any scope of it. A new set, of a type
-  // that the caller can choose.
+  // "*"); with kWildcardScope among the names, those that rest on any scope of it. A new set, of a
+  // type that the caller can choose.
   template <class Set = KeySet>
   Set GetDependentKeys(Loc loc, const TextSet& scope_name_set) const {
     Set keys;
@@ -135,9 +136,17 @@ class CScopeDependantCache final : public CScopeDependency {
   const CDependedScopes& ScopesOf(EntryId entry) const override {
     return _fCache.At(entry).second.scopes;
   }
-  Text ReprOfKey(EntryId entry) const override { return Repr(_fCache.At(entry).first); }
-  CDependedScopes TakeEntry(EntryId entry) override {
-    return std::move(_fCache.TakeAt(entry).second.scopes);
+  void LogKey(TextView format, EntryId entry) const override {
+    PrintIfLogged(format, _fCache.At(entry).first);
+  }
+  void PrintIfLogged(TextView format, const Key& key) const {
+    if (fLogIfInKeyRepr && LogsKey(Repr(key))) {
+      PrintLine(FormatBraces(format, {NameForLog(), key}));
+    }
+  }
+  void TakeEntry(EntryId entry) override {
+    const auto taken = _fCache.TakeAt(entry);
+    DiscardKeysFromKeysForLoc(entry, taken.second.scopes);
   }
   void ClearEntries() override { _fCache.clear(); }
 

@@ -110,12 +110,9 @@ void CScopeDependency::ScopeKeysDifferenceUpdate(const CIdSet& entries) {
 
 void CScopeDependency::RemoveEntry(EntryId entry) {
   if (fLogIfInKeyRepr) {
-    const Text repr = ReprOfKey(entry);
-    if (LogsKey(repr)) {
-      PrintLine(FormatBraces("Deleting key from {} cache: {}", {fName, repr}));
-    }
+    LogKey("Deleting key from {} cache: {}", entry);
   }
-  DiscardKeysFromKeysForLoc(entry, TakeEntry(entry));
+  TakeEntry(entry);
 }
 
 void CScopeDependency::DiscardKeysFromKeysForLoc(EntryId entry, const CDependedScopes& scopes) {
@@ -196,13 +193,15 @@ bool CScopeDependency::CB_IdleTrim() {
 
 void CScopeDependency::Clear() {
   if (fLogIfInKeyRepr) {
+    std::vector<EntryId> entries;
     VisitLeastUsedFirst([&](EntryId entry) {
-      const Text repr = ReprOfKey(entry);
-      if (LogsKey(repr)) {
-        PrintLine(FormatBraces("Clearing {} cache that contains {}", {fName, repr}));
-      }
+      entries.push_back(entry);
       return true;
     });
+    // In the order of the dictionary, the most recently used first.
+    for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
+      LogKey("Clearing {} cache that contains {}", *entry);
+    }
   }
   // The entries go while the scopes that they point to are still there.
   auto scopes = std::exchange(_fCacheKeysForLoc, {});
@@ -255,7 +254,10 @@ void CScopeDependency::AssertValidImpl() const {
   VisitLeastUsedFirst([&](EntryId entry) {
     for (const CScopeRef& ref : ScopesOf(entry)) {
       const ScopeDict* const scope_dict = _fCacheKeysForLoc.Find(ref.loc);
-      Assert(scope_dict != nullptr, FormatBraces("{} cache -- no loc_dict: {}", {fName, ref}));
+      if (scope_dict == nullptr) {
+        Assert(false, FormatBraces("{} cache -- no loc_dict: {}", {NameForLog(), ref}));
+        continue;
+      }
       const auto* const scope = scope_dict->Find(TextView(ref.scope));
       Assert(scope != nullptr && (*scope)->entries.Contains(entry));
     }

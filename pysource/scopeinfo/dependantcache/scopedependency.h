@@ -68,7 +68,7 @@ class CDependedScopes {
 //
 // What always holds between operations: an entry is among those of a scope exactly when the scope
 // is among those of the entry, and no scope and no file without entries stays in the index.
-// CheckIndex asserts it.
+// AssertValidImpl asserts it.
 class CScopeDependency {
  public:
   using EntryId = uint32_t;
@@ -124,24 +124,31 @@ class CScopeDependency {
   // Every entry, the least recently used first, until `visit` returns false.
   virtual void VisitLeastUsedFirst(const std::function<bool(EntryId)>& visit) const = 0;
   virtual const CDependedScopes& ScopesOf(EntryId entry) const = 0;
-  virtual Text ReprOfKey(EntryId entry) const = 0;
-  // Removes the entry and returns the scopes that it rested on. What the value's destruction sets
-  // off must find the entry gone.
-  virtual CDependedScopes TakeEntry(EntryId entry) = 0;
+  // Prints `format`, filled in with the name of the cache and the key, if the key is logged.
+  virtual void LogKey(TextView format, EntryId entry) const = 0;
+  // Removes the entry and hands the scopes that it rested on to DiscardKeysFromKeysForLoc. The
+  // value ends only after that: what its destruction sets off must find the entry gone and the
+  // index in order.
+  virtual void TakeEntry(EntryId entry) = 0;
   virtual void ClearEntries() = 0;
 
   // ---- What it uses.
 
-  // Makes `scopes` rest on what is in [begin, end), whose elements `ref_of` turns into
-  // CScopeRefView, and takes the entry out of the scopes that it no longer rests on.
+  // The scopes of the index for what is in the range, whose elements `ref_of` turns into
+  // CScopeRefView. New ones among them have no entry yet: ReplaceScopes must follow.
   template <class Range, class RefOf>
-  void SetScopes(EntryId entry, CDependedScopes& scopes, const Range& range, RefOf ref_of) {
+  CDependedScopes CollectScopes(const Range& range, RefOf ref_of) {
     CDependedScopes fresh;
     for (const auto& each : range) {
       fresh._fScopes.push_back(&GetOrMakeScope(ref_of(each)));
     }
-    ReplaceScopes(entry, scopes, std::move(fresh));
+    return fresh;
   }
+  // Makes `scopes`, those of the entry, what was collected, and takes the entry out of the scopes
+  // that it no longer rests on.
+  void ReplaceScopes(EntryId entry, CDependedScopes& scopes, CDependedScopes fresh);
+  // Takes the entry out of the scopes; those that are left without entries go.
+  void DiscardKeysFromKeysForLoc(EntryId entry, const CDependedScopes& scopes);
   // Whether `scopes` is exactly the set of what is in the range.
   template <class Range, class RefOf>
   bool SameScopes(const CDependedScopes& scopes, const Range& range, RefOf ref_of) const {
@@ -164,6 +171,7 @@ class CScopeDependency {
   bool LogsKey(const Text& repr) const {
     return fLogIfInKeyRepr && repr.find(*fLogIfInKeyRepr) != Text::npos;
   }
+  Text NameForLog() const { return fName.value_or("None"); }
 
  private:
   // By name; the key is a view of the scope's own text.
@@ -172,11 +180,9 @@ class CScopeDependency {
   CDependedScope* FindScope(const CScopeRefView& ref) const;
   CDependedScope& GetOrMakeScope(const CScopeRefView& ref);
   static bool SameSet(const CDependedScopes& scopes, std::vector<CDependedScope*> other);
-  void ReplaceScopes(EntryId entry, CDependedScopes& scopes, CDependedScopes fresh);
   void InvalidateSingleScopeKey(TextView scope_name, Loc loc);
   void ScopeKeysDifferenceUpdate(const CIdSet& entries);
   void RemoveEntry(EntryId entry);
-  void DiscardKeysFromKeysForLoc(EntryId entry, const CDependedScopes& scopes);
   void DropScope(const CDependedScope& scope);
   bool CB_IdleTrim();
   void CB_ScopeInfoModified(const CChangedDict& changed);
