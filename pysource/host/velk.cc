@@ -55,20 +55,15 @@ bool RunCallback(const Callback& callback) {
 
 std::string ModulePath() {
   Dl_info info{};
-  if (dladdr(&kAnchor, &info) == 0 || info.dli_fname == nullptr) {
+  void* map = nullptr;
+  if (dladdr1(&kAnchor, &info, &map, RTLD_DL_LINKMAP) == 0 || map == nullptr ||
+      info.dli_fname == nullptr) {
     return {};
   }
   std::string path = info.dli_fname;
-  // For the executable itself the loader gives what it was started as, which may be a bare name.
-  link_map* map = nullptr;
-  void* const program = dlopen(nullptr, RTLD_LAZY);
-  const bool is_program = program != nullptr && dlinfo(program, RTLD_DI_LINKMAP, &map) == 0 &&
-                          map != nullptr &&
-                          reinterpret_cast<const void*>(map->l_addr) == info.dli_fbase;
-  if (program != nullptr) {
-    dlclose(program);
-  }
-  if (is_program || path.find('/') == std::string::npos) {
+  // The executable itself has no name in its link map, and the path that it was started by, which
+  // may be relative, in `info`.
+  if (*static_cast<const link_map*>(map)->l_name == '\0') {
     std::array<char, 4096> buffer{};
     const ssize_t size = readlink("/proc/self/exe", buffer.data(), buffer.size());
     if (size > 0) {
