@@ -10,17 +10,18 @@ Tag CManualLoop::timeout_add(unsigned ms, Callback callback) {
 }
 void CManualLoop::timeout_remove(Tag tag) { Remove(_fTimeouts, tag); }
 Tag CManualLoop::idle_add(Callback callback, int priority) {
-  return Add(_fIdles, static_cast<uint64_t>(priority), 0, std::move(callback));
+  return Add(_fIdles, priority, 0, std::move(callback));
 }
 void CManualLoop::idle_remove(Tag tag) { Remove(_fIdles, tag); }
 
 void CManualLoop::Advance(unsigned ms) {
-  const uint64_t until = _fNow + ms;
+  const int64_t until = _fNow + ms;
   while (!_fTimeouts.empty() && _fTimeouts.front().order <= until) {
     _fNow = std::max(_fNow, _fTimeouts.front().order);
     RunFirst(_fTimeouts);
   }
-  _fNow = until;
+  // A callback may have moved the clock further itself.
+  _fNow = std::max(_fNow, until);
 }
 
 bool CManualLoop::RunOneIdle() {
@@ -39,7 +40,7 @@ size_t CManualLoop::RunIdle(size_t most) {
   return ran;
 }
 
-Tag CManualLoop::Add(Queue& queue, uint64_t order, unsigned period, Callback callback) {
+Tag CManualLoop::Add(Queue& queue, int64_t order, unsigned period, Callback callback) {
   const Tag tag = ++_fLastTag;
   Enter(queue, Pending{tag, order, period, std::move(callback)});
   return tag;

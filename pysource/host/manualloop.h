@@ -31,13 +31,13 @@ class CManualLoop : public CMainLoop {
  private:
   struct Pending {
     Tag tag;
-    uint64_t order;   // due time of a timer, priority of an idle call
+    int64_t order;    // due time of a timer, priority of an idle call
     unsigned period;  // of a timer, in milliseconds
     Callback callback;
   };
   using Queue = std::list<Pending>;  // by order, then by time of entering
 
-  Tag Add(Queue& queue, uint64_t order, unsigned period, Callback callback);
+  Tag Add(Queue& queue, int64_t order, unsigned period, Callback callback);
   static void Enter(Queue& queue, Pending pending);
   void Remove(Queue& queue, Tag tag);
   // Runs the first entry, which is entered again if it asks for it and was not cancelled meanwhile.
@@ -45,7 +45,7 @@ class CManualLoop : public CMainLoop {
 
   Queue _fTimeouts;
   Queue _fIdles;
-  uint64_t _fNow = 0;  // milliseconds since the loop was made
+  int64_t _fNow = 0;  // milliseconds since the loop was made
   Tag _fLastTag = 0;
   // The callbacks that are running (a callback may run the loop), zeroed when cancelled meanwhile.
   std::vector<Tag> _fRunning;
