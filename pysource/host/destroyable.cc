@@ -107,11 +107,24 @@ void CDestroyable::CheckSignal(const char* name) const {
       "this class does not have the signal");
 }
 
+void CDestroyable::Own(const std::shared_ptr<signals::CConnection>& connection) {
+  if (_fDestroyed) {
+    connection->live = false;
+    return;
+  }
+  // Now and then those go that ended on their own: a long-lived owner connects to many short lives.
+  if (_fOwned.size() == _fOwned.capacity()) {
+    std::erase_if(_fOwned, [](const auto& owned) { return owned.expired(); });
+    _fOwned.reserve(std::max<size_t>(8, _fOwned.size() * 2));
+  }
+  _fOwned.push_back(connection);
+}
+
 ConnectionId CDestroyable::AddConnection(const void* signal,
                                          std::shared_ptr<signals::CConnection> connection,
                                          CDestroyable* owner) {
   if (owner != nullptr) {
-    owner->_fOwned.push_back(connection);
+    owner->Own(connection);
   }
   return _fConnections.Add(signal, std::move(connection));
 }
@@ -120,7 +133,7 @@ ConnectionId CDestroyable::AddClassConnection(const void* signal,
                                               std::shared_ptr<signals::CConnection> connection,
                                               CDestroyable* owner) {
   if (owner != nullptr) {
-    owner->_fOwned.push_back(connection);
+    owner->Own(connection);
   }
   return singleton::GetSingletons().fClassConnections.fTable.Add(signal, std::move(connection));
 }

@@ -5,8 +5,7 @@
 //
 //   inline constexpr CSignal<CTimer, int> kTicked{"ticked"};      // handlers: void(CTimer&, int)
 //   timer.connect(kTicked, [](CTimer& timer, int count) {...});   // this timer
-//   class_connect(kTicked, ...);                                  // every timer, present and
-//   future
+//   class_connect(kTicked, ...);                                  // every timer, also later ones
 //
 // Emission is synchronous. Class-wide handlers run first, then those of the instance, each in order
 // of connection. A handler may connect, disconnect, emit, call back into the emitter and destroy
@@ -157,6 +156,8 @@ class CDestroyable {
                                          CDestroyable* owner);
   ConnectionId AddConnection(const void* signal, std::shared_ptr<signals::CConnection> connection,
                              CDestroyable* owner);
+  // Ends the connection with this object, or at once if this object has ended.
+  void Own(const std::shared_ptr<signals::CConnection>& connection);
   void CheckSignal(const char* name) const;
   std::vector<std::shared_ptr<signals::CConnection>> CollectConnections(const void* signal) const;
   void EndConnections();
