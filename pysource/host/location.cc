@@ -72,9 +72,9 @@ Loc CLocationCache::GetLocation(TextView url) {
     return known->second.get();
   }
   auto location = MakeLocation(url);
-  const Loc loc = location.get();
-  _fLocations.emplace(TextView(loc->fUrl), std::move(location));
-  return loc;
+  // A host that spells URLs in one way only can make one that is known under its own spelling.
+  const TextView own_url = location->fUrl;
+  return _fLocations.emplace(own_url, std::move(location)).first->second.get();
 }
 
 Loc CLocationCache::GetLocationForPath(const std::string& path) {
