@@ -36,10 +36,16 @@ Text ReprOfDouble(double value) {
   if (std::isnan(value)) {
     return "nan";
   }
+  // A time of modification must read as one, so exponents are for what is out of all proportion:
+  // below 1e-4, from 1e16 on.
+  const double size = std::fabs(value);
+  const bool fixed = value == 0 || (size >= 1e-4 && size < 1e16);
   std::array<char, 40> buffer{};
-  const auto end = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value).ptr;
+  const auto end = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value,
+                                 fixed ? std::chars_format::fixed : std::chars_format::scientific)
+                       .ptr;
   Text result(buffer.data(), end);
-  if (result.find_first_of(".eni") == Text::npos) {
+  if (fixed && result.find('.') == Text::npos) {
     result += ".0";
   }
   return result;

@@ -3,7 +3,7 @@
 //
 //   text, bytes     quoted: 'a.b', with \n, \\, \' and \xNN for what does not print
 //   bool            True, False
-//   double          shortest form that reads back the same, always with a point: 1.0
+//   double          shortest digits that read back the same: 1.0, 1700000000.25, 1e+16
 //   absent          None
 //   pair            (first, second)
 //   list            [a, b]
@@ -144,9 +144,8 @@ class FormatArg {
   Text (*_fPlain)(const void*);
 };
 
-// Fills in "%r" with the text form of the next argument, "%s" and "%d" with its plain form, "%%"
-// with
-// "%". Missing arguments leave their place as it stands; surplus ones are left out.
+// Fills in "%r" with the text form of the next argument, "%s" and "%d" with its plain form, and
+// "%%" with a "%". Missing arguments leave their place as it stands; surplus ones are left out.
 Text FormatPercent(TextView format, std::initializer_list<FormatArg> args);
 
 // Fills in each "{}" with the plain form of the next argument.
