@@ -19,20 +19,27 @@ constexpr std::array<bool, 256> MakeUrlSafe() {
 
 constexpr std::array<bool, 256> kUrlSafe = MakeUrlSafe();
 
+[[noreturn]] void FailIndex(const std::string& index, BytesView s) {
+  throw CValueError("index " + index + " is outside a text of " + std::to_string(s.size()) +
+                    " bytes");
+}
+
 }  // namespace
 
 uint8_t OrdAt(BytesView s, int64_t i) {
   const auto size = static_cast<int64_t>(s.size());
   const int64_t at = i < 0 ? i + size : i;
   if (at < 0 || at >= size) {
-    throw CValueError("index " + std::to_string(i) + " is outside a text of " +
-                      std::to_string(size) + " bytes");
+    FailIndex(std::to_string(i), s);
   }
   return static_cast<uint8_t>(s[static_cast<size_t>(at)]);
 }
 
 char GetOneByte(BytesView s, size_t i) {
-  return static_cast<char>(OrdAt(s, static_cast<int64_t>(i)));
+  if (i >= s.size()) {
+    FailIndex(std::to_string(i), s);
+  }
+  return s[i];
 }
 
 Bytes EncodeUrl(BytesView url) {

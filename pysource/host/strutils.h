@@ -10,9 +10,9 @@ namespace pysource {
 // Text and bytes are one type here, so these do nothing but say which is meant.
 inline BytesView AsUtf8(TextView s) { return s; }
 inline TextView AsStr(BytesView s) { return s; }
-// The text of the bytes from `begin` up to `end`.
+// The text of the bytes from `begin` up to `end`, or what there is of it.
 inline TextView AsStr(BytesView s, size_t begin, size_t end) {
-  return s.substr(begin, end - begin);
+  return begin < end && begin < s.size() ? s.substr(begin, end - begin) : TextView();
 }
 
 // The UTF-8 bytes of a text, without a copy.
@@ -22,9 +22,9 @@ inline BytesView GetUtf8Ptr(TextView u) { return u; }
 uint8_t OrdAt(BytesView s, int64_t i);
 char GetOneByte(BytesView s, size_t i);
 
-// The URL in the form that can stand in info bytes: every byte outside A-Z a-z 0-9 - . _ ~ / :
-// becomes
-// "%" and two upper-case hex digits, so there is no space, ";", bracket or NUL in the result.
+// The URL in the form that can stand in info bytes. Every byte outside A-Z a-z 0-9 - . _ ~ / :
+// becomes "%" and two upper-case hex digits, so there is no space, ";", bracket or NUL in the
+// result.
 Bytes EncodeUrl(BytesView url);
 
 // Whether the bytes are well-formed UTF-8 (no surrogates, no overlong forms).
