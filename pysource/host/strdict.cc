@@ -75,7 +75,10 @@ uint32_t CStrDict::Find(TextView name) const {
 void CStrDict::Set(TextView name, BytesView ibytes) {
   const uint32_t at = Find(name);
   if (at != kNone) {
-    _fItems[at].second = _fArena.Store(ibytes);
+    // Merging stores what is there already again and again, and the arena never gives back.
+    if (_fItems[at].second != ibytes) {
+      _fItems[at].second = _fArena.Store(ibytes);
+    }
   } else {
     const TextView stored = _fArena.Store(name);
     Append(stored, _fArena.Store(ibytes));
