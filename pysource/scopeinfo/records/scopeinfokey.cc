@@ -103,7 +103,8 @@ size_t CScopeInfoKey::MemoryUse() const noexcept {
     return 0;
   }
   size_t size = sizeof(Rep) + for_scope().size() + scan_name().value_or(TextView()).size();
-  if (_fRep->scanned_scope_at != 0 && _fRep->scanned_scope_size != kAbsent) {
+  // At 0 it shares the text of for_scope, or stands alone behind an empty one.
+  if ((_fRep->scanned_scope_at != 0 || for_scope().empty()) && scanned_scope()) {
     size += _fRep->scanned_scope_size;
   }
   return size;
