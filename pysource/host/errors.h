@@ -1,8 +1,8 @@
 // What can go wrong, as types. Nothing else is thrown by the system itself.
 //
-//   CValueError      a value that came from outside is not well formed: damaged bytes, a short
-//   list. CTypeError       a value is absent where one is needed. CAssertionError  a programming
-//   error: a caller broke a rule (see assertions.h).
+//   CValueError      a value that came from outside is not well formed: damaged bytes
+//   CTypeError       a value is absent where one is needed
+//   CAssertionError  a programming error: a caller broke a rule (see assertions.h)
 //
 // A failing host service throws what it likes; the module lets it pass.
 #pragma once

@@ -154,10 +154,9 @@ std::pair<TextView, TextView> ParentAndLeafScopeNames(TextView scope);
 Text RemoveAllScopeIndicies(TextView scope);
 Text GetInstanceNameForClass(TextView scope);
 
-// Calls `visit` with a view of each piece of `s` between separators at nesting depth zero. The
-// pairs
-// "()", "[]" and "{}" count together as one depth, which never goes below zero. Empty input has no
-// pieces; otherwise there is one more piece than there are separators, empty ones included.
+// Calls `visit` with a view of each piece of `s` between separators at nesting depth zero. Round,
+// square and curly brackets count together as one depth, which never goes below zero. Empty input
+// has no pieces; otherwise there is one more piece than there are separators, empty ones included.
 template <class Visit>
 void ForEachNonNested(BytesView s, char sep, Visit&& visit) {
   if (s.empty()) {

@@ -1,11 +1,10 @@
 // How records merge. What a value of one record means depends on the scope that it stands in, so a
 // value that moves to another scope or file takes its context along:
 //
-//   merged from        the item becomes                        kept as it is
-//   same file, scope   unchanged                               everything
-//   same file          ":S<scope> <item>"                      literals, builtin classes, URLs,
-//   scopes another file       ":U<url> :S<scope> <item>"              literals, builtin classes,
-//   URLs
+//   merged from               the item becomes             kept as it is
+//   same file, same scope     unchanged                    everything
+//   same file, another scope  ":S<scope> <item>"           literals, builtin classes, URLs, scopes
+//   another file              ":U<url> :S<scope> <item>"   literals, builtin classes, URLs
 //
 // Every alternative is kept; none outranks another.
 #include "pysource/scopeinfo/records/mergescopeinfo.h"
