@@ -1,0 +1,383 @@
+// The containers, each against a naive model that random steps are done to as well.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "pysource/host/arena.h"
+#include "pysource/host/fastaccess.h"
+#include "pysource/host/hashindex.h"
+#include "pysource/host/idset.h"
+#include "pysource/host/ordereddict.h"
+#include "pysource/host/strdict.h"
+#include "pysource/host/usageordereddict.h"
+#include "tests/fakes/random.h"
+
+namespace pysource {
+namespace {
+
+using fakes::CRandom;
+
+// Pairs in order; a search is a walk.
+class CModelDict {
+ public:
+  using Items = std::vector<std::pair<Text, int>>;
+
+  Items::iterator Find(TextView key) {
+    return std::find_if(items.begin(), items.end(), [&](auto& item) { return item.first == key; });
+  }
+  std::optional<int> Value(TextView key) {
+    const auto found = Find(key);
+    return found == items.end() ? std::nullopt : std::optional(found->second);
+  }
+  std::optional<int> Pop(TextView key) {
+    const auto value = Value(key);
+    if (value) {
+      items.erase(Find(key));
+    }
+    return value;
+  }
+  void PutFirst(TextView key, int value) {
+    Pop(key);
+    items.emplace(items.begin(), key, value);
+  }
+  void Set(TextView key, int value) {
+    const auto found = Find(key);
+    if (found == items.end()) {
+      items.emplace_back(key, value);
+    } else {
+      found->second = value;
+    }
+  }
+
+  Items items;
+};
+
+template <class Range>
+CModelDict::Items ItemsOf(const Range& range) {
+  CModelDict::Items items;
+  for (const auto& [key, value] : range) {
+    items.emplace_back(key, value);
+  }
+  return items;
+}
+
+template <class T>
+std::optional<int> OrNone(const T* value) {
+  return value == nullptr ? std::nullopt : std::optional<int>(*value);
+}
+
+// Few keys, so that dictionaries grow over the size from which on they have a table, and shrink
+// back.
+Text RandomKey(CRandom& random) { return "key" + std::to_string(random.Below(24)); }
+
+TEST(InsertionOrderedDict, DoesWhatAListOfPairsDoes) {
+  CRandom random;
+  CInsertionOrderedDict<Text, int, TextHash> dict;
+  CModelDict model;
+  for (int step = 0; step < 5000; ++step) {
+    const Text key = RandomKey(random);
+    switch (random.Below(8)) {
+      case 0:
+      case 1:
+        EXPECT_EQ(dict.Pop(TextView(key)), model.Pop(key));
+        break;
+      case 2:
+        dict.GetOrMake(key) += 1;
+        model.Set(key, model.Value(key).value_or(0) + 1);
+        break;
+      case 3:
+        if (random.OneIn(20)) {
+          dict.clear();
+          model.items.clear();
+        }
+        break;
+      case 4: {
+        auto copy = dict;
+        EXPECT_TRUE(copy == dict);
+        copy.Set("another", 0);
+        EXPECT_FALSE(copy == dict);
+        copy.Erase(TextView("another"));
+        dict = random.OneIn(2) ? copy : std::move(copy);
+        break;
+      }
+      default:
+        EXPECT_EQ(dict.Set(key, step), step);
+        model.Set(key, step);
+    }
+    ASSERT_EQ(ItemsOf(dict), model.items);
+    EXPECT_EQ(dict.size(), model.items.size());
+    const Text other = RandomKey(random);
+    EXPECT_EQ(OrNone(dict.Find(TextView(other))), model.Value(other));
+  }
+}
+
+TEST(UsageOrderedDict, DoesWhatAListOfPairsDoes) {
+  CRandom random;
+  CUsageOrderedDict<Text, int, TextHash> dict;
+  CModelDict model;  // the most recently used first
+  for (int step = 0; step < 5000; ++step) {
+    const Text key = RandomKey(random);
+    const auto slot = dict.SlotOf(key);
+    ASSERT_EQ(slot != dict.kNoSlot, model.Value(key).has_value());
+    switch (random.Below(10)) {
+      case 0: {
+        EXPECT_EQ(OrNone(dict.Get(TextView(key))), model.Value(key));
+        if (const auto value = model.Value(key)) {
+          model.PutFirst(key, *value);
+        }
+        break;
+      }
+      case 1:
+        EXPECT_EQ(OrNone(dict.Peek(TextView(key))), model.Value(key));
+        break;
+      case 2:
+        EXPECT_EQ(dict.pop(TextView(key)), model.Pop(key));
+        break;
+      case 3: {
+        const std::vector<Text> keys{key, RandomKey(random), "unknown"};
+        dict.DifferenceUpdate(keys);
+        std::for_each(keys.begin(), keys.end(), [&](const Text& each) { model.Pop(each); });
+        break;
+      }
+      case 4:
+      case 5:
+        dict.Set(key, step, false);  // a new one enters where it is the first to be given up
+        model.Set(key, step);
+        break;
+      case 6:
+        if (slot != dict.kNoSlot && random.OneIn(2)) {
+          EXPECT_EQ(dict.TakeAt(slot).second, *model.Pop(key));
+          EXPECT_FALSE(dict.IsLive(slot));
+        } else if (slot != dict.kNoSlot) {
+          dict.MarkUsed(slot);
+          model.PutFirst(key, *model.Value(key));
+        } else {
+          EXPECT_EQ(dict.At(dict.Add(key, step)).first, key);
+          model.PutFirst(key, step);
+        }
+        break;
+      default:
+        dict.Set(key, step);
+        model.PutFirst(key, step);
+    }
+    ASSERT_EQ(ItemsOf(dict), model.items);
+    CModelDict::Items reversed;
+    for (auto it = dict.rbegin(); it != dict.rend(); ++it) {
+      reversed.emplace(reversed.begin(), it->first, it->second);
+    }
+    ASSERT_EQ(reversed, model.items);
+    EXPECT_EQ(dict.length(), model.items.size());
+  }
+  dict.Clear();
+  EXPECT_TRUE(dict.empty());
+}
+
+// What a value's end sets off may look at the dictionary that it was just in, and change it.
+TEST(OrderedDicts, AreInOrderWhenAValueEnds) {
+  CUsageOrderedDict<int, std::shared_ptr<void>> dict;
+  std::vector<size_t> sizes;
+  const auto value = [&] {
+    return std::shared_ptr<void>(nullptr, [&](void*) {
+      sizes.push_back(dict.size());
+      dict.Set(100 + static_cast<int>(sizes.size()), nullptr);
+    });
+  };
+  for (int key = 0; key < 4; ++key) {
+    dict.Set(key, value());
+  }
+  dict.Set(0, nullptr);
+  dict.pop(1);
+  dict.TakeAt(dict.SlotOf(2));
+  dict.clear();
+  EXPECT_THAT(sizes, testing::ElementsAre(4, 4, 4, 0));
+}
+
+TEST(HashIndex, FindsWhatIsEnteredWhateverTheHashes) {
+  CRandom random;
+  for (const size_t hash_count : {1U, 3U, 1000U}) {
+    CHashIndex index;
+    std::map<uint32_t, uint64_t> model;  // from slot to the hash that it is entered under
+    for (int step = 0; step < 3000; ++step) {
+      const auto slot = static_cast<uint32_t>(random.Below(150));
+      const auto found = model.find(slot);
+      if (found == model.end()) {
+        model[slot] = random.Below(hash_count) << random.Of(std::vector<int>{0, 32, 52});
+        index.Insert(model[slot], slot);
+      } else if (random.OneIn(2)) {
+        index.Erase(found->second, slot);
+        model.erase(found);
+      }
+      const auto asked = static_cast<uint32_t>(random.Below(150));
+      const bool is_in = model.contains(asked);
+      ASSERT_EQ(index.Find(is_in ? model[asked] : 7, [&](uint32_t each) { return each == asked; }),
+                is_in ? asked : CHashIndex::kNone);
+    }
+  }
+}
+
+TEST(IdSet, IsASet) {
+  CRandom random;
+  CIdSet ids;
+  std::set<uint32_t> model;
+  for (int step = 0; step < 5000; ++step) {
+    const auto id = static_cast<uint32_t>(random.Below(60)) << 20;
+    if (random.Below(60) < (step % 1000 < 500 ? 30U : 45U)) {  // it grows and shrinks in turn
+      EXPECT_EQ(ids.Add(id), model.insert(id).second);
+    } else {
+      EXPECT_EQ(ids.Erase(id), model.erase(id) == 1);
+    }
+    const auto asked = static_cast<uint32_t>(random.Below(60)) << 20;
+    ASSERT_EQ(ids.Contains(asked), model.contains(asked));
+    ASSERT_EQ(std::set<uint32_t>(ids.begin(), ids.end()), model);
+    ASSERT_EQ(ids.size(), model.size());
+  }
+}
+
+TEST(BytesTokenizer, NumbersInOrderOfFirstUseRoundAfterRound) {
+  CRandom random;
+  CBytesTokenizer tokens;
+  for (int round = 0; round < 50; ++round) {
+    std::map<Bytes, uint32_t> model;
+    for (size_t left = random.Below(400); left != 0; --left) {
+      const Bytes token = random.Text(TextView("ab.\0", 4), 9);
+      const auto size = static_cast<uint32_t>(model.size());
+      ASSERT_EQ(tokens.GetTokenIndex(token), model.emplace(token, size).first->second);
+    }
+    ASSERT_EQ(tokens.size(), model.size());
+    for (const auto& [token, index] : model) {
+      ASSERT_EQ(tokens.Token(index), token);
+    }
+    tokens.clear();
+    ASSERT_TRUE(tokens.empty());
+  }
+}
+
+TEST(Arena, KeepsWhatWasPutIntoItUntilTheLastHandleGoes) {
+  CRandom random;
+  for (const bool sized : {false, true}) {
+    auto arena = std::make_unique<CArena>(sized ? CArena(100) : CArena());
+    std::vector<std::pair<TextView, Text>> stored;
+    size_t total = 0;
+    for (int step = 0; step < 300; ++step) {
+      const size_t most = random.OneIn(20) ? 5000 : 30;
+      if (random.OneIn(2)) {
+        const Text text = random.Text("abc", most);
+        stored.emplace_back(arena->Store(text), text);
+        total += text.size();
+      } else {
+        const size_t alignment = size_t{1} << random.Below(5);
+        const size_t size = random.Below(most) + 1;
+        auto* const at = static_cast<char*>(arena->Allocate(size, alignment));
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(at) % alignment, 0U);
+        std::fill_n(at, size, static_cast<char>(step));
+        stored.emplace_back(TextView(at, size), Text(size, static_cast<char>(step)));
+        total += size;
+      }
+    }
+    EXPECT_GE(arena->MemoryUse(), total);
+    EXPECT_LE(arena->MemoryUse(), 3 * total + 1024);
+    const CArena sharer = *arena;
+    arena.reset();
+    for (const auto& [view, text] : stored) {
+      ASSERT_EQ(view, text);
+    }
+  }
+  // A size that is known beforehand is one block.
+  CArena exact(20);
+  const size_t before = exact.MemoryUse();
+  exact.Store("0123456789");
+  exact.Store("0123456789");
+  EXPECT_EQ(exact.MemoryUse(), before);
+}
+
+using StrItems = std::vector<std::pair<Text, Bytes>>;
+
+TEST(StrDict, DoesWhatAListOfPairsDoes) {
+  CRandom random;
+  for (const size_t name_count : {5U, 20U, 200U}) {
+    CStrDict dict;
+    StrItems model;
+    std::vector<std::pair<BytesView, Bytes>> held;  // values that were looked up, and their text
+    for (int step = 0; step < 1500; ++step) {
+      // Mostly ascending, as from a decoder; the digits make them ascend as text, too.
+      const size_t number = random.OneIn(10) ? random.Below(name_count)
+                                             : (static_cast<size_t>(step) / 7) % name_count;
+      const Text name = "n" + std::to_string(1000 + number);
+      const auto at = std::find_if(model.begin(), model.end(),
+                                   [&](const auto& item) { return item.first == name; });
+      const auto value = dict.Get(name);
+      ASSERT_EQ(value.has_value(), at != model.end()) << name;
+      if (value) {
+        ASSERT_EQ(*value, at->second);
+        held.emplace_back(*value, at->second);
+      }
+      switch (random.Below(12)) {
+        case 0:
+          EXPECT_EQ(dict.Erase(name), value.has_value());
+          if (value) {
+            model.erase(at);
+          }
+          break;
+        case 1:
+          if (random.OneIn(10)) {
+            CStrDict copy = dict;
+            held.clear();
+            dict.clear();
+            EXPECT_TRUE(dict.empty());
+            dict = std::move(copy);
+          }
+          break;
+        default: {
+          // A value may come out of the dictionary itself.
+          const BytesView stored = random.OneIn(4) && !dict.empty()
+                                       ? dict.begin()[random.Below(dict.size())].second
+                                       : BytesView(name).substr(random.Below(3));
+          if (value) {
+            at->second = stored;
+          } else {
+            model.emplace_back(name, stored);
+          }
+          dict.Set(name, stored);
+        }
+      }
+      StrItems items;
+      for (const auto& [each_name, ibytes] : dict) {
+        items.emplace_back(each_name, ibytes);
+      }
+      ASSERT_EQ(items, model);
+      if (dict.IsAscending()) {
+        ASSERT_TRUE(std::is_sorted(items.begin(), items.end()));
+      }
+    }
+    for (const auto& [view, bytes] : held) {
+      ASSERT_EQ(view, bytes);
+    }
+  }
+}
+
+TEST(StrDict, EqualityIsThatOfTheItemsAndReplacingTheSameValueTakesNoMemory) {
+  const CStrDict ab{{"a", "1"}, {"b", "2"}};
+  EXPECT_TRUE(ab == (CStrDict{{"b", "2"}, {"a", "1"}}));
+  EXPECT_FALSE(ab == (CStrDict{{"a", "1"}, {"b", "3"}}));
+  EXPECT_FALSE(ab == (CStrDict{{"a", "1"}, {"c", "2"}}));
+  EXPECT_FALSE(ab == (CStrDict{{"a", "1"}}));
+  const CArena arena(64);
+  CStrDict dict(arena, 1);
+  for (int i = 0; i < 1000; ++i) {
+    dict.Set("name", "value");
+  }
+  EXPECT_LE(arena.MemoryUse(), 128U);
+  EXPECT_EQ(dict.Get("name"), "value");
+}
+
+}  // namespace
+}  // namespace pysource
