@@ -1,0 +1,74 @@
+#include "pysource/standalone/engine/engine.h"
+
+#include <utility>
+
+namespace pysource::standalone {
+namespace {
+
+// How often Ask runs scans and asks again. Each round follows from the one before: a file, then the
+// files that its records rest on. Real code settles in two or three.
+constexpr int kMostRounds = 20;
+
+constexpr unsigned kWaitMs = 100;
+
+}  // namespace
+
+CEngine::CEngine(CEngineOptions options)
+    : _fResolver(_fLocCache, options.import_roots), _fFactory(_fLocCache) {
+  _fDb = std::make_unique<CSqliteAnalysisDb>(
+      CSqliteDbOptions{.path = options.db_path, .workspace_root = options.workspace_root},
+      _fLocCache);
+  _fAnaMgr.fAnalysisDb = _fDb.get();
+  _fAnaMgr.fAnalysisFactory = &_fFactory;
+  _fSingletons.fSavableMgr = &_fFiles;
+  _fSingletons.fCacheMgr = &_fBuffers;
+  _fSingletons.fAnalysisMgr = &_fAnaMgr;
+  _fOldSingletons = singleton::SetSingletons(&_fSingletons);
+  _fCache = std::make_unique<scopeinfo::CInfoCache>(&_fAnaMgr, &_fLocCache, options.limits);
+  _fAnaMgr.fInfoCache = _fCache.get();
+  _fCache->SetScanNames({Text(kNamesScan), Text(kAttrsScan)});
+  _fScans = std::make_unique<CScanRunner>(
+      *_fCache, _fFiles, _fBuffers, _fResolver,
+      CScanRunner::Options{.threads = options.threads, .notify = std::move(options.notify)});
+}
+
+CEngine::~CEngine() {
+  _fScans.reset();
+  _fCache.reset();
+  _fDb.reset();
+  singleton::SetSingletons(_fOldSingletons);
+}
+
+scopeinfo::CScopeInfoPtr CEngine::Ask(Loc loc, TextView scope_name,
+                                      const std::function<bool()>& between) {
+  for (int round = 0;; ++round) {
+    scopeinfo::CNeedsScanDict needs_scan;
+    scopeinfo::CScopeInfoPtr info = _fCache->GetScopeInfo(loc, scope_name, true, &needs_scan);
+    if (round == kMostRounds) {
+      return info;
+    }
+    _fScans->RequestForReader(needs_scan);
+    if (!_fScans->IsBusy() || !RunScans(between)) {
+      return info;
+    }
+  }
+}
+
+bool CEngine::RunScans(const std::function<bool()>& between) {
+  while (_fScans->IsBusy()) {
+    _fScans->HandOverReady(kWaitMs);
+    if (between && !between()) {
+      return false;
+    }
+  }
+  return true;
+}
+
+void CEngine::CloseBuffer(Loc loc) {
+  if (_fBuffers.Close(loc)) {
+    // What the cache knows was of a text that is gone.
+    _fCache->ClearFiles({loc}, false);
+  }
+}
+
+}  // namespace pysource::standalone

@@ -1,0 +1,81 @@
+// A whole engine in one object: the info cache with a database on disk, real files, open buffers
+// and scans of real source around it.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "pysource/host/analysismgr.h"
+#include "pysource/host/location.h"
+#include "pysource/host/singleton.h"
+#include "pysource/scopeinfo/infocache/infocache.h"
+#include "pysource/standalone/engine/scanrunner.h"
+#include "pysource/standalone/engine/stubfactory.h"
+#include "pysource/standalone/files/filemanager.h"
+#include "pysource/standalone/files/openbuffers.h"
+#include "pysource/standalone/scanner/importresolver.h"
+#include "pysource/standalone/sqlitedb/sqliteanalysisdb.h"
+
+namespace pysource::standalone {
+
+struct CEngineOptions {
+  std::string db_path;
+  std::string workspace_root;  // files below it are stored relative to it; empty for none
+  std::vector<std::string> import_roots;  // folders where absolute imports are looked for
+  size_t threads = 1;
+  // Called from worker threads when results wait; may be empty for a host that calls RunScans.
+  std::function<void()> notify;
+  scopeinfo::CInfoCacheLimits limits;
+};
+
+// One at a time in a process: it sets the singletons while it lives and puts the old ones back. The
+// main loop must be set before it is made and outlive it. Everything happens on the thread that
+// made it, but for the scans.
+//
+// The destructor writes what is unwritten.
+class CEngine {
+ public:
+  // Throws CValueError with the name of the file when the database cannot be used.
+  explicit CEngine(CEngineOptions options);
+  ~CEngine();
+  CEngine(const CEngine&) = delete;
+  CEngine& operator=(const CEngine&) = delete;
+
+  // The merged record, after running what the cache asked for until the answer gets no better. Null
+  // when there is no such scope. `between` is called after each piece of work; false gives up.
+  scopeinfo::CScopeInfoPtr Ask(Loc loc, TextView scope_name,
+                               const std::function<bool()>& between = nullptr);
+
+  // Runs all that is wanted to the end, with the cache's housekeeping in between. False if
+  // `between` said to stop.
+  bool RunScans(const std::function<bool()>& between = nullptr);
+
+  // Closes an open buffer; what was not saved is forgotten, by the cache too.
+  void CloseBuffer(Loc loc);
+
+  CLocationCache& Locations() { return _fLocCache; }
+  scopeinfo::CInfoCache& Cache() { return *_fCache; }
+  CSqliteAnalysisDb& Database() { return *_fDb; }
+  CFileManager& Files() { return _fFiles; }
+  COpenBuffers& Buffers() { return _fBuffers; }
+  CScanRunner& Scans() { return *_fScans; }
+  CFileImportResolver& Resolver() { return _fResolver; }
+
+ private:
+  CLocationCache _fLocCache;
+  CFileImportResolver _fResolver;
+  CFileManager _fFiles;
+  COpenBuffers _fBuffers;
+  CStubFactory _fFactory;
+  CAnalysisManager _fAnaMgr;
+  CSingletons _fSingletons;
+  CSingletons* _fOldSingletons = nullptr;
+  std::unique_ptr<CSqliteAnalysisDb> _fDb;
+  std::unique_ptr<scopeinfo::CInfoCache> _fCache;
+  std::unique_ptr<CScanRunner> _fScans;
+};
+
+}  // namespace pysource::standalone

@@ -1,0 +1,217 @@
+#include "pysource/standalone/engine/scanrunner.h"
+
+#include <bit>
+#include <optional>
+
+#include "pysource/host/symbolinfo.h"
+#include "pysource/standalone/scanner/sourcefile.h"
+
+namespace pysource::standalone {
+namespace {
+
+// A reader waits for its answer; a report without a priority comes with something a reader looked
+// at.
+constexpr int kReaderUrgency = 20;
+constexpr int kDefaultUrgency = 10;
+constexpr int kBulkUrgency = 0;
+
+int UrgencyOf(Priority priority) {
+  // Of the reports, scopes that change under the user's hands (1) come before files that changed
+  // outside (2).
+  return priority ? kDefaultUrgency - *priority : kDefaultUrgency;
+}
+
+}  // namespace
+
+CScanRunner::CScanRunner(scopeinfo::CInfoCache& cache, CFileManager& files, COpenBuffers& buffers,
+                         const CImportResolver& resolver, Options options)
+    : CDestroyable({}),
+      _fCache(cache),
+      _fFiles(files),
+      _fBuffers(buffers),
+      _fWorkers(options.threads, resolver, std::move(options.notify)) {
+  _fCache.connect_while_alive(
+      kNeedsScanAdded,
+      [this](const CInfoCacheBase&, const CNeedsScanSet& needs_scan, Priority priority) {
+        CB_NeedsScanAdded(needs_scan, priority);
+      },
+      *this);
+  _fCache.connect_while_alive(
+      kScopesModified, [this](const CInfoCacheBase&, const CChangedDict&) { ++_fWorld; }, *this);
+}
+
+CScanRunner::~CScanRunner() { destroy(); }
+
+uint64_t CScanRunner::ContentOf(Loc loc) const {
+  const COpenBuffer* const buffer = _fBuffers.Find(loc);
+  if (buffer != nullptr && buffer->IsModified()) {
+    // Odd numbers are versions of a buffer, even ones times of a file.
+    return buffer->Version() * 2 + 1;
+  }
+  const auto path = PathForLocation(loc);
+  const DiskTime time = path ? GetFileDiskTime(*path) : 0;
+  return (std::bit_cast<uint64_t>(time) << 1) | uint64_t{1} << 63;
+}
+
+void CScanRunner::CB_NeedsScanAdded(const CNeedsScanSet& needs_scan, Priority priority) {
+  ++_fWorld;
+  for (const CNeedsScan& scan : needs_scan) {
+    Want(scan.scanned_loc, scan.scanned_scope, scan.scan_name, UrgencyOf(priority));
+  }
+  Dispatch();
+}
+
+void CScanRunner::RequestFile(Loc loc, Priority priority) {
+  const int urgency = priority ? UrgencyOf(priority) : kBulkUrgency;
+  Want(loc, kWildcardScope, kNamesScan, urgency);
+  Dispatch();
+}
+
+void CScanRunner::RequestForReader(const scopeinfo::CNeedsScanDict& needs_scan_dict) {
+  for (const auto& [scope, scan_names] : needs_scan_dict) {
+    const FileState& state = _fStates[scope.loc];
+    const bool same = state.world == _fWorld && state.content == ContentOf(scope.loc);
+    for (const Text& scan_name : scan_names) {
+      if (same && (state.ran.all || state.ran.scans.contains({scope.scope, scan_name}))) {
+        continue;
+      }
+      // A reader knows of one scope; its neighbours in the same file are about to be asked for, and
+      // the parse is paid for either way. A file that was never scanned is scanned whole.
+      const bool never_scanned = state.content == 0;
+      Want(scope.loc, never_scanned ? kWildcardScope : TextView(scope.scope), scan_name,
+           kReaderUrgency);
+    }
+  }
+  Dispatch();
+}
+
+void CScanRunner::Want(Loc loc, TextView scope, TextView scan_name, int urgency) {
+  if (!loc) {
+    return;
+  }
+  Wanted& wanted = _fWanted[loc];
+  wanted.urgency = std::max(wanted.urgency, urgency);
+  if (scope == kWildcardScope) {
+    // One parse gives both scans: a whole file is always scanned by both.
+    wanted.all = true;
+    wanted.scans.clear();
+  } else if (!wanted.all) {
+    wanted.scans.emplace(scope, scan_name);
+  }
+}
+
+void CScanRunner::Dispatch() {
+  for (auto it = _fWanted.begin(); it != _fWanted.end();) {
+    // A file in hand is given again when its result is there: two results could overtake each
+    // other.
+    if (_fStates[it->first].in_hand) {
+      ++it;
+      continue;
+    }
+    const Loc loc = it->first;
+    Wanted wanted = std::move(it->second);
+    it = _fWanted.erase(it);
+    GiveJob(loc, std::move(wanted));
+  }
+}
+
+void CScanRunner::GiveJob(Loc loc, Wanted wanted) {
+  FileState& state = _fStates[loc];
+  const uint64_t content = ContentOf(loc);
+  if (state.failed_content == content) {
+    return;
+  }
+  CScanJob job{.loc = loc, .unsaved_text = std::nullopt, .content = content};
+  const COpenBuffer* const buffer = _fBuffers.Find(loc);
+  if (buffer != nullptr && buffer->IsModified()) {
+    job.unsaved_text = buffer->GetText();
+  }
+  const int urgency = wanted.urgency;
+  state.in_hand = true;
+  state.running = std::move(wanted);
+  ++_fInHand;
+  _fWorkers.Give(std::move(job), urgency);
+}
+
+size_t CScanRunner::HandOverReady(unsigned wait_ms) {
+  size_t handed_over = 0;
+  while (auto result = _fWorkers.Take(handed_over == 0 ? wait_ms : 0)) {
+    HandOver(std::move(*result));
+    ++handed_over;
+  }
+  return handed_over;
+}
+
+void CScanRunner::HandOver(CScanJobResult result) {
+  const Loc loc = result.job.loc;
+  --_fInHand;
+  const Wanted wanted = std::exchange(_fStates[loc].running, {});
+  _fStates[loc].in_hand = false;
+
+  // What happened to the file meanwhile is told before anything of the result is: the cache then
+  // moves its entry to the present time, and asks for what that makes stale.
+  _fFiles.CheckFile(loc);
+  const uint64_t content = ContentOf(loc);
+  const bool is_present =
+      result.job.unsaved_text
+          ? content == result.job.content
+          : result.error.empty() && result.disk_mtime == _fCache.GetDiskMTime(loc);
+  if (result.error.empty() && !is_present) {
+    ++_fCounts.dropped;
+    Want(loc, kWildcardScope, kNamesScan, wanted.urgency);
+  } else if (!result.error.empty()) {
+    FileState& state = _fStates[loc];
+    if (content != result.job.content) {
+      // Another content by now: that one may be readable.
+      Want(loc, kWildcardScope, kNamesScan, wanted.urgency);
+    } else if (state.failed_content != content) {
+      state.failed_content = content;
+      if (fOnFailure) {
+        fOnFailure({loc, result.error});
+      }
+    }
+  } else {
+    AddResults(result, wanted);
+    FileState& state = _fStates[loc];
+    // After the results, whose own changes are no reason to run the scan again.
+    state.content = content;
+    state.world = _fWorld;
+    state.ran = wanted;
+    state.failed_content = 0;
+    if (fOnScanned) {
+      fOnScanned(loc, result.scan);
+    }
+  }
+  Dispatch();
+}
+
+void CScanRunner::AddResults(const CScanJobResult& result, const Wanted& wanted) {
+  const Loc loc = result.job.loc;
+  ++_fCounts.files_scanned;
+  _fCounts.source_bytes += result.source_bytes;
+  _fCounts.syntax_errors += result.scan.error_count;
+  _fCounts.files_with_syntax_errors += result.scan.error_count != 0 ? 1 : 0;
+  for (const CScanResult& scan : result.scan.results) {
+    if (!wanted.all && !wanted.scans.contains({scan.scanned_scope, scan.scan_name})) {
+      continue;
+    }
+    for (const scopeinfo::CScopeInfoPtr& info : scan.infos) {
+      ++_fCounts.records;
+      _fCounts.encoded_bytes += info->GetSerializedData().size();
+    }
+    _fCache.AddScopeInfoListForSingleScan(loc, scan.scanned_scope, scan.scan_name, scan.infos);
+  }
+  if (wanted.all) {
+    // Only now: the primary scan is claimed done after its module scope is there.
+    for (const TextView scan_name : {kNamesScan, kAttrsScan}) {
+      _fCache.ChangeScansDone(loc, scan_name, true);
+      _fCache.FinishedWithScans(loc, kWildcardScope, scan_name);
+    }
+  } else {
+    for (const auto& [scope, scan_name] : wanted.scans) {
+      _fCache.FinishedWithScans(loc, scope, scan_name);
+    }
+  }
+}
+
+}  // namespace pysource::standalone

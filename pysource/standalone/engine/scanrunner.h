@@ -1,0 +1,122 @@
+// Runs the scans that the info cache and its readers ask for, and hands the results back.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "pysource/host/destroyable.h"
+#include "pysource/host/location.h"
+#include "pysource/scopeinfo/infocache/infocache.h"
+#include "pysource/standalone/engine/scanworkers.h"
+#include "pysource/standalone/files/filemanager.h"
+#include "pysource/standalone/files/openbuffers.h"
+
+namespace pysource::standalone {
+
+// A request names a scope of a file, or all of it, and a scan. One parse gives both scans of all
+// scopes, so requests for one file are run together; what was not asked for is not handed over. The
+// life of a file here:
+//
+//   (idle) ── request ──▶ wanted ── job given ──▶ in hand ── result ──▶ handed over, or dropped
+//   because
+//     ▲                      ▲                        │                  the file has changed
+//     meanwhile │                      └── asked for again ─────┘                             │
+//     └──────────────────────────────────────────────────────────────────────────────┘
+//
+// What the cache reports as stale (needs-scan-added) is always run. What a reader asks for is run
+// once as long as nothing has changed since: a scope that does not exist is asked for at every
+// read, and no scan will bring it. A scan that fails is reported once for each content of its file
+// and is not tried again until the content changes.
+//
+// Main thread; the workers are its own.
+class CScanRunner final : public CDestroyable {
+ public:
+  struct Failure {
+    Loc loc;
+    std::string message;
+  };
+  struct Options {
+    size_t threads = 1;
+    // Called from a worker thread when a result waits; must do no more than wake the main thread,
+    // which then calls HandOverReady.
+    std::function<void()> notify;
+  };
+  // What was done so far.
+  struct Counts {
+    size_t files_scanned = 0;
+    size_t source_bytes = 0;
+    size_t records = 0;
+    size_t encoded_bytes = 0;
+    size_t syntax_errors = 0;
+    size_t files_with_syntax_errors = 0;
+    size_t dropped = 0;  // results that came too late for their content
+  };
+
+  CScanRunner(scopeinfo::CInfoCache& cache, CFileManager& files, COpenBuffers& buffers,
+              const CImportResolver& resolver, Options options);
+  ~CScanRunner() override;
+
+  // Asks for scans of the whole file.
+  void RequestFile(Loc loc, Priority priority = {});
+  // What a read asked for.
+  void RequestForReader(const scopeinfo::CNeedsScanDict& needs_scan_dict);
+
+  // Takes in the results that are ready; returns how many. With `wait_ms` it waits so long for a
+  // first.
+  size_t HandOverReady(unsigned wait_ms = 0);
+  // True while anything is wanted or in hand.
+  bool IsBusy() const { return !_fWanted.empty() || _fInHand != 0; }
+
+  const Counts& GetCounts() const { return _fCounts; }
+  CScanWorkTimes WorkTimes() const { return _fWorkers.Times(); }
+  // Called with each failure, as it happens.
+  std::function<void(const Failure&)> fOnFailure;
+  // Called with each file whose scan has been handed over; for progress and counting.
+  std::function<void(Loc, const CFileScan&)> fOnScanned;
+
+ private:
+  // Which scans of a file are wanted. An empty set with `all` is everything.
+  struct Wanted {
+    bool all = false;
+    std::set<std::pair<Text, Text>> scans;  // (scope, scan name)
+    int urgency = 0;
+  };
+  struct FileState {
+    bool in_hand = false;
+    Wanted running;  // what the job in hand is for
+    // The content and the state of the world for which reader's requests were last run, and which.
+    uint64_t content = 0;
+    uint64_t world = 0;
+    Wanted ran;
+    // The content whose scan failed; 0 for none.
+    uint64_t failed_content = 0;
+  };
+
+  void CB_NeedsScanAdded(const CNeedsScanSet& needs_scan, Priority priority);
+  void Want(Loc loc, TextView scope, TextView scan_name, int urgency);
+  void Dispatch();
+  void GiveJob(Loc loc, Wanted wanted);
+  void HandOver(CScanJobResult result);
+  void AddResults(const CScanJobResult& result, const Wanted& wanted);
+  // Tells the contents of a file apart; never 0.
+  uint64_t ContentOf(Loc loc) const;
+
+  scopeinfo::CInfoCache& _fCache;
+  CFileManager& _fFiles;
+  COpenBuffers& _fBuffers;
+  std::unordered_map<Loc, FileState> _fStates;
+  // What is to be run and not in hand yet.
+  std::unordered_map<Loc, Wanted> _fWanted;
+  size_t _fInHand = 0;
+  // Grows whenever something changes that could make a repeated scan worth while.
+  uint64_t _fWorld = 1;
+  Counts _fCounts;
+  CScanWorkers _fWorkers;  // last: its threads end first
+};
+
+}  // namespace pysource::standalone

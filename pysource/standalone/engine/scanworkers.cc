@@ -1,0 +1,164 @@
+#include "pysource/standalone/engine/scanworkers.h"
+
+#include <algorithm>
+#include <chrono>
+#include <ctime>
+#include <exception>
+#include <utility>
+
+#include "pysource/scopeinfo/records/vocabulary.h"
+#include "pysource/scopeinfo/serialized/scopeinfoserializer.h"
+#include "pysource/standalone/scanner/sourcefile.h"
+
+namespace pysource::standalone {
+namespace {
+
+// Results that wait to be taken: so many, or from so much source. Enough to keep workers busy while
+// the receiver writes a transaction, and a few dozen megabytes of records at most.
+constexpr size_t kMostResults = 32;
+constexpr size_t kMostResultBytes = size_t{4} << 20;
+
+double ThreadSeconds() {
+  timespec now{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+// What one worker keeps from file to file.
+struct CWorker {
+  explicit CWorker(const CImportResolver& resolver) : scanner(resolver) {}
+
+  void Run(CScanJobResult& result, CScanWorkTimes& times) {
+    double before = ThreadSeconds();
+    const auto lap = [&before](double& total) {
+      const double now = ThreadSeconds();
+      total += now - std::exchange(before, now);
+    };
+    try {
+      Text source;
+      if (result.job.unsaved_text) {
+        source = std::move(*result.job.unsaved_text);
+        result.disk_mtime = scopeinfo::kFileModifiedInMemoryMtime;
+      } else {
+        CSourceFile file = ReadSourceFile(result.job.loc);
+        source = std::move(file.source);
+        result.disk_mtime = file.disk_mtime;
+      }
+      result.source_bytes = source.size();
+      lap(times.read);
+      result.scan = scanner.Scan({.loc = result.job.loc,
+                                  .source = source,
+                                  .disk_mtime = result.disk_mtime,
+                                  .incomplete = result.job.unsaved_text.has_value()});
+      lap(times.scan);
+      // Encoded here, so that the main thread only stores.
+      for (const CScanResult& each : result.scan.results) {
+        for (const scopeinfo::CScopeInfoPtr& info : each.infos) {
+          info->_serialized_data = serializer.WriteScopeInfo(*info);
+        }
+      }
+      lap(times.encode);
+    } catch (const std::exception& error) {
+      result.scan = {};
+      result.error = error.what();
+      serializer.Clear();
+    }
+  }
+
+  CScanner scanner;
+  scopeinfo::CScopeInfoSerializer serializer;
+};
+
+}  // namespace
+
+CScanWorkers::CScanWorkers(size_t threads, const CImportResolver& resolver,
+                           std::function<void()> notify)
+    : _fResolver(resolver), _fNotify(std::move(notify)) {
+  for (size_t i = 0; i < std::max<size_t>(threads, 1); ++i) {
+    _fThreads.emplace_back([this] { Work(); });
+  }
+}
+
+CScanWorkers::~CScanWorkers() {
+  {
+    const std::lock_guard lock(_fMutex);
+    _fStopped = true;
+    _fJobs.clear();
+  }
+  _fJobAdded.notify_all();
+  _fRoomMade.notify_all();
+  for (std::thread& thread : _fThreads) {
+    thread.join();
+  }
+}
+
+void CScanWorkers::Give(CScanJob job, int urgency) {
+  {
+    const std::lock_guard lock(_fMutex);
+    _fJobs.emplace(std::pair(-urgency, _fGiven++), std::move(job));
+  }
+  _fJobAdded.notify_one();
+}
+
+std::optional<CScanJobResult> CScanWorkers::Take(unsigned wait_ms) {
+  std::unique_lock lock(_fMutex);
+  if (!_fResultAdded.wait_for(lock, std::chrono::milliseconds(wait_ms),
+                              [this] { return !_fResults.empty(); })) {
+    return std::nullopt;
+  }
+  CScanJobResult result = std::move(_fResults.front());
+  _fResults.pop_front();
+  _fResultBytes -= result.source_bytes;
+  ++_fTaken;
+  lock.unlock();
+  _fRoomMade.notify_one();
+  return result;
+}
+
+size_t CScanWorkers::Outstanding() const {
+  const std::lock_guard lock(_fMutex);
+  return static_cast<size_t>(_fGiven - _fTaken);
+}
+
+CScanWorkTimes CScanWorkers::Times() const {
+  const std::lock_guard lock(_fMutex);
+  return _fTimes;
+}
+
+void CScanWorkers::Work() {
+  CWorker worker(_fResolver);
+  std::unique_lock lock(_fMutex);
+  for (;;) {
+    _fJobAdded.wait(lock, [this] { return _fStopped || !_fJobs.empty(); });
+    _fRoomMade.wait(lock, [this] {
+      return _fStopped || (_fResults.size() < kMostResults && _fResultBytes < kMostResultBytes);
+    });
+    if (_fStopped) {
+      return;
+    }
+    if (_fJobs.empty()) {
+      // Another worker took it while this one waited for room.
+      continue;
+    }
+    CScanJobResult result;
+    result.job = std::move(_fJobs.begin()->second);
+    _fJobs.erase(_fJobs.begin());
+    lock.unlock();
+    CScanWorkTimes times;
+    worker.Run(result, times);
+    lock.lock();
+    _fTimes.read += times.read;
+    _fTimes.scan += times.scan;
+    _fTimes.encode += times.encode;
+    _fResultBytes += result.source_bytes;
+    _fResults.push_back(std::move(result));
+    _fResultAdded.notify_one();
+    if (_fNotify) {
+      lock.unlock();
+      _fNotify();
+      lock.lock();
+    }
+  }
+}
+
+}  // namespace pysource::standalone

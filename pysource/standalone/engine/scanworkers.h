@@ -1,0 +1,94 @@
+// Worker threads that read, scan and encode files, the most urgent first.
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "pysource/host/location.h"
+#include "pysource/host/scoperef.h"
+#include "pysource/host/text.h"
+#include "pysource/standalone/scanner/importresolver.h"
+#include "pysource/standalone/scanner/scanner.h"
+
+namespace pysource::standalone {
+
+// One file to scan: what is on disk, or the text of an unsaved buffer.
+struct CScanJob {
+  Loc loc;
+  std::optional<Text> unsaved_text;
+  // Of the content to be scanned: its disk time as known when the job was given, or the version of
+  // the buffer. Handed back as it is.
+  uint64_t content = 0;
+};
+
+// What came of it.
+struct CScanJobResult {
+  CScanJob job;
+  CFileScan scan;           // each record with its encoded form in _serialized_data
+  std::string error;        // why there is no scan; empty when there is one
+  DiskTime disk_mtime = 0;  // of the content that was scanned
+  size_t source_bytes = 0;
+};
+
+// Processor seconds of all workers together.
+struct CScanWorkTimes {
+  double read = 0;
+  double scan = 0;
+  double encode = 0;
+};
+
+// Jobs and results cross threads as a whole; nothing in them is shared with a worker once it is
+// handed over. Workers that are ahead of the receiver wait, so what is scanned and not yet taken
+// stays small, whatever the number of jobs.
+class CScanWorkers {
+ public:
+  // `resolver` must outlive this. `notify` is called from a worker thread when a result is ready;
+  // it must only wake the receiver.
+  CScanWorkers(size_t threads, const CImportResolver& resolver, std::function<void()> notify);
+  // Drops the jobs that wait and waits for those in hand.
+  ~CScanWorkers();
+  CScanWorkers(const CScanWorkers&) = delete;
+  CScanWorkers& operator=(const CScanWorkers&) = delete;
+
+  // Higher urgency first; among equals in order of giving.
+  void Give(CScanJob job, int urgency);
+
+  // A result if one is ready; with `wait_ms` it waits for one that long.
+  std::optional<CScanJobResult> Take(unsigned wait_ms = 0);
+
+  // Jobs given whose results were not taken yet.
+  size_t Outstanding() const;
+  CScanWorkTimes Times() const;
+
+ private:
+  void Work();
+
+  const CImportResolver& _fResolver;
+  const std::function<void()> _fNotify;
+
+  mutable std::mutex _fMutex;  // guards all that follows but the threads
+  std::condition_variable _fJobAdded;
+  std::condition_variable _fResultAdded;
+  std::condition_variable _fRoomMade;
+  std::map<std::pair<int, uint64_t>, CScanJob> _fJobs;  // by negated urgency, then order of giving
+  std::deque<CScanJobResult> _fResults;
+  size_t _fResultBytes = 0;  // of the source that the results came from
+  uint64_t _fGiven = 0;
+  uint64_t _fTaken = 0;
+  bool _fStopped = false;
+  CScanWorkTimes _fTimes;
+
+  std::vector<std::thread> _fThreads;
+};
+
+}  // namespace pysource::standalone
