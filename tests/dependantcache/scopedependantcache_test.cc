@@ -127,22 +127,6 @@ TEST_F(ScopeDependantCacheTest, InvalidatingAndDependentKeys) {
   }
 }
 
-TEST_F(ScopeDependantCacheTest, AnEmptiedIndexIsGivenBack) {
-  Cache cache("c", -1, false);
-  cache.AddToCache("warm", 1, {{kA, "f"}, {kB, "g"}});
-  cache.InvalidateScopes(kA, {"f"});
-  const size_t empty = cache.IndexMemoryUse();
-  for (const Loc loc : {kA, kB}) {
-    for (const TextSet& names : {TextSet{"f"}, TextSet{"*"}}) {
-      cache.AddToCache("x", 1, {{loc, "f"}, {loc == kA ? kB : kA, "f"}});
-      EXPECT_GT(cache.IndexMemoryUse(), empty);
-      cache.InvalidateScopes(loc, names);
-      EXPECT_EQ(cache.IndexMemoryUse(), empty);
-      cache.AssertValidImpl();
-    }
-  }
-}
-
 TEST_F(ScopeDependantCacheTest, TrimTakesTheLeastUsedAndAtLeastOne) {
   struct Row {
     int size;
@@ -298,115 +282,102 @@ TEST_F(ScopeDependantCacheTest, ValuesMayStoreAsTheyEnd) {
   }
 }
 
-// The real cache beside one that keeps everything in plain sets and looks at all of it every time.
-TEST_F(ScopeDependantCacheTest, RandomStepsAsTheNaiveCacheDoesThem) {
-  std::mt19937_64 random(fakes::TestSeed());
-  const auto pick = [&](uint64_t below) { return static_cast<int>(random() % below); };
-  struct CNaiveEntry {
-    int value;
-    std::set<std::pair<Text, Text>> scopes;  // URL and name
-  };
-  constexpr int64_t kSize = 40;
-  Cache cache("c", kSize, false);
-  std::map<Text, CNaiveEntry> model;
-  std::vector<Text> used;  // most recently used first
-  const auto use = [&](const Text& key) {
+// A cache that keeps everything in plain sets and looks at all of it every time.
+struct CNaiveCache {
+  std::map<Text, std::pair<int, std::set<Text>>> entries;  // to the value and "file:scope"
+  std::vector<Text> used;                                  // most recently used first
+
+  void Use(const Text& key) {
     std::erase(used, key);
     used.insert(used.begin(), key);
-  };
-  const auto remove_if = [&](auto&& doomed) {
-    std::erase_if(used, [&](const Text& key) { return doomed(key, model.at(key)); });
-    std::erase_if(model, [&](const auto& each) { return doomed(each.first, each.second); });
-  };
-  bool trim_pending = false;
-  const auto trim = [&](int64_t count) {
-    const int64_t excess = std::max<int64_t>(static_cast<int64_t>(used.size()) - count, 1);
-    for (int64_t i = 0; i < excess && !used.empty(); ++i) {
-      model.erase(used.back());
-      used.pop_back();
-    }
-  };
-  std::vector<CScopeRef> all;
-  for (const char* const file : {"a.py", "b.py", "c.py", "d.py"}) {
-    for (const char* const scope : {"", "f", "g", "C", "C.m", "*"}) {
-      all.push_back({fWorld.File(file), scope});
+  }
+  void Remove(const std::set<Text>& keys) {
+    std::erase_if(used, [&](const Text& key) { return keys.contains(key); });
+    std::erase_if(entries, [&](const auto& each) { return keys.contains(each.first); });
+  }
+  void Trim(int64_t count) {
+    for (auto i = std::max<int64_t>(std::ssize(used) - count, 1); i > 0 && !used.empty(); --i) {
+      Remove({used.back()});
     }
   }
-  for (int step = 0; step < 20000; ++step) {
-    const Text key = std::to_string(pick(70));
-    const CScopeRef& ref = all[static_cast<size_t>(pick(all.size()))];
-    const auto rests_on = [&](const CNaiveEntry& entry, const Text& name) {
-      return std::any_of(entry.scopes.begin(), entry.scopes.end(), [&](const auto& scope) {
-        return scope.first == ref.loc->fUrl && (name == "*" || scope.second == name);
-      });
-    };
-    const int action = pick(100);
-    if (action < 60) {
-      std::vector<CScopeRef> scopes;
-      CNaiveEntry entry{pick(2), {}};
-      for (int i = pick(action == 0 ? 60 : 5); i > 0; --i) {
-        scopes.push_back(all[static_cast<size_t>(pick(all.size()))]);
-        entry.scopes.emplace(scopes.back().loc->fUrl, scopes.back().scope);
-      }
-      const bool is_new = !model.contains(key);
-      const bool changes =
-          is_new || model[key].value != entry.value || model[key].scopes != entry.scopes;
-      cache.fModified = false;
-      cache.AddToCache(key, entry.value, scopes);
-      ASSERT_EQ(cache.fModified, changes);
-      model[key] = entry;
-      use(key);
-      trim_pending |= is_new && static_cast<int64_t>(model.size()) > kSize;
-    } else if (action < 80) {
-      const auto found = cache.LookupInCache(key);
-      ASSERT_EQ(found.value != nullptr, model.contains(key));
-      if (found.value != nullptr) {
-        use(key);
-        ASSERT_EQ(*found.value, model[key].value);
-        std::set<std::pair<Text, Text>> scopes;
-        for (const CScopeRef& each : found.scopes) {
-          scopes.emplace(each.loc->fUrl, each.scope);
+  std::set<Text> RestingOn(const Text& file, const TextSet& names) const {
+    std::set<Text> keys;
+    for (const auto& [key, entry] : entries) {
+      for (const Text& scope : entry.second) {
+        if (scope.starts_with(file + ":") &&
+            (names.contains("*") || names.contains(scope.substr(file.size() + 1)))) {
+          keys.insert(key);
         }
-        ASSERT_EQ(scopes, model[key].scopes);
       }
-    } else if (action < 92) {
-      TextSet names{ref.scope};
-      if (pick(2) == 0) {
-        names.insert("f");
+    }
+    return keys;
+  }
+};
+
+TEST_F(ScopeDependantCacheTest, RandomStepsAsTheNaiveCacheDoesThem) {
+  std::mt19937_64 random(fakes::TestSeed());
+  const auto pick = [&](size_t below) { return static_cast<size_t>(random() % below); };
+  const std::vector<Text> files{"a.py", "b.py", "c.py", "d.py"};
+  const std::vector<Text> scopes{"f", "", "C", "C.m", "g", "*"};
+  // The first ones are in much demand, so that some scopes have many entries and some have few.
+  const auto any_of = [&](const std::vector<Text>& all) { return all[pick(pick(all.size()) + 1)]; };
+  constexpr int64_t kSize = 80;
+  Cache cache("c", kSize, false);
+  CNaiveCache naive;
+  bool trim_pending = false;
+  for (int step = 0; step < 10000; ++step) {
+    const Text key = std::to_string(pick(120));
+    const size_t action = pick(100);
+    SCOPED_TRACE("step " + std::to_string(step) + ", action " + std::to_string(action));
+    if (action < 60) {
+      std::pair<int, std::set<Text>> entry{static_cast<int>(pick(2)), {}};
+      std::vector<CScopeRef> refs(pick(action == 0 ? 60 : 5));
+      for (CScopeRef& ref : refs) {
+        const Text file = any_of(files);
+        ref = {fWorld.File(file), any_of(scopes)};
+        entry.second.insert(file + ":" + ref.scope);
       }
-      const auto reached = [&](const CNaiveEntry& entry) {
-        return std::any_of(names.begin(), names.end(),
-                           [&](const Text& name) { return rests_on(entry, name); });
-      };
-      std::set<Text> dependent;
-      for (const auto& [each, entry] : model) {
-        if (reached(entry) || entry.scopes.contains({ref.loc->fUrl, "*"})) {
+      const bool is_new = !naive.entries.contains(key);
+      cache.fModified = false;
+      cache.AddToCache(key, entry.first, refs);
+      ASSERT_EQ(cache.fModified, is_new || naive.entries[key] != entry);
+      naive.entries[key] = entry;
+      naive.Use(key);
+      trim_pending |= is_new && std::ssize(naive.used) > kSize;
+    } else if (action < 80) {
+      Text expected = "unknown";
+      if (naive.entries.contains(key)) {
+        naive.Use(key);
+        expected = std::to_string(naive.entries[key].first) + " " + Repr(naive.entries[key].second);
+      }
+      ASSERT_EQ(Look(cache, key), expected);
+    } else if (action < 95) {
+      const Text file = any_of(files);
+      const TextSet names{any_of(scopes), any_of(scopes)};
+      const std::set<Text> reached = naive.RestingOn(file, names);
+      std::set<Text> dependent = reached;
+      for (const auto& [each, entry] : naive.entries) {
+        if (entry.second.contains(file + ":*")) {
           dependent.insert(each);
         }
       }
-      ASSERT_EQ(cache.GetDependentKeys<std::set<Text>>(ref.loc, names), dependent);
+      ASSERT_EQ(cache.GetDependentKeys<std::set<Text>>(fWorld.File(file), names), dependent);
       if (pick(4) == 0) {
-        cache.InvalidateScopes(ref.loc, names);
-        remove_if([&](const Text&, const CNaiveEntry& entry) { return reached(entry); });
+        cache.InvalidateScopes(fWorld.File(file), names);
+        naive.Remove(reached);
       }
     } else if (action < 99) {
       ASSERT_EQ(fWorld.fLoop.RunIdle(), trim_pending ? 1U : 0U);
-      if (trim_pending) {
-        trim(kSize * 3 / 4);
+      if (std::exchange(trim_pending, false)) {
+        naive.Trim(kSize * 3 / 4);
       }
-      trim_pending = false;
-    } else if (pick(2) == 0) {
-      const int64_t count = pick(60);
+    } else {
+      const int64_t count = pick(5) == 0 ? 0 : static_cast<int64_t>(pick(110));
       cache.Trim(count);
-      trim(count);
-    } else if (pick(4) == 0) {
-      cache.Clear();
-      model.clear();
-      used.clear();
-      trim_pending = false;
+      naive.Trim(count);
     }
-    ASSERT_NO_THROW(cache.AssertValidImpl()) << "step " << step << ", action " << action;
-    ASSERT_EQ(cache.Keys(), used) << "step " << step << ", action " << action;
+    ASSERT_NO_THROW(cache.AssertValidImpl());
+    ASSERT_EQ(cache.Keys(), naive.used);
   }
 }
 
