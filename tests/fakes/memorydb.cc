@@ -110,6 +110,10 @@ bool CMemoryAnalysisDb::SaveDataForFile(Loc loc, const std::vector<CDatabaseReco
     --fFailSaves;
     return false;
   }
+  if (const CMemoryDbFile* held = FileAt(loc, disk_mtime);
+      held != nullptr && records.empty() && held->scans_done == scans_done) {
+    return true;  // and nothing has changed
+  }
   CMemoryDbFile& file = fStore->files[loc];
   if (file.disk_time != disk_mtime) {
     file = {};

@@ -103,7 +103,7 @@ struct CFileRow {
   bool known = false;  // false: there is no such row, and `id` is where it belongs
   std::optional<DiskTime> disk_time;
   std::optional<Text> scans_done;
-  std::optional<int64_t> place;
+  int64_t place = 0;  // 0: it has no rows
 };
 
 // The key of a row within its file, as it is stored.
@@ -323,12 +323,12 @@ class CSqliteAnalysisDb::CImpl {
             DiskTime disk_mtime) {
     CFileRow file = FindFile(loc);
     const bool same_time = file.disk_time && *file.disk_time == disk_mtime;
-    if (!same_time && file.place) {
-      DropRecords(*file.place);
+    if (!same_time && file.place != 0) {
+      DropRecords(file.place);
     }
     // Without rows, the place is free: the next file may get it.
-    std::optional<int64_t> place = records.empty() && !same_time ? std::nullopt : file.place;
-    if (!records.empty() && !place) {
+    int64_t place = records.empty() && !same_time ? 0 : file.place;
+    if (!records.empty() && place == 0) {
       place = NewPlace();
     }
     const bool file_changed = !same_time || file.scans_done != scans_done || file.place != place;
@@ -344,24 +344,24 @@ class CSqliteAnalysisDb::CImpl {
         query.TextOf(name);
       }
       query.Double(disk_mtime).TextOf(scans_done);
-      (place ? query.Int(*place) : query.Null()).Run();
+      (place == 0 ? query.Null() : query.Int(place)).Run();
       NoteFile(loc, file.id, true);
     }
     for (const CDatabaseRecord& record : records) {
       Assert(record.for_loc == loc);
     }
-    PutRecords(loc, file.id, place.value_or(0), same_time && file.place, records, disk_mtime);
+    PutRecords(loc, file.id, place, same_time && file.place != 0, records, disk_mtime);
     LogChange(file.id);
   }
 
   void Clear(const std::vector<Loc>& loc_list) {
     for (const Loc loc : loc_list) {
       const CFileRow file = FindFile(loc);
-      if (!file.known || (!file.disk_time && !file.place)) {
+      if (!file.known || (!file.disk_time && file.place == 0)) {
         continue;
       }
-      if (file.place) {
-        DropRecords(*file.place);
+      if (file.place != 0) {
+        DropRecords(file.place);
       }
       _fConnection->Use(EStatement::kSetFile).Int(file.id).Null().Null().Null().Run();
       LogChange(file.id);
@@ -649,7 +649,7 @@ class CSqliteAnalysisDb::CImpl {
         if (!query.IsNull(2)) {
           row.scans_done = query.ViewAt(2);
         }
-        row.place = query.OptionalIntAt(3);
+        row.place = query.IntAt(3);  // 0 for NULL
         NoteFile(loc, row.id, false);
         return row;
       }
