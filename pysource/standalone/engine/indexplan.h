@@ -1,0 +1,33 @@
+// What an index run has to do, worked out before anything is scanned: which files of the tree are
+// new or changed, which are gone, and what hangs together with these.
+//
+// A scan of file A can make records for another file B (A sets an attribute on the module B); they
+// are filed under B, at B's disk time. So a change of one file can touch the other's rows:
+//
+//   B changed     its old rows go when the new ones are saved, those from A among them
+//                 -> A is scanned again, though it did not change
+//   A changed     what it said of B before may no longer hold, and a single row cannot be taken out
+//   or is gone    -> B's rows are cleared, and B and all files that have rows in B scanned again
+#pragma once
+
+#include <vector>
+
+#include "pysource/host/location.h"
+#include "pysource/standalone/engine/findfiles.h"
+#include "pysource/standalone/sqlitedb/sqliteanalysisdb.h"
+
+namespace pysource::standalone {
+
+struct CIndexPlan {
+  std::vector<CFoundFile> to_scan;    // new and changed files, then those of to_forget
+  std::vector<CFoundFile> to_forget;  // unchanged files that have to be scanned again
+  std::vector<Loc> to_clear;          // files whose rows are to be deleted
+  size_t unchanged = 0;               // files found that need no scan
+  size_t removed = 0;                 // files in the database that are gone
+};
+
+// Files below the named paths that are in the database and gone from the disk are removed ones; of
+// files elsewhere nothing is said.
+CIndexPlan MakeIndexPlan(CSqliteAnalysisDb& db, const CFoundFiles& found);
+
+}  // namespace pysource::standalone

@@ -1,0 +1,36 @@
+// The commands of the program. Each writes its answer to the standard output, its complaints to the
+// standard error, and returns the exit code. What goes wrong beyond that is thrown.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "tools/scopeinfo/database.h"
+
+namespace pysource::tools {
+
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitFailed = 1;
+inline constexpr int kExitUsage = 2;
+inline constexpr int kExitInterrupted = 130;  // 128 and the number of SIGINT, as shells have it
+
+// What the command line says; each command reads its part.
+struct COptions {
+  CDatabaseOptions database;
+  std::vector<std::string> paths;
+  std::string file;
+  std::string scope;
+  size_t jobs = 1;
+  bool json = false;
+  bool verbose = false;
+};
+
+int RunIndex(const COptions& options);
+int RunShow(const COptions& options);
+int RunScopes(const COptions& options);
+int RunClasses(const COptions& options);
+int RunImports(const COptions& options);
+int RunVerify(const COptions& options);
+
+}  // namespace pysource::tools

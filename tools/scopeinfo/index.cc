@@ -1,0 +1,141 @@
+// scopeinfo index: brings the database up to date with a tree.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include "pysource/standalone/engine/findfiles.h"
+#include "pysource/standalone/engine/indexer.h"
+#include "tools/scopeinfo/commands.h"
+#include "tools/scopeinfo/interrupt.h"
+#include "tools/scopeinfo/output.h"
+#include "tools/scopeinfo/progress.h"
+
+namespace pysource::tools {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Of each kind of note, unless --verbose asks for all: what one screen takes beside the summary.
+constexpr size_t kMostNotes = 20;
+
+double SecondsSince(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// "2 files could not be read:" and a line for each.
+template <class Note, class Describe>
+void AddNotes(std::string& text, const std::vector<Note>& notes, std::string_view what,
+              bool verbose, Describe describe) {
+  if (notes.empty()) {
+    return;
+  }
+  text += fmt::format("\n  {} {}:\n", Counted(notes.size(), "file"), what);
+  const size_t shown = verbose ? notes.size() : std::min(notes.size(), kMostNotes);
+  for (size_t i = 0; i < shown; ++i) {
+    text += fmt::format("    {}\n", Printable(describe(notes[i])));
+  }
+  if (shown < notes.size()) {
+    text += fmt::format("    and {} more; --verbose names all\n", Grouped(notes.size() - shown));
+  }
+}
+
+// The message alone where it names the file already.
+std::string NoteLine(const standalone::CPathNote& note) {
+  return note.text.find(note.path) != std::string::npos
+             ? note.text
+             : fmt::format("{}: {}", note.path, note.text);
+}
+
+std::string Summary(const COptions& options, const standalone::CFoundFiles& found,
+                    const standalone::CIndexReport& report, size_t database_bytes,
+                    double find_seconds, double all_seconds) {
+  std::string text = fmt::format(
+      "{} {} of {} in {:.2f} s\n", report.cancelled ? "Interrupted after" : "Indexed",
+      Grouped(report.scanned + report.unchanged), Counted(found.files.size(), "file"), all_seconds);
+  const auto line = [&text](std::string_view name, const std::string& value) {
+    text += fmt::format("  {:<9} {}\n", name, value);
+  };
+  line("files",
+       fmt::format("{} scanned{}, {} unchanged, {} removed, {} unreadable", Grouped(report.scanned),
+                   report.scanned_again == 0
+                       ? ""
+                       : fmt::format(" ({} unchanged, but tied to files that are not)",
+                                     Grouped(report.scanned_again)),
+                   Grouped(report.unchanged), Grouped(report.removed),
+                   Grouped(report.unreadable.size())));
+  if (report.scanned > 0) {
+    line("scopes", Grouped(report.scopes));
+    line("names", Grouped(report.names));
+    line("records", Grouped(report.records));
+    line("bytes",
+         fmt::format("{} of source, {} of records, {} of database", ByteSize(report.source_bytes),
+                     ByteSize(report.encoded_bytes), ByteSize(database_bytes)));
+  }
+  const standalone::CScanTimes& times = report.worker_times;
+  text += "\n";
+  line("stage", "time");
+  line("find", fmt::format("{:.2f} s", find_seconds));
+  line("compare", fmt::format("{:.2f} s with what the database holds", report.plan_seconds));
+  line("scan", fmt::format("{:.2f} s, storing included; {:.2f} s of processor time in {}: "
+                           "{:.2f} s reading, {:.2f} s scanning, {:.2f} s encoding",
+                           report.scan_seconds, times.read + times.scan + times.encode,
+                           Counted(options.jobs, "thread"), times.read, times.scan, times.encode));
+  line("store", fmt::format("{:.2f} s, beside the scanning", report.store_seconds));
+
+  AddNotes(text, report.unreadable, "could not be read", options.verbose, NoteLine);
+  AddNotes(text, report.syntax_errors, "with errors of syntax, understood in part", options.verbose,
+           [](const standalone::CSyntaxErrors& errors) {
+             return fmt::format("{}:{}: {}", errors.path, errors.first_line,
+                                Counted(errors.count, "error"));
+           });
+  return text;
+}
+
+}  // namespace
+
+int RunIndex(const COptions& options) {
+  WatchForInterrupt();
+  const auto start = Clock::now();
+  CLocationCache loc_cache;
+  const standalone::CFoundFiles found = standalone::FindPythonFiles(options.paths, loc_cache);
+  const double find_seconds = SecondsSince(start);
+  for (const standalone::CPathNote& bad : found.bad) {
+    Complain(fmt::format("{}: {}", bad.path, bad.text));
+  }
+  for (const standalone::CPathNote& error : found.errors) {
+    Complain(fmt::format("{}: {}; what is in it is left out", error.path, error.text));
+  }
+
+  const auto db = OpenDatabase(options.database, loc_cache);
+  standalone::CIndexReport report;
+  {
+    CProgress progress("scanned");
+    standalone::CIndexer indexer(*db, loc_cache);
+    report = indexer.Run({found, options.jobs,
+                          [&progress](size_t done, size_t total, const std::string& path) {
+                            progress.Update(done, total, path);
+                          },
+                          IsInterrupted});
+  }
+  std::error_code error;
+  const auto database_bytes = std::filesystem::file_size(db->Path(), error);
+  Write(Summary(options, found, report, error ? 0 : database_bytes, find_seconds,
+                SecondsSince(start)));
+  FlushOutput();
+  for (const standalone::CPathNote& note : report.not_stored) {
+    Complain(fmt::format("{}: not stored: {}", note.path, note.text));
+  }
+  if (report.cancelled) {
+    Complain("interrupted; what was stored stays, and the next run goes on from there");
+    return kExitInterrupted;
+  }
+  return found.bad.empty() && report.not_stored.empty() ? kExitOk : kExitFailed;
+}
+
+}  // namespace pysource::tools

@@ -1,0 +1,147 @@
+// scopeinfo: the scope information of Python files, from the command line.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <string>
+#include <thread>
+
+#include "tools/scopeinfo/commands.h"
+#include "tools/scopeinfo/output.h"
+
+#ifndef SCOPEINFO_VERSION
+#define SCOPEINFO_VERSION "0.1.0"
+#endif
+
+namespace pysource::tools {
+namespace {
+
+constexpr const char* kAbout =
+    "Finds out what each scope of Python files defines, and keeps it in a database.";
+
+constexpr const char* kFooter = R"(Examples:
+  scopeinfo index ~/project               index a tree; again: only what has changed
+  scopeinfo scopes ~/project/app.py       the scopes of a file, as a tree
+  scopeinfo show ~/project/app.py         what the module defines
+  scopeinfo show app.py Window.close      what one of its scopes defines
+  scopeinfo show app.py Window --json     the same, for programs
+  scopeinfo classes ~/project             all classes of a tree
+  scopeinfo verify ~/project              is the database as a fresh scan would make it?
+
+The database is $XDG_CACHE_HOME/scopeinfo/index.db (~/.cache where that is not set) unless --db
+names another. It can be deleted at any time; the next index makes it anew.
+
+Exit code: 0 done; 1 something that was named is not there, or could not be stored; 2 bad usage;
+130 interrupted. Source files that cannot be read or decoded do not fail an index run: they are
+named in the summary, and tried again in the next run.)";
+
+void AddDatabaseOptions(CLI::App& command, COptions& options) {
+  command.add_option("--db", options.database.path, "The database file")->type_name("FILE");
+  command
+      .add_option("--workspace", options.database.workspace,
+                  "Files below DIR are stored relative to it, so that the database stays good when "
+                  "both move; the same DIR has to be given to every command")
+      ->type_name("DIR");
+}
+
+void AddPaths(CLI::App& command, COptions& options) {
+  command.add_option("PATH", options.paths, "Files, and folders to search for .py and .pyi")
+      ->required()
+      ->type_name("");
+  command.footer(
+      "What is named is taken whatever its name. Below a named folder these are left out: hidden "
+      "files\nand folders, node_modules, site-packages, __pycache__ and other caches, virtual "
+      "environments.");
+}
+
+void AddJobs(CLI::App& command, COptions& options) {
+  options.jobs = std::max(1U, std::thread::hardware_concurrency());
+  command.add_option("--jobs", options.jobs, "Threads that scan (default: one a processor)")
+      ->check(CLI::Range(size_t{1}, size_t{256}))
+      ->type_name("N");
+}
+
+void AddJson(CLI::App& command, COptions& options) {
+  command.add_flag("--json", options.json, "JSON instead of a table");
+}
+
+void AddFile(CLI::App& command, COptions& options) {
+  command.add_option("FILE", options.file, "A Python file")->required()->type_name("");
+}
+
+int Run(int argc, char** argv) {
+  COptions options;
+  int (*run)(const COptions&) = nullptr;
+
+  CLI::App app(kAbout, "scopeinfo");
+  app.footer(kFooter);
+  app.set_version_flag("--version", std::string("scopeinfo ") + SCOPEINFO_VERSION);
+  app.require_subcommand(1);
+  const auto add = [&](const char* name, const char* about, int (*function)(const COptions&)) {
+    CLI::App& command = *app.add_subcommand(name, about);
+    command.callback([&run, function] { run = function; });
+    AddDatabaseOptions(command, options);
+    return &command;
+  };
+
+  CLI::App* command =
+      add("index", "Index files: scan what is new or changed, and store it", RunIndex);
+  AddPaths(*command, options);
+  AddJobs(*command, options);
+  command->add_flag("--verbose", options.verbose, "Name every file that something is wrong with");
+
+  command = add("show", "Show what a scope defines, merged from all its scans", RunShow);
+  AddFile(*command, options);
+  command->add_option("SCOPE", options.scope, "Class.method, for example; left out: the module")
+      ->type_name("");
+  AddJson(*command, options);
+
+  command = add("scopes", "Show the tree of the scopes of a file", RunScopes);
+  AddFile(*command, options);
+  AddJson(*command, options);
+
+  command = add("classes", "List the classes of indexed files", RunClasses);
+  AddPaths(*command, options);
+  AddJson(*command, options);
+
+  command = add("imports", "List the imports of indexed files", RunImports);
+  AddPaths(*command, options);
+  AddJson(*command, options);
+
+  command = add("verify", "Scan files again and compare each record with the database", RunVerify);
+  AddPaths(*command, options);
+  AddJobs(*command, options);
+  command->add_flag("--verbose", options.verbose, "Name every difference");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() == 0) {  // --help, --version
+      const int code = app.exit(error);
+      FlushOutput();
+      return code;
+    }
+    Complain(error.what());
+    Complain("scopeinfo --help tells how to use it");
+    return kExitUsage;
+  }
+  const int code = run(options);
+  FlushOutput();
+  return code;
+}
+
+}  // namespace
+}  // namespace pysource::tools
+
+int main(int argc, char** argv) {
+  // Whoever started us may have it ignored; a reader that has seen enough should end us quietly.
+  std::signal(SIGPIPE, SIG_DFL);
+  try {
+    return pysource::tools::Run(argc, argv);
+  } catch (const std::exception& error) {
+    pysource::tools::Complain(error.what());
+    return pysource::tools::kExitFailed;
+  }
+}

@@ -1,0 +1,130 @@
+// scopeinfo classes and scopeinfo imports: what the database's own queries tell of a whole tree.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "pysource/host/analysisdb.h"
+#include "pysource/host/errors.h"
+#include "pysource/host/symbolinfo.h"
+#include "pysource/standalone/engine/filerows.h"
+#include "pysource/standalone/engine/findfiles.h"
+#include "pysource/standalone/scanner/scanner.h"
+#include "tools/scopeinfo/commands.h"
+#include "tools/scopeinfo/describe.h"
+#include "tools/scopeinfo/output.h"
+
+namespace pysource::tools {
+namespace {
+
+using nlohmann::ordered_json;
+
+std::string FileOf(Loc loc) { return PathForLocation(loc).value_or(loc->fUrl); }
+
+// The database, and the files below the paths that it is to be asked about.
+struct CQueriedFiles {
+  explicit CQueriedFiles(const COptions& options)
+      : found(standalone::FindPythonFiles(options.paths, loc_cache)),
+        db(OpenExistingDatabase(options.database, loc_cache)) {
+    if (db == nullptr) {
+      throw CValueError("there is no database yet; make it with: scopeinfo index PATH");
+    }
+    for (const standalone::CPathNote& bad : found.bad) {
+      Complain(fmt::format("{}: {}", bad.path, bad.text));
+    }
+    CLocMtimeDict times;
+    for (const standalone::CFoundFile& file : found.files) {
+      times.Set(file.loc, file.disk_mtime);
+      locs.push_back(file.loc);
+    }
+    const CScansDoneDict done = times.empty() ? CScansDoneDict() : db->GetScansDone(times);
+    const auto missing =
+        static_cast<size_t>(std::count_if(locs.begin(), locs.end(), [&done](Loc loc) {
+          const Text* scans = done.Find(loc);
+          return scans == nullptr || *scans != standalone::kAllScansDone;
+        }));
+    if (missing > 0) {
+      Complain(
+          fmt::format("{} of {} not in the database as they are now; bring it up to date "
+                      "with: scopeinfo index PATH",
+                      Grouped(missing), Counted(locs.size(), "file")));
+    }
+  }
+
+  int ExitCode() const { return found.bad.empty() ? kExitOk : kExitFailed; }
+
+  CLocationCache loc_cache;
+  standalone::CFoundFiles found;
+  std::unique_ptr<standalone::CSqliteAnalysisDb> db;
+  std::vector<Loc> locs;
+};
+
+void WriteRows(const COptions& options, const ordered_json& json, const CTable& table,
+               std::string_view what) {
+  if (options.json) {
+    WriteJson(json);
+  } else if (table.empty()) {
+    Complain(fmt::format("no {} found", what));
+  } else {
+    Write(table.ToString());
+  }
+}
+
+}  // namespace
+
+int RunClasses(const COptions& options) {
+  const CQueriedFiles files(options);
+  std::vector<CClassEquiv> classes = files.db->GetAllClasses(files.locs, standalone::kNamesScan);
+  std::sort(classes.begin(), classes.end());
+  ordered_json json = ordered_json::array();
+  CTable table({"Class", "Bases", "File"});
+  for (const CClassEquiv& found : classes) {
+    const CDefinition definition = SplitDefinition(found.ibytes);
+    if (options.json) {
+      json.push_back({{"file", FileOf(found.loc)},
+                      {"class", definition.scope},
+                      {"bases", definition.inside},
+                      {"info", found.ibytes}});
+    } else {
+      table.AddRow({Printable(definition.scope), Printable(definition.inside),
+                    Printable(FileOf(found.loc))});
+    }
+  }
+  WriteRows(options, json, table, "classes");
+  return files.ExitCode();
+}
+
+int RunImports(const COptions& options) {
+  const CQueriedFiles files(options);
+  std::vector<CImportEquiv> imports = files.db->GetAllImports(files.locs, standalone::kNamesScan);
+  std::sort(imports.begin(), imports.end(), [](const CImportEquiv& a, const CImportEquiv& b) {
+    return a.loc != b.loc ? a.loc < b.loc
+                          : std::tie(a.scope_name, a.ibytes) < std::tie(b.scope_name, b.ibytes);
+  });
+  ordered_json json = ordered_json::array();
+  CTable table({"Module", "Name", "Scope", "File"});
+  for (const CImportEquiv& found : imports) {
+    const BytesView body = BytesView(found.ibytes).substr(kPrefixLen);
+    const size_t space = body.find(' ');
+    const BytesView module = body.substr(0, space);
+    const BytesView name = space == BytesView::npos ? BytesView() : body.substr(space + 1);
+    if (options.json) {
+      ordered_json entry{
+          {"file", FileOf(found.loc)}, {"scope", found.scope_name}, {"module", module}};
+      entry["name"] = space == BytesView::npos ? ordered_json() : ordered_json(name);
+      entry["info"] = found.ibytes;
+      json.push_back(std::move(entry));
+    } else {
+      table.AddRow({Printable(module), Printable(name), Printable(found.scope_name),
+                    Printable(FileOf(found.loc))});
+    }
+  }
+  WriteRows(options, json, table, "imports");
+  return files.ExitCode();
+}
+
+}  // namespace pysource::tools

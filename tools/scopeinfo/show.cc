@@ -1,0 +1,232 @@
+// scopeinfo show: the record of a scope, merged from all its scans.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <climits>
+#include <numeric>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "pysource/host/errors.h"
+#include "pysource/scopeinfo/records/scopeinfo.h"
+#include "tools/scopeinfo/commands.h"
+#include "tools/scopeinfo/describe.h"
+#include "tools/scopeinfo/openfile.h"
+#include "tools/scopeinfo/output.h"
+
+namespace pysource::tools {
+namespace {
+
+using nlohmann::ordered_json;
+using scopeinfo::CScopeInfo;
+using scopeinfo::CScopeInfoKey;
+
+constexpr size_t kMostSuggestions = 5;
+
+// How many letters have to be put in, taken out or exchanged.
+size_t EditDistance(TextView a, TextView b) {
+  std::vector<size_t> row(b.size() + 1);
+  std::iota(row.begin(), row.end(), size_t{0});
+  for (size_t i = 0; i < a.size(); ++i) {
+    size_t diagonal = row[0];
+    row[0] = i + 1;
+    for (size_t j = 0; j < b.size(); ++j) {
+      const size_t above = row[j + 1];
+      row[j + 1] = std::min({above + 1, row[j] + 1, diagonal + (a[i] == b[j] ? 0 : 1)});
+      diagonal = above;
+    }
+  }
+  return row.back();
+}
+
+Text Lower(TextView text) {
+  Text lower(text);
+  std::transform(lower.begin(), lower.end(), lower.begin(),
+                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
+  return lower;
+}
+
+// The names that the user may have meant, the nearest first: by the whole name, or by its last part
+// alone ("decode" for "JSONDecoder.decode").
+std::vector<Text> NearMatches(TextView wanted, const std::vector<Text>& names) {
+  std::vector<std::pair<size_t, Text>> matches;
+  const Text lower = Lower(wanted);
+  for (const Text& name : names) {
+    if (name.empty()) {
+      continue;
+    }
+    const Text lower_name = Lower(name);
+    const size_t distance =
+        std::min(EditDistance(lower, lower_name),
+                 EditDistance(lower, ParentAndLeafScopeNames(lower_name).second) + 1);
+    if (distance <= 1 + wanted.size() / 3) {
+      matches.emplace_back(distance, name);
+    }
+  }
+  std::sort(matches.begin(), matches.end());
+  std::vector<Text> nearest;
+  for (size_t i = 0; i < std::min(matches.size(), kMostSuggestions); ++i) {
+    nearest.push_back(std::move(matches[i].second));
+  }
+  return nearest;
+}
+
+[[noreturn]] void ThrowUnknownScope(const COptions& options, const std::vector<Text>& names) {
+  std::string message =
+      fmt::format("{} has no scope \"{}\"", options.file, Printable(options.scope));
+  const std::vector<Text> nearest = NearMatches(options.scope, names);
+  for (size_t i = 0; i < nearest.size(); ++i) {
+    message += (i == 0                   ? "; did you mean "
+                : i + 1 < nearest.size() ? ", "
+                                         : " or ") +
+               Printable(nearest[i]);
+  }
+  throw CValueError(message + (nearest.empty()
+                                   ? "; see them all with: scopeinfo scopes " + options.file
+                                   : Text("?")));
+}
+
+std::vector<CScopeInfoKey> KeysOf(const CScopeInfo& info) {
+  if (info.merged_keys->begin() == info.merged_keys->end()) {
+    return {info.key};
+  }
+  std::vector<CScopeInfoKey> keys(info.merged_keys->begin(), info.merged_keys->end());
+  const auto rank = [&info](const CScopeInfoKey& key) {
+    return std::make_tuple(key.scanned_loc() != info.loc, key.scan_name() == ":attrs",
+                           key.scanned_loc() ? key.scanned_loc()->fUrl : Text(),
+                           Text(key.scanned_scope().value_or("")));
+  };
+  std::sort(keys.begin(), keys.end(),
+            [&rank](const auto& a, const auto& b) { return rank(a) < rank(b); });
+  return keys;
+}
+
+std::string FileOf(Loc loc) { return loc ? PathForLocation(loc).value_or(loc->fUrl) : ""; }
+
+ordered_json NamesToJson(const CStrDict& names, const std::optional<CStrDict>& domains) {
+  ordered_json array = ordered_json::array();
+  for (const auto& [name, ibytes] : names) {
+    ordered_json entry{{"name", name}, {"info", ibytes}};
+    ordered_json& alternatives = entry["alternatives"] = ordered_json::array();
+    for (const CAlternative& alternative : DescribeInfoBytes(ibytes)) {
+      ordered_json item;
+      item["line"] = alternative.line ? ordered_json(*alternative.line) : ordered_json();
+      item["kind"] = alternative.kind;
+      item["value"] = alternative.value;
+      if (!alternative.from.empty()) {
+        item["from"] = alternative.from;
+      }
+      alternatives.push_back(std::move(item));
+    }
+    if (const auto domain = domains ? domains->Get(name) : std::nullopt) {
+      entry["domain"] = *domain;
+    }
+    array.push_back(std::move(entry));
+  }
+  return array;
+}
+
+ordered_json ToJson(const CScopeInfo& info, const COpenFile& file) {
+  ordered_json json;
+  json["file"] = FileOf(info.loc);
+  json["scope"] = info.for_scope;
+  json["kind"] = KindWord(info.scope_kind);
+  json["info"] = info.scope_ibytes;
+  json["exists"] = !info.does_not_exist;
+  json["incomplete"] = info.incomplete;
+  json["disk_time"] = file.reader.GetDiskTime();
+  json["source"] =
+      file.source == standalone::CScopeReader::ESource::kDatabase ? "database" : "scan";
+  json["names"] = NamesToJson(info.type_equivs, info._domains);
+  json["instance_names"] = info.inst_type_equivs
+                               ? NamesToJson(*info.inst_type_equivs, info._inst_domains)
+                               : ordered_json::array();
+  ordered_json& scans = json["scans"] = ordered_json::array();
+  for (const CScopeInfoKey& key : KeysOf(info)) {
+    scans.push_back({{"scan", key.scan_name().value_or("")},
+                     {"file", FileOf(key.scanned_loc())},
+                     {"scope", key.scanned_scope().value_or("")}});
+  }
+  return json;
+}
+
+void AddNames(std::string& text, std::string_view heading, const CStrDict& names) {
+  if (names.empty()) {
+    return;
+  }
+  std::vector<std::pair<TextView, std::vector<CAlternative>>> described;
+  for (const auto& [name, ibytes] : names) {
+    described.emplace_back(name, DescribeInfoBytes(ibytes));
+  }
+  // As they stand in the source; what has no line comes last.
+  std::stable_sort(described.begin(), described.end(), [](const auto& a, const auto& b) {
+    const auto line = [](const auto& entry) {
+      return entry.second.empty() ? INT_MAX : entry.second.front().line.value_or(INT_MAX);
+    };
+    return line(a) < line(b);
+  });
+  CTable table({std::string(heading), ">Line", "Kind", "Value"});
+  for (const auto& [name, alternatives] : described) {
+    std::string shown = Printable(name);
+    for (const CAlternative& alternative : alternatives) {
+      std::string value = Printable(alternative.value);
+      if (!alternative.from.empty()) {
+        value += (value.empty() ? "" : "  ") + fmt::format("(in {})", Printable(alternative.from));
+      }
+      table.AddRow({shown, alternative.line ? std::to_string(*alternative.line) : "",
+                    alternative.kind, value});
+      shown.clear();
+    }
+    if (alternatives.empty()) {
+      table.AddRow({shown, "", "", ""});
+    }
+  }
+  text += "\n" + table.ToString("  ");
+}
+
+std::string ToTable(const CScopeInfo& info) {
+  const bool is_module = IsTopLevelModuleScope(info.for_scope);
+  const CDefinition definition = SplitDefinition(info.scope_ibytes);
+  std::string title = is_module ? "module" : KindWord(info.scope_kind);
+  if (!is_module) {
+    title += " " + Printable(info.for_scope);
+    if (!definition.inside.empty() || IsDefKind(info.scope_kind)) {
+      title += fmt::format("({})", Printable(definition.inside));
+    }
+  }
+  const std::vector<CScopeInfoKey> keys = KeysOf(info);
+  std::string text =
+      fmt::format("{}\n{}, {}", title, Printable(FileOf(info.loc)), Counted(keys.size(), "scan"));
+  text += info.incomplete ? ", incomplete" : "";
+  text += info.does_not_exist ? ", does not exist" : "";
+  text += "\n";
+  AddNames(text, "Name", info.type_equivs);
+  if (info.inst_type_equivs) {
+    AddNames(text, "Instance attribute", *info.inst_type_equivs);
+  }
+  if (info.type_equivs.empty() && (!info.inst_type_equivs || info.inst_type_equivs->empty())) {
+    text += "\n  no names\n";
+  }
+  return text;
+}
+
+}  // namespace
+
+int RunShow(const COptions& options) {
+  COpenFile file(options);
+  const scopeinfo::CScopeInfoPtr info = file.reader.GetMergedInfo(options.scope);
+  if (info == nullptr) {
+    ThrowUnknownScope(options, file.reader.GetScopeNames());
+  }
+  if (options.json) {
+    WriteJson(ToJson(*info, file));
+  } else {
+    Write(ToTable(*info));
+  }
+  return kExitOk;
+}
+
+}  // namespace pysource::tools
