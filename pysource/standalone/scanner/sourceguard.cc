@@ -22,6 +22,11 @@ constexpr std::array<BytesView, 22> kUnfinishedWords{
     "elif", "else",   "for",      "from",  "global", "if",    "import", "in",
     "is",   "lambda", "nonlocal", "not",   "or",     "with"};
 
+// Words that open a block, when a line begins with them and ends with ":".
+constexpr std::array<BytesView, 14> kHeaderWords{"async", "case",   "class",   "def", "elif",
+                                                 "else",  "except", "finally", "for", "if",
+                                                 "match", "try",    "while",   "with"};
+
 enum class Class : uint8_t {
   kSpace,
   kNewline,
@@ -221,7 +226,7 @@ class CNestingGuard {
       return;  // not there yet, or a line that does not count
     }
     if (_fHeaderTokens != 0) {
-      if (indent > _fIndent) {
+      if (indent > _fIndent && _fIsHeader) {
         _fBlocks.push_back(CBlock{_fIndent, _fHeaderTokens});
       }
       // Otherwise the block is missing, and who knows what the parser makes of that: the tokens
@@ -233,6 +238,9 @@ class CNestingGuard {
       _fBlocks.pop_back();
     }
     _fIndent = indent;
+    const BytesView line = _fSource.substr(at, 8);
+    const BytesView word = line.substr(0, line.find_first_of(" \t(:*\n"));
+    _fIsHeader = std::find(kHeaderWords.begin(), kHeaderWords.end(), word) != kHeaderWords.end();
   }
 
   void EndLine() {
@@ -393,6 +401,7 @@ class CNestingGuard {
   Last _fLast = Last::kNothing;
   size_t _fLineBegin = 0;
   size_t _fIndent = 0;        // of the line
+  bool _fIsHeader = false;    // whether it begins like the header of a block
   size_t _fHeaderTokens = 0;  // of the line before, when it should open a block
   std::vector<CBlock> _fBlocks;
   size_t _fExtras = 0;  // comments and continued lines since the last token
