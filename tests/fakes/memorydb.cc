@@ -47,7 +47,7 @@ const CMemoryDbFile* CMemoryAnalysisDb::FileAt(Loc loc, DiskTime disk_mtime) con
 
 void CMemoryAnalysisDb::NoteRead(Text call) {
   fCalls.push_back(std::move(call));
-  if (fFailReads > 0) {
+  if (fFailReads > 0 && fGoodReads-- <= 0) {
     --fFailReads;
     throw CValueError("memory database: told to fail: " + fCalls.back());
   }

@@ -42,6 +42,7 @@ CDatabaseRecord MakeRecord(Loc loc, const Text& scope, std::optional<Text> scan,
 
 std::vector<Text> Lines(const std::vector<CDatabaseRecord>& records) {
   std::vector<Text> lines;
+  lines.reserve(records.size());
   for (const CDatabaseRecord& r : records) {
     lines.push_back(
         FormatPercent("%r %r %r %r %r seen %r classes %r imports %r data %r %d",

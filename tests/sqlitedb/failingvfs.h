@@ -9,8 +9,9 @@ namespace pysource::standalone {
 
 class CFailingVfs {
  public:
-  // From now on the default of all connections, until this object ends.
-  CFailingVfs();
+  // From now on the default of all connections, until this object ends. Without shared memory, as
+  // on some network file systems, there is no WAL.
+  explicit CFailingVfs(bool shared_memory = true);
   ~CFailingVfs();
   CFailingVfs(const CFailingVfs&) = delete;
   CFailingVfs& operator=(const CFailingVfs&) = delete;

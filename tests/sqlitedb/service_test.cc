@@ -62,7 +62,7 @@ std::vector<CDatabaseRecord> OddRecords(Loc loc, Loc other, DiskTime time) {
   add("j.empty scan").scan_name = "";
   add("k.equivalences").class_equivs = ":cK(a;b);:cL()";
   records.back().import_equivs = ":ios;:fos path";
-  add(Text("l.any\0byte \xFF\xC0;'", 18)).data = Bytes("\0\xFF\0", 3);
+  add(Text("l.any\0byte \xFF\xC0;'", 15)).data = Bytes("\0\xFF\0", 3);
   add("m.big").data = Bytes(100000, '\x80');
   return records;
 }

@@ -24,7 +24,6 @@ namespace pysource::standalone {
 namespace {
 
 using testing::Each;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::internal::CaptureStdout;
@@ -45,6 +44,7 @@ class SqliteDb : public CDbWorld {
  protected:
   bool Save(CAnalysisDb& db, const std::string& file, const Bytes& data, int records = 1) {
     std::vector<CDatabaseRecord> list;
+    list.reserve(static_cast<size_t>(records));
     for (int i = 0; i < records; ++i) {
       list.push_back(MakeRecord(File(file), "f" + std::to_string(i), ":names", data, 2));
     }
@@ -243,6 +243,15 @@ TEST_F(SqliteDb, ALockIsWaitedForShortlyAndTheSaveGoesThroughLater) {
     }
     sqlite3_close(other);
   }
+}
+
+TEST_F(SqliteDb, WithoutWalItWorksAllTheSame) {
+  const CFailingVfs vfs(false);
+  auto db = Open();
+  ASSERT_TRUE(Save(*db, "a.py", "d")) << db->LastError();
+  db.reset();
+  EXPECT_EQ(Held(*Open(), "a.py"), "d");
+  EXPECT_EQ(ContentOf(DbPath()).substr(18, 2), "\x01\x01") << "the header says: a rollback journal";
 }
 
 TEST_F(SqliteDb, TwoProcessesWriteAndReadAtTheSameTime) {

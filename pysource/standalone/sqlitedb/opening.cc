@@ -29,10 +29,21 @@ struct CInspection {
   int64_t version = 0;
 };
 
+// Few statements: this is a good part of what it costs to look up one scope in a new process.
 CInspection Inspect(CSqliteConnection& connection) {
   const int64_t program = connection.IntOf("PRAGMA application_id");
   const int64_t version = connection.IntOf("PRAGMA user_version");
-  const int64_t tables = connection.IntOf("SELECT count(*) FROM sqlite_master");
+  int64_t tables = 0;
+  int64_t ours = 0;
+  {
+    const auto statement = connection.Prepare(
+        "SELECT count(*), sum(type = 'table' AND name IN ('files', 'scans', 'records', 'changes')) "
+        "FROM sqlite_master");
+    CQuery query(statement.get());
+    query.Step();
+    tables = query.IntAt(0);
+    ours = query.IntAt(1);
+  }
   if (program == 0 && version == 0 && tables == 0) {
     return {EContent::kEmpty, version};
   }
@@ -42,17 +53,13 @@ CInspection Inspect(CSqliteConnection& connection) {
   if (version != kSchemaVersion) {
     return {EContent::kOtherVersion, version};
   }
-  const int64_t ours = connection.IntOf(
-      "SELECT count(*) FROM sqlite_master WHERE type = 'table' "
-      "AND name IN ('files', 'scans', 'records', 'changes')");
   if (ours != kTableCount) {
     throw CSqliteFailure(SQLITE_CORRUPT, "a table is missing");
   }
   // The first page of each: what is damaged there would fail every operation.
-  for (const char* sql : {"SELECT id FROM files LIMIT 1", "SELECT id FROM scans LIMIT 1",
-                          "SELECT id FROM records LIMIT 1", "SELECT seq FROM changes LIMIT 1"}) {
-    connection.IntOf(sql);
-  }
+  connection.IntOf(
+      "SELECT EXISTS(SELECT id FROM files) + EXISTS(SELECT id FROM scans) + "
+      "EXISTS(SELECT id FROM records) + EXISTS(SELECT seq FROM changes)");
   return {EContent::kOurs, version};
 }
 
@@ -217,8 +224,12 @@ COpenDatabase OpenDatabase(const std::string& path, const std::string& shown) {
     // The connection has ended. If the file is another one by now, that one is looked at first.
     if (IdentityOf(path) == result.identity) {
       const std::string aside = SetAside(path, shown);
-      result.message += (result.message.empty() ? "" : "\n") + shown + ": " + reason +
-                        "; it was set aside as " + aside + " and a new database was begun";
+      if (!result.message.empty()) {
+        result.message += '\n';
+      }
+      result.message.append(shown).append(": ").append(reason);
+      result.message.append("; it was set aside as ").append(aside);
+      result.message.append(" and a new database was begun");
     }
   }
   throw CValueError(shown + ": the database is replaced by another process again and again");

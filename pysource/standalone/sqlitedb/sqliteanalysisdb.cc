@@ -286,6 +286,7 @@ class CSqliteAnalysisDb::CImpl {
     } else {
       // Two names of one hash are one range.
       std::vector<int64_t> offsets;
+      offsets.reserve(scopes.size());
       for (const TextView scope : scopes) {
         offsets.push_back(sqlitedb::ScopeOffset(scope));
       }
@@ -745,7 +746,6 @@ class CSqliteAnalysisDb::CImpl {
         if (!query.IsNull(3)) {
           row.scans_done = query.ViewAt(3);
         }
-        NoteFile(locs[index], row.id, false);
         found(index, row);
       }
     }
