@@ -123,6 +123,7 @@ std::vector<CAlternative> DescribeInfoBytes(BytesView ibytes) {
     }
   };
   std::optional<int> line;  // of the binding that items belong to
+  Text line_from;           // and where that is; empty: here
   ForEachNonNested(ibytes, kInfoBytesSep, [&](BytesView item) {
     CAlternative alternative;
     alternative.from = DescribeContext(item);
@@ -136,14 +137,17 @@ std::vector<CAlternative> DescribeInfoBytes(BytesView ibytes) {
         close();
       }
       line = alternative.line;
+      line_from = alternative.from;
       open = std::move(alternative);
       return;
     }
-    alternative.line = alternative.from.empty() ? line : std::nullopt;
-    alternative.value = DescribeValue(kind, body);
-    if (!alternative.from.empty()) {
+    // What a method sets on self is bound at a line here, to what a name means there.
+    if (line_from.empty() || line_from == alternative.from) {
+      alternative.line = line;
+    } else {
       close();
     }
+    alternative.value = DescribeValue(kind, body);
     open.reset();
     alternatives.push_back(std::move(alternative));
   });

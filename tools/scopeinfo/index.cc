@@ -45,13 +45,6 @@ void AddNotes(std::string& text, const std::vector<Note>& notes, std::string_vie
   }
 }
 
-// The message alone where it names the file already.
-std::string NoteLine(const standalone::CPathNote& note) {
-  return note.text.find(note.path) != std::string::npos
-             ? note.text
-             : fmt::format("{}: {}", note.path, note.text);
-}
-
 std::string Summary(const COptions& options, const standalone::CFoundFiles& found,
                     const standalone::CIndexReport& report, size_t database_bytes,
                     double find_seconds, double all_seconds) {
@@ -77,7 +70,7 @@ std::string Summary(const COptions& options, const standalone::CFoundFiles& foun
          fmt::format("{} of source, {} of records, {} of database", ByteSize(report.source_bytes),
                      ByteSize(report.encoded_bytes), ByteSize(database_bytes)));
   }
-  const standalone::CScanTimes& times = report.worker_times;
+  const standalone::CScanWorkTimes& times = report.worker_times;
   text += "\n";
   line("stage", "time");
   line("find", fmt::format("{:.2f} s", find_seconds));
@@ -88,7 +81,8 @@ std::string Summary(const COptions& options, const standalone::CFoundFiles& foun
                            Counted(options.jobs, "thread"), times.read, times.scan, times.encode));
   line("store", fmt::format("{:.2f} s, beside the scanning", report.store_seconds));
 
-  AddNotes(text, report.unreadable, "could not be read", options.verbose, NoteLine);
+  AddNotes(text, report.unreadable, "could not be read", options.verbose,
+           [](const standalone::CPathNote& note) { return NoteLine(note.path, note.text); });
   AddNotes(text, report.syntax_errors, "with errors of syntax, understood in part", options.verbose,
            [](const standalone::CSyntaxErrors& errors) {
              return fmt::format("{}:{}: {}", errors.path, errors.first_line,
@@ -129,7 +123,7 @@ int RunIndex(const COptions& options) {
                 SecondsSince(start)));
   FlushOutput();
   for (const standalone::CPathNote& note : report.not_stored) {
-    Complain(fmt::format("{}: not stored: {}", note.path, note.text));
+    Complain("not stored: " + NoteLine(note.path, note.text));
   }
   if (report.cancelled) {
     Complain("interrupted; what was stored stays, and the next run goes on from there");

@@ -67,6 +67,10 @@ std::string Printable(TextView text) {
   return printable;
 }
 
+std::string NoteLine(const std::string& path, const std::string& text) {
+  return text.find(path) != std::string::npos ? text : path + ": " + text;
+}
+
 std::string Grouped(size_t number) {
   std::string digits = std::to_string(number);
   for (size_t i = digits.size(); i > 3; i -= 3) {

@@ -24,6 +24,8 @@ void WriteJson(const nlohmann::ordered_json& json);
 
 // With control characters as \xNN, so that names cannot play tricks on a terminal.
 std::string Printable(TextView text);
+// "path: text", or the text alone where it names the path already.
+std::string NoteLine(const std::string& path, const std::string& text);
 // 1234567 as "1,234,567".
 std::string Grouped(size_t number);
 // "1 file", "2 files".

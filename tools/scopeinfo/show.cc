@@ -106,12 +106,35 @@ std::vector<CScopeInfoKey> KeysOf(const CScopeInfo& info) {
 
 std::string FileOf(Loc loc) { return loc ? PathForLocation(loc).value_or(loc->fUrl) : ""; }
 
+struct CNameLine {
+  TextView name;
+  BytesView ibytes;
+  std::vector<CAlternative> alternatives;
+};
+
+// As they stand in the source; what has no line comes last. Records do not keep that order.
+std::vector<CNameLine> InSourceOrder(const CStrDict& names) {
+  std::vector<CNameLine> lines;
+  for (const auto& [name, ibytes] : names) {
+    lines.push_back({name, ibytes, DescribeInfoBytes(ibytes)});
+  }
+  std::sort(lines.begin(), lines.end(), [](const CNameLine& a, const CNameLine& b) {
+    const auto rank = [](const CNameLine& line) {
+      return std::pair(
+          line.alternatives.empty() ? INT_MAX : line.alternatives.front().line.value_or(INT_MAX),
+          line.name);
+    };
+    return rank(a) < rank(b);
+  });
+  return lines;
+}
+
 ordered_json NamesToJson(const CStrDict& names, const std::optional<CStrDict>& domains) {
   ordered_json array = ordered_json::array();
-  for (const auto& [name, ibytes] : names) {
+  for (const auto& [name, ibytes, described] : InSourceOrder(names)) {
     ordered_json entry{{"name", name}, {"info", ibytes}};
     ordered_json& alternatives = entry["alternatives"] = ordered_json::array();
-    for (const CAlternative& alternative : DescribeInfoBytes(ibytes)) {
+    for (const CAlternative& alternative : described) {
       ordered_json item;
       item["line"] = alternative.line ? ordered_json(*alternative.line) : ordered_json();
       item["kind"] = alternative.kind;
@@ -157,19 +180,8 @@ void AddNames(std::string& text, std::string_view heading, const CStrDict& names
   if (names.empty()) {
     return;
   }
-  std::vector<std::pair<TextView, std::vector<CAlternative>>> described;
-  for (const auto& [name, ibytes] : names) {
-    described.emplace_back(name, DescribeInfoBytes(ibytes));
-  }
-  // As they stand in the source; what has no line comes last.
-  std::stable_sort(described.begin(), described.end(), [](const auto& a, const auto& b) {
-    const auto line = [](const auto& entry) {
-      return entry.second.empty() ? INT_MAX : entry.second.front().line.value_or(INT_MAX);
-    };
-    return line(a) < line(b);
-  });
   CTable table({std::string(heading), ">Line", "Kind", "Value"});
-  for (const auto& [name, alternatives] : described) {
+  for (const auto& [name, ibytes, alternatives] : InSourceOrder(names)) {
     std::string shown = Printable(name);
     for (const CAlternative& alternative : alternatives) {
       std::string value = Printable(alternative.value);

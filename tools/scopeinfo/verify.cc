@@ -26,7 +26,7 @@ void ComplainOfAll(const std::vector<standalone::CPathNote>& notes, std::string_
       Complain(fmt::format("and {} more {}", Grouped(notes.size() - i), what));
       break;
     }
-    Complain(fmt::format("{}: {}", notes[i].path, notes[i].text));
+    Complain(NoteLine(notes[i].path, notes[i].text));
   }
 }
 

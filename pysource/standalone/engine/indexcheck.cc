@@ -12,7 +12,8 @@
 #include "pysource/scopeinfo/records/scopeinfo.h"
 #include "pysource/scopeinfo/serialized/scopeinfoserializer.h"
 #include "pysource/standalone/engine/filerows.h"
-#include "pysource/standalone/engine/scanpool.h"
+#include "pysource/standalone/engine/scanfiles.h"
+#include "pysource/standalone/scanner/importresolver.h"
 #include "pysource/standalone/scanner/sourcefile.h"
 
 namespace pysource::standalone {
@@ -65,15 +66,16 @@ class CChecker {
     const std::vector<CFoundFile>& files = _fRequest.found.files;
     const CFileImportResolver resolver(loc_cache, _fRequest.found.roots);
     size_t done = 0;
-    {
-      CScanPool pool(files, _fRequest.jobs, resolver);
-      while (const auto scanned = pool.Next(_fRequest.is_cancelled)) {
-        CheckFile(*scanned);
-        if (_fRequest.on_progress != nullptr) {
-          _fRequest.on_progress(++done, files.size(), scanned->file->path);
-        }
-      }
-    }
+    ScanFiles({files, _fRequest.jobs, resolver, _fRequest.is_cancelled},
+              [&](const CScanJobResult& scanned) {
+                const std::string path = PathForLocation(scanned.job.loc).value_or("");
+                CheckFile(path, scanned);
+                ++done;
+                if (_fRequest.on_progress != nullptr) {
+                  _fRequest.on_progress(done, files.size(), path);
+                }
+                return true;
+              });
     _fReport.cancelled = done < files.size();
     if (!_fReport.cancelled) {
       CheckRowsForOthers();
@@ -82,9 +84,8 @@ class CChecker {
   }
 
  private:
-  void CheckFile(const CScannedFile& scanned) {
-    const std::string& path = scanned.file->path;
-    const Loc loc = scanned.file->loc;
+  void CheckFile(const std::string& path, const CScanJobResult& scanned) {
+    const Loc loc = scanned.job.loc;
     if (!scanned.error.empty()) {
       _fReport.unreadable.push_back({path, scanned.error});
       _fChecked.erase(loc);

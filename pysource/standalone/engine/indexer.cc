@@ -5,6 +5,8 @@
 #include <utility>
 
 #include "pysource/scopeinfo/records/vocabulary.h"
+#include "pysource/standalone/engine/scanfiles.h"
+#include "pysource/standalone/scanner/importresolver.h"
 #include "pysource/standalone/scanner/sourcefile.h"
 
 namespace pysource::standalone {
@@ -50,25 +52,21 @@ CIndexReport CIndexer::Run(const CIndexRequest& request) {
   {
     const CStopwatch stopwatch(_fReport.scan_seconds);
     const CFileImportResolver resolver(_fLocCache, request.found.roots);
-    CScanPool pool(plan.to_scan, request.jobs, resolver);
-    const auto progress = [&](size_t done, const std::string& path) {
+    size_t done = 0;
+    const auto progress = [&](const std::string& path) {
       if (request.on_progress != nullptr) {
         request.on_progress(done, plan.to_scan.size(), path);
       }
     };
-    progress(0, "");
-    size_t done = 0;
-    while (!HasGivenUp()) {
-      const auto scanned = pool.Next(request.is_cancelled);
-      if (!scanned) {
-        break;
-      }
-      StoreFile(*scanned);
-      progress(++done, scanned->file->path);
-    }
-    _fReport.cancelled =
-        done < plan.to_scan.size() && request.is_cancelled != nullptr && request.is_cancelled();
-    _fReport.worker_times = pool.Times();
+    progress("");
+    _fReport.worker_times = ScanFiles({plan.to_scan, request.jobs, resolver, request.is_cancelled},
+                                      [&](const CScanJobResult& scanned) {
+                                        StoreFile(scanned);
+                                        ++done;
+                                        progress(PathOf(scanned.job.loc));
+                                        return !HasGivenUp();
+                                      });
+    _fReport.cancelled = done < plan.to_scan.size() && !HasGivenUp();
     StoreRowsForOthers();
   }
   _fReport.scanned_again = static_cast<size_t>(
@@ -92,12 +90,12 @@ void CIndexer::Prepare(const CIndexPlan& plan) {
   }
 }
 
-void CIndexer::StoreFile(const CScannedFile& scanned) {
+void CIndexer::StoreFile(const CScanJobResult& scanned) {
+  const Loc loc = scanned.job.loc;
   if (!scanned.error.empty()) {
-    _fReport.unreadable.push_back({scanned.file->path, scanned.error});
+    _fReport.unreadable.push_back({PathOf(loc), scanned.error});
     return;
   }
-  const Loc loc = scanned.file->loc;
   const CFileRows rows = MakeRows(loc, scanned.scan, _fForOthers);
   const size_t refused = _fReport.not_stored.size();
   Save(loc, rows.rows, kAllScansDone, scanned.disk_mtime);
@@ -113,7 +111,7 @@ void CIndexer::StoreFile(const CScannedFile& scanned) {
   _fReport.source_bytes += scanned.source_bytes;
   if (scanned.scan.error_count > 0) {
     _fReport.syntax_errors.push_back(
-        {scanned.file->path, scanned.scan.error_count, scanned.scan.first_error_line});
+        {PathOf(loc), scanned.scan.error_count, scanned.scan.first_error_line});
   }
 }
 

@@ -15,7 +15,7 @@
 #include "pysource/standalone/engine/filerows.h"
 #include "pysource/standalone/engine/findfiles.h"
 #include "pysource/standalone/engine/indexplan.h"
-#include "pysource/standalone/engine/scanpool.h"
+#include "pysource/standalone/engine/scanworkers.h"
 #include "pysource/standalone/sqlitedb/sqliteanalysisdb.h"
 
 namespace pysource::standalone {
@@ -56,7 +56,7 @@ struct CIndexReport {
   double plan_seconds = 0;   // comparing with the database
   double scan_seconds = 0;   // from the first scan to the last save, scanning and storing together
   double store_seconds = 0;  // of that: in saves
-  CScanTimes worker_times;   // processor time
+  CScanWorkTimes worker_times;  // processor time
 };
 
 class CIndexer {
@@ -68,7 +68,7 @@ class CIndexer {
 
  private:
   void Prepare(const CIndexPlan& plan);
-  void StoreFile(const CScannedFile& scanned);
+  void StoreFile(const CScanJobResult& scanned);
   void StoreRowsForOthers();
   void Save(Loc loc, const std::vector<CDatabaseRecord>& rows, TextView scans_done,
             DiskTime disk_mtime);

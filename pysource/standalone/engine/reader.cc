@@ -1,6 +1,7 @@
 #include "pysource/standalone/engine/reader.h"
 
 #include <algorithm>
+#include <tuple>
 #include <utility>
 
 #include "pysource/host/errors.h"
@@ -47,6 +48,13 @@ CScopeReader::ESource CScopeReader::Open(const std::string& path) {
       }
     }
   }
+  // In the order of the database, so that the answers are the same.
+  std::stable_sort(_fScanned.begin(), _fScanned.end(), [](const auto& a, const auto& b) {
+    const auto rank = [](const scopeinfo::CScopeInfo& info) {
+      return std::make_tuple(info.for_scope, info.key.scan_name(), info.scanned_scope);
+    };
+    return rank(*a) < rank(*b);
+  });
   return _fSource;
 }
 

@@ -1,0 +1,4 @@
+verbose: bool
+folder: str
+
+def describe(short: bool = ...) -> str | dict[str, object]: ...
