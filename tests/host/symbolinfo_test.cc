@@ -10,47 +10,43 @@
 #include <vector>
 
 #include "pysource/host/location.h"
-#include "tests/fakes/random.h"
 
 namespace pysource {
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 using Pieces = std::vector<BytesView>;
 
 TEST(Kinds, EachHasItsPrefixAndNoTwoAreAlike) {
-  const std::pair<BytesView, Kind> rows[] = {
-      {kSetPrefix, kSetKind},
-      {kGetPrefix, kGetKind},
-      {kSetTypeHintPrefix, kSetTypeHintKind},
-      {kNonlocalPrefix, kNonlocalKind},
-      {kGlobalPrefix, kGlobalKind},
-      {kWithinExprPrefix, kWithinExprKind},
-      {kImportPrefix, kImportKind},
-      {kFromImportPrefix, kFromImportKind},
-      {kImportAsNamePrefix, kImportAsNameKind},
-      {kDecoratorPrefix, kDecoratorKind},
-      {kSpecificScopePrefix, kSpecificScopeKind},
-      {kSpecificUrlPrefix, kSpecificUrlKind},
-      {kBuiltinModulePrefix, kBuiltinModuleKind},
-      {kTypingModulePrefix, kTypingModuleKind},
-      {kBuiltinClassPrefix, kBuiltinClassKind},
-      {kTypedLiteralPrefix, kTypedLiteralKind},
-      {kArgPrefix, kArgKind},
-      {kTypeHintPrefix, kTypeHintKind},
-      {kPlainEquivSpec, kPlainEquivKind},
-      {kExpressionEquivPrefix, kExpressionEquivKind},
-      {kMethodPrefix, kMethodKind},
-      {kUnboundMethodPrefix, kUnboundMethodKind},
-      {kFunctionPrefix, kFunctionKind},
-      {kClassPrefix, kClassKind},
-      {kSelfPrefix, kSelfKind},
-      {kInstancePrefix, kInstanceKind},
-      {kModulePrefix, kModuleKind},
-      {kInferredTypeHintPrefix, kInferredTypeHintKind},
-      {kCalledPrefix, kCalledKind},
-  };
+  const std::pair<BytesView, Kind> rows[] = {{kSetPrefix, kSetKind},
+                                             {kGetPrefix, kGetKind},
+                                             {kSetTypeHintPrefix, kSetTypeHintKind},
+                                             {kNonlocalPrefix, kNonlocalKind},
+                                             {kGlobalPrefix, kGlobalKind},
+                                             {kWithinExprPrefix, kWithinExprKind},
+                                             {kImportPrefix, kImportKind},
+                                             {kFromImportPrefix, kFromImportKind},
+                                             {kImportAsNamePrefix, kImportAsNameKind},
+                                             {kDecoratorPrefix, kDecoratorKind},
+                                             {kSpecificScopePrefix, kSpecificScopeKind},
+                                             {kSpecificUrlPrefix, kSpecificUrlKind},
+                                             {kBuiltinModulePrefix, kBuiltinModuleKind},
+                                             {kTypingModulePrefix, kTypingModuleKind},
+                                             {kBuiltinClassPrefix, kBuiltinClassKind},
+                                             {kTypedLiteralPrefix, kTypedLiteralKind},
+                                             {kArgPrefix, kArgKind},
+                                             {kTypeHintPrefix, kTypeHintKind},
+                                             {kPlainEquivSpec, kPlainEquivKind},
+                                             {kExpressionEquivPrefix, kExpressionEquivKind},
+                                             {kMethodPrefix, kMethodKind},
+                                             {kUnboundMethodPrefix, kUnboundMethodKind},
+                                             {kFunctionPrefix, kFunctionKind},
+                                             {kClassPrefix, kClassKind},
+                                             {kSelfPrefix, kSelfKind},
+                                             {kInstancePrefix, kInstanceKind},
+                                             {kModulePrefix, kModuleKind},
+                                             {kInferredTypeHintPrefix, kInferredTypeHintKind},
+                                             {kCalledPrefix, kCalledKind}};
   std::set<Kind> kinds;
   for (const auto& [prefix, kind] : rows) {
     EXPECT_EQ(prefix.size(), kPrefixLen);
@@ -68,14 +64,12 @@ TEST(ScopeNames, ComeApartAndTogether) {
   struct {
     TextView scope, parent, leaf, without_indices;
     bool is_instance;
-  } const rows[] = {
-      {"f", "", "f", "f", false},
-      {"Outer#2.f#3", "Outer#2", "f#3", "Outer.f", false},
-      {"a.C:", "a", "C:", "a.C:", true},
-      {"a#2.C#12:", "a#2", "C#12:", "a.C:", true},
-      {"a.b.<lambda>", "a.b", "<lambda>", "a.b.<lambda>", false},
-      {"C:.x", "C:", "x", "C:.x", false},
-  };
+  } const rows[] = {{"f", "", "f", "f", false},
+                    {"Outer#2.f#3", "Outer#2", "f#3", "Outer.f", false},
+                    {"a.C:", "a", "C:", "a.C:", true},
+                    {"a#2.C#12:", "a#2", "C#12:", "a.C:", true},
+                    {"a.b.<lambda>", "a.b", "<lambda>", "a.b.<lambda>", false},
+                    {"C:.x", "C:", "x", "C:.x", false}};
   for (const auto& row : rows) {
     EXPECT_EQ(ParentScopeName(row.scope), row.parent) << row.scope;
     EXPECT_EQ(ParentAndLeafScopeNames(row.scope), std::pair(row.parent, row.leaf)) << row.scope;
@@ -121,32 +115,6 @@ TEST(InfoBytes, JoinWithoutDoubles) {
   };
   for (const auto& row : rows) {
     EXPECT_EQ(JoinInfoBytes(row.a, row.b), row.joined) << row.why;
-  }
-  // A joined value splits into the items again.
-  fakes::CRandom random;
-  for (int step = 0; step < 2000; ++step) {
-    const BytesView items[] = {"a", "b(;)", ":s1", "", "[x;{y}]", "bb"};
-    Bytes values[2];
-    std::vector<Bytes> expected;
-    for (Bytes& value : values) {
-      for (size_t left = random.Below(4); left != 0; --left) {
-        const BytesView item = random.Of(items);
-        value += value.empty() ? Bytes(item) : ';' + Bytes(item);
-      }
-    }
-    for (const BytesView item : NonNestedSplit(values[0], ';')) {
-      expected.emplace_back(item);
-    }
-    for (const BytesView item : NonNestedSplit(values[1], ';')) {
-      if (values[0].empty() ||
-          std::find(expected.begin(), expected.end(), item) == expected.end()) {
-        expected.emplace_back(item);
-      }
-    }
-    const Bytes joined = JoinInfoBytes(values[0], values[1]);
-    const Pieces pieces = NonNestedSplit(joined, ';');
-    ASSERT_EQ(std::vector<Bytes>(pieces.begin(), pieces.end()), expected)
-        << values[0] << " and " << values[1];
   }
 }
 

@@ -314,6 +314,7 @@ TEST(GlibLoop, RunsWhatOtherThreadsPostOnItsOwnThreadInOrder) {
   bool idle_ran = false;
   world.loop.timeout_add(kNever, [] { return false; });
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([&, thread] {
       for (int i = 0; i < kEach; ++i) {

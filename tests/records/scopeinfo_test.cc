@@ -57,21 +57,6 @@ TEST_F(Records, TakeTheirKindFromNameAndInfoBytes) {
   }
 }
 
-TEST_F(Records, StartEmpty) {
-  const auto record = Record("C");
-  EXPECT_EQ(record->loc, a);
-  EXPECT_EQ(record->scanned_loc, b);
-  EXPECT_EQ(record->scanned_scope, "scanned");
-  EXPECT_TRUE(record->type_equivs.empty());
-  EXPECT_FALSE(record->_domains || record->inst_type_equivs || record->_inst_domains);
-  EXPECT_FALSE(record->specialized_cls_name || record->scope_seen_dict ||
-               record->_serialized_data || record->_merged_info_list || record->import_all_set);
-  EXPECT_FALSE(record->does_not_exist || record->from_import_star);
-  EXPECT_EQ(record->merged_keys, kEmptyKeySet);
-  EXPECT_EQ(record->Repr(),
-            "CScopeInfo(Location('file:///src/a.py'), 'C', 'scanned', 1234.5, False)");
-}
-
 TEST_F(Records, KeepInfoBytesByName) {
   const auto record = Record("C");
   record->SetInfoBytes("x", ":s1");
@@ -162,6 +147,7 @@ TEST_F(Records, AreCopied) {
   EXPECT_FALSE(copy->scope_seen_dict || copy->_serialized_data || copy->_merged_info_list);
   copy->SetInfoBytes("x", "changed");
   EXPECT_EQ(record->GetInfoBytes("x"), ":s1");
+  EXPECT_EQ(record->Repr(), "CScopeInfo(Location('file:///src/a.py'), 'C', 'D', 1234.5, True)");
 
   const auto instance_only = record->Copy(/*inst_only=*/true, /*keep_key=*/true);
   EXPECT_EQ(instance_only->key, record->key);
