@@ -13,6 +13,7 @@
 #include <iterator>
 #include <set>
 #include <thread>
+#include <unordered_map>
 
 #include "pysource/host/assertions.h"
 #include "pysource/host/errors.h"
@@ -510,15 +511,58 @@ TEST_F(SqliteDb, ADestroyedDatabaseAnswersNothing) {
   EXPECT_EQ(Told(*Open()), "");
 }
 
-TEST_F(SqliteDb, ARecordOfAnotherFileIsRefusedWhole) {
+TEST_F(SqliteDb, ARecordThatBreaksARuleIsRefusedWithAllOthers) {
   auto db = Open();
   ASSERT_TRUE(Save(*db, "a.py", "old"));
-  auto record = MakeRecord(File("a.py"), "f0", ":names", "new", 2);
-  auto wrong = record;
-  wrong.for_loc = File("b.py");
-  EXPECT_THROW(db->SaveDataForFile(File("a.py"), {record, wrong}, "", 2), CAssertionError);
-  EXPECT_EQ(Held(*db, "a.py"), "old");
-  EXPECT_TRUE(Save(*db, "a.py", "new"));
+  const auto good = MakeRecord(File("a.py"), "f0", ":names", "new", 2);
+  auto of_another_file = good;
+  of_another_file.for_loc = File("b.py");
+  auto seen_nowhere = MakeRecord(File("a.py"), "f1", ":names", "new", 2);
+  seen_nowhere.scopes_seen->Set(CScopeRef{Loc(), "*"}, 2);
+  for (const auto& wrong : {of_another_file, seen_nowhere}) {
+    EXPECT_THROW(db->SaveDataForFile(File("a.py"), {good, wrong}, "", 2), CAssertionError);
+    EXPECT_EQ(Held(*db, "a.py"), "old");
+  }
+  auto next = good;
+  next.scopes_seen->Set(CScopeRef{File("c.py"), "*"}, 3);
+  EXPECT_TRUE(db->SaveDataForFile(File("a.py"), {next}, "", 2));
+  EXPECT_EQ(AllOf(*db, File("a.py"), 2), Lines({next})) << "nothing of the refused one is left";
+}
+
+// ---- Where rows lie.
+
+TEST_F(SqliteDb, FilesOfOneHashAreKeptApart) {
+  // Of 200,000 names some share the 31 bits of their ids.
+  std::unordered_map<int64_t, std::string> names;
+  std::vector<std::string> pair;
+  for (int i = 0; pair.empty() && i < 1000000; ++i) {
+    const std::string name = "f" + std::to_string(i);
+    const auto [known, added] = names.emplace(sqlitedb::FirstFileId("w:" + name), name);
+    if (!added) {
+      pair = {known->second, name};
+    }
+  }
+  ASSERT_EQ(pair.size(), 2U);
+  ASSERT_TRUE(Save(*Open(), pair[0], "first"));
+  EXPECT_EQ(Held(*Open(), pair[1]), "-");
+  ASSERT_TRUE(Save(*Open(), pair[1], "second"));
+  auto db = Open();
+  CLocMtimeDict times;
+  times.Set(File(pair[1]), 2);
+  times.Set(File(pair[0]), 2);
+  EXPECT_EQ(db->GetScansDone(times).size(), 2U);
+  EXPECT_EQ(Held(*db, pair[0]), "first");
+  EXPECT_EQ(Held(*db, pair[1]), "second");
+}
+
+TEST_F(SqliteDb, APlaceThatWasEmptiedBelongsToOneFileAgain) {
+  auto db = Open();
+  ASSERT_TRUE(Save(*db, "a.py", "a"));
+  ASSERT_TRUE(db->SaveDataForFile(File("a.py"), {}, "", 3));
+  ASSERT_TRUE(Save(*db, "b.py", "b"));
+  ASSERT_TRUE(Save(*db, "a.py", "a"));
+  EXPECT_EQ(Held(*db, "b.py"), "b");
+  EXPECT_THAT(db->Verify(), IsEmpty());
 }
 
 }  // namespace
