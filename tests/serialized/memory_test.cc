@@ -85,11 +85,14 @@ TEST_F(MemoryTest, IsBoundedByTheSizeOfTheMessage) {
   expect_null_within("a value", table + "\x81\x81\x81" + bomb + "\x81\x80\x80\x80\x80", 3 * bound);
 
   const Bytes huge = Bytes(9, '\x7E') + "\xC1";
+  const Bytes million = "\x40\x49\x74\xC3";
   expect_null_within("tokens", huge, 1000);
+  expect_null_within("tokens", million, 1000);
   expect_null_within("as many tokens as bytes", "\xFF" + Bytes(126, '\x80') + "\x7F", 8000);
   expect_null_within("the length of a token", "\x81" + huge, 1000);
   for (size_t dict = 0; dict < 4; ++dict) {
     expect_null_within("items", "\x81\x80\x81" + Bytes(dict, '\x80') + huge, 1000);
+    expect_null_within("items", "\x81\x80\x81" + Bytes(dict, '\x80') + million, 1000);
     expect_null_within("half as many items as bytes",
                        "\x81\x80\x81" + Bytes(dict, '\x80') + "\xBF" + Bytes(126, '\x81'), 8000);
   }
