@@ -17,6 +17,7 @@ namespace {
 struct CStored {
   CLocSet files;                          // that have rows
   std::unordered_map<Loc, CLocSet> from;  // B to the files A that have rows in it
+  std::unordered_map<Loc, CLocSet> seen;  // B to the files A whose scans looked at it
 };
 
 CStored ReadStored(CSqliteAnalysisDb& db) {
@@ -33,6 +34,13 @@ CStored ReadStored(CSqliteAnalysisDb& db) {
     }
     if (row.record.scanned_loc && row.record.scanned_loc != loc) {
       stored.from[loc].insert(row.record.scanned_loc);
+    }
+    if (row.record.scanned_loc && row.record.scopes_seen != nullptr) {
+      for (const auto& [ref, time] : *row.record.scopes_seen) {
+        if (ref.loc.get() != row.record.scanned_loc.get()) {
+          stored.seen[ref.loc].insert(row.record.scanned_loc);
+        }
+      }
     }
   });
   return stored;
@@ -83,7 +91,7 @@ CIndexPlan MakeIndexPlan(CSqliteAnalysisDb& db, const CFoundFiles& found) {
     times.Set(file.loc, file.disk_mtime);
   }
   const CScansDoneDict scans_done = times.empty() ? CScansDoneDict() : db.GetScansDone(times);
-  CLocSet changed;
+  CLocSet changed;  // or removed
   for (const CFoundFile& file : found.files) {
     if (IsAllDone(scans_done, file.loc)) {
       ++plan.unchanged;
@@ -94,22 +102,27 @@ CIndexPlan MakeIndexPlan(CSqliteAnalysisDb& db, const CFoundFiles& found) {
   }
 
   const CStored stored = ReadStored(db);
+  CLocSet again;
   for (const Loc loc : stored.files) {
     if (const auto path = PathForLocation(loc);
         path && !times.Contains(loc) && IsBelow(*path, found.paths) && IsGone(*path)) {
       ++plan.removed;
       changed.insert(loc);
       plan.to_clear.push_back(loc);
+      if (const auto seen = stored.seen.find(loc); seen != stored.seen.end()) {
+        again.insert(seen->second.begin(), seen->second.end());
+      }
     }
   }
 
-  CLocSet again;
   for (const auto& [loc, sources] : stored.from) {
     const bool is_stale = std::any_of(sources.begin(), sources.end(), [&](Loc source) {
       const auto path = PathForLocation(source);
       return changed.contains(source) || (path && IsBelow(*path, found.paths) && IsGone(*path));
     });
-    if (is_stale && !changed.contains(loc)) {
+    if (is_stale) {
+      // Also of a file that is scanned anyway: if it is there at its old time, after a run that was
+      // cut short, saving it keeps the rows of others.
       plan.to_clear.push_back(loc);
       again.insert(loc);
     }

@@ -1,0 +1,261 @@
+// The indexer and its check, over real files in a folder of the test's own.
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+#include "pysource/scopeinfo/records/scopeinfo.h"
+#include "pysource/standalone/engine/filerows.h"
+#include "pysource/standalone/engine/findfiles.h"
+#include "pysource/standalone/engine/indexcheck.h"
+#include "pysource/standalone/engine/indexer.h"
+#include "pysource/standalone/engine/reader.h"
+#include "tests/fakes/random.h"
+
+namespace pysource::standalone {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+class IndexTest : public ::testing::Test {
+ protected:
+  IndexTest() {
+    std::string pattern = fs::temp_directory_path() / "scopeinfo_index_XXXXXX";
+    _fFolder = mkdtemp(pattern.data());
+    fs::create_directory(Path("tree"));
+    OpenDb();
+  }
+  ~IndexTest() override {
+    _fDb.reset();
+    fs::remove_all(_fFolder);
+  }
+
+  void OpenDb() {
+    _fDb.reset();
+    _fDb =
+        std::make_unique<CSqliteAnalysisDb>(CSqliteDbOptions{Path("index.db"), "", 1}, _fLocCache);
+  }
+
+  std::string Path(const std::string& name) const { return _fFolder + "/" + name; }
+  // Each write has a time of its own, whatever the clock of the file system.
+  void Write(const std::string& name, const std::string& source) {
+    std::ofstream(Path("tree/" + name)) << source;
+    const timespec times[2] = {{++_fNow, 0}, {_fNow, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, Path("tree/" + name).c_str(), times, 0), 0);
+  }
+  void Remove(const std::string& name) { fs::remove(Path("tree/" + name)); }
+
+  CFoundFiles Find() { return FindPythonFiles({Path("tree")}, _fLocCache); }
+  CIndexReport Index(const std::function<bool()>& is_cancelled = nullptr) {
+    const CFoundFiles found = Find();
+    return CIndexer(*_fDb, _fLocCache).Run({found, 2, nullptr, is_cancelled});
+  }
+  CCheckReport Check() {
+    const CFoundFiles found = Find();
+    return CheckIndex(*_fDb, _fLocCache, {found, 2, nullptr, nullptr});
+  }
+  // Nothing is missing, wrong or left over.
+  void ExpectExact() {
+    const CCheckReport report = Check();
+    EXPECT_EQ(report.files, Find().files.size());
+    EXPECT_EQ(report.equal, report.records);
+    EXPECT_EQ(report.from_elsewhere, 0U);
+    for (const CPathNote& note : report.differences) {
+      ADD_FAILURE() << note.path << ": " << note.text;
+    }
+  }
+
+  std::string _fFolder;
+  time_t _fNow = 1700000000;
+  CLocationCache _fLocCache;
+  std::unique_ptr<CSqliteAnalysisDb> _fDb;
+};
+
+// Files come, change and go, set attributes on each other's modules, and runs are cut short; after
+// each whole run the database must be what a fresh scan of everything makes.
+TEST_F(IndexTest, RandomChangesLeaveTheDatabaseAsAFreshScanMakesIt) {
+  fakes::CRandom random;
+  constexpr size_t kFiles = 6;
+  const auto name_of = [](size_t i) { return "m" + std::to_string(i) + ".py"; };
+  const auto write = [&](size_t i) {
+    std::string source = "class C" + std::to_string(i) + ":\n  def __init__(self):\n    self.a" +
+                         std::to_string(random.Below(3)) + " = 1\n";
+    for (size_t k = random.Below(4); k > 0; --k) {
+      const std::string other = "m" + std::to_string(random.Below(kFiles));
+      source += random.OneIn(4) ? "from " + other + " import *\n"
+                                : "import " + other + "\n" + other + ".b" +
+                                      std::to_string(random.Below(3)) + " = 'x'\n";
+    }
+    Write(name_of(i), source);
+  };
+  std::vector<size_t> alive;
+  for (size_t i = 0; i < kFiles; ++i) {
+    alive.push_back(i);
+    write(i);
+  }
+  size_t rows_for_others = 0;
+  for (int step = 0; step < 60; ++step) {
+    SCOPED_TRACE(step);
+    if (random.OneIn(12) && alive.size() > 2) {
+      // It stays away: see the header on files that come into being.
+      const size_t which = random.Below(alive.size());
+      Remove(name_of(alive[which]));
+      alive.erase(alive.begin() + static_cast<ptrdiff_t>(which));
+    } else {
+      write(random.Of(alive));
+    }
+    if (random.OneIn(4)) {
+      std::atomic<int> left(static_cast<int>(random.Below(4)));
+      Index([&left] { return left-- <= 0; });
+      write(random.Of(alive));
+    }
+    const CIndexReport report = Index();
+    ASSERT_THAT(report.not_stored, IsEmpty());
+    ASSERT_EQ(report.scanned + report.unchanged, alive.size());
+    ExpectExact();
+    ASSERT_FALSE(HasFailure());
+    _fDb->VisitAllRecords([&](const CStoredRow& row) {
+      rows_for_others += row.record.for_loc == row.record.scanned_loc ? 0 : 1;
+    });
+    const CIndexReport again = Index();
+    ASSERT_EQ(again.scanned, 0U);
+    ASSERT_EQ(again.unchanged, alive.size());
+  }
+  EXPECT_GT(rows_for_others, 0U) << "the walk has to meet what it is about";
+}
+
+TEST_F(IndexTest, TheCheckFindsEachKindOfDifference) {
+  Write("a.py", "import b\nb.x = 1\nclass C(b.B):\n  pass\n");
+  Write("b.py", "class B:\n  pass\n");
+  ASSERT_THAT(Index().not_stored, IsEmpty());
+  ExpectExact();
+
+  const Loc a = _fLocCache.GetLocationForPath(Path("tree/a.py"));
+  const Loc b = _fLocCache.GetLocationForPath(Path("tree/b.py"));
+  const auto time_of = [this](const char* name) {
+    CScopeReader reader(_fDb.get(), _fLocCache);
+    reader.Open(Path(std::string("tree/") + name));
+    return reader.GetDiskTime();
+  };
+  const auto rows_of = [&](Loc loc, const char* name) {
+    return _fDb->ReadScopeDataRecords(loc, {Text(kNamesScan), Text(kAttrsScan)}, {"*"},
+                                      time_of(name));
+  };
+  struct {
+    const char* what;
+    const char* expected;
+    std::function<void(std::vector<CDatabaseRecord>& of_a, std::vector<CDatabaseRecord>& of_b)>
+        damage;
+  } const kCases[] = {
+      {"a row is lost", "is not stored", [](auto& of_a, auto&) { of_a.pop_back(); }},
+      {"another file's row is lost", "is not stored",
+       [&](auto&, auto& of_b) {
+         std::erase_if(of_b, [&](const CDatabaseRecord& row) { return row.scanned_loc == a; });
+       }},
+      {"a row is there that no scan makes", "no scan finds it",
+       [](auto& of_a, auto&) { of_a.front().for_scope = of_a.front().scanned_scope.emplace("D"); }},
+      {"the bytes are those of another record", "differs in its bytes",
+       [](auto& of_a, auto& of_b) { of_a.front().data = of_b.front().data; }},
+      {"the bytes are no record", "cannot be decoded",
+       [](auto& of_a, auto&) { of_a.front().data = "\x01\x02\x03"; }},
+      {"the classes differ", "classes or imports",
+       [](auto& of_a, auto&) { of_a.front().class_equivs += ";:cX()"; }},
+      {"the files seen differ", "files seen",
+       [](auto& of_a, auto&) { of_a.front().scopes_seen = nullptr; }},
+  };
+  for (const auto& test : kCases) {
+    SCOPED_TRACE(test.what);
+    std::vector<CDatabaseRecord> of_a = rows_of(a, "a.py");
+    std::vector<CDatabaseRecord> of_b = rows_of(b, "b.py");
+    const auto good_a = of_a;
+    const auto good_b = of_b;
+    const auto store = [&](const auto& rows_of_a, const auto& rows_of_b) {
+      ASSERT_TRUE(_fDb->ClearInfoForFiles({a, b}));
+      ASSERT_TRUE(_fDb->SaveDataForFile(a, rows_of_a, kAllScansDone, time_of("a.py")));
+      ASSERT_TRUE(_fDb->SaveDataForFile(b, rows_of_b, kAllScansDone, time_of("b.py")));
+    };
+    test.damage(of_a, of_b);
+    store(of_a, of_b);
+    const CCheckReport report = Check();
+    EXPECT_THAT(report.differences,
+                ::testing::Contains(::testing::Field(&CPathNote::text, HasSubstr(test.expected))));
+    store(good_a, good_b);
+    ExpectExact();
+  }
+}
+
+TEST_F(IndexTest, AFileThatVanishesOnTheWayIsNamedAndTheOthersAreStored) {
+  for (int i = 0; i < 20; ++i) {
+    Write("m" + std::to_string(i) + ".py", "x = 1\n");
+  }
+  const CFoundFiles found = Find();
+  Remove("m7.py");
+  const CIndexReport report = CIndexer(*_fDb, _fLocCache).Run({found, 2, nullptr, nullptr});
+  EXPECT_EQ(report.scanned, 19U);
+  ASSERT_THAT(report.unreadable, SizeIs(1));
+  EXPECT_EQ(report.unreadable[0].path, Path("tree/m7.py"));
+  ExpectExact();
+}
+
+TEST_F(IndexTest, ARunGivesUpOnADatabaseThatRefusesAndTheNextOneMakesUpForIt) {
+  for (int i = 0; i < 20; ++i) {
+    Write("m" + std::to_string(i) + ".py", "x = 1\n");
+  }
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open(Path("index.db").c_str(), &other), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+  const CIndexReport refused = Index();
+  EXPECT_EQ(refused.scanned, 0U);
+  EXPECT_FALSE(refused.cancelled);
+  ASSERT_THAT(refused.not_stored, SizeIs(3));
+  EXPECT_THAT(refused.not_stored[0].text, HasSubstr("index.db"));
+  sqlite3_close(other);
+
+  EXPECT_EQ(Index().scanned, 20U);
+  ExpectExact();
+}
+
+// The answers of the database and those of a scan on the spot are the same, scope by scope.
+TEST_F(IndexTest, TheReaderAnswersAlikeFromBothItsSources) {
+  const std::string folder = std::string(SCOPEINFO_SOURCE_DIR) + "/examples/notebook";
+  for (const char* name : {"model.py", "store.py", "commands.py", "settings.pyi"}) {
+    fs::copy_file(folder + "/" + name, Path(std::string("tree/") + name));
+  }
+  Index();
+  size_t scopes = 0;
+  for (const CFoundFile& file : Find().files) {
+    CScopeReader stored(_fDb.get(), _fLocCache);
+    CScopeReader scanned(nullptr, _fLocCache);
+    ASSERT_EQ(stored.Open(file.path), CScopeReader::ESource::kDatabase);
+    ASSERT_EQ(scanned.Open(file.path), CScopeReader::ESource::kScan);
+    ASSERT_EQ(stored.GetScopeNames(), scanned.GetScopeNames());
+    for (const Text& scope : stored.GetScopeNames()) {
+      const auto a = stored.GetMergedInfo(scope);
+      const auto b = scanned.GetMergedInfo(scope);
+      ASSERT_TRUE(a != nullptr && b != nullptr) << scope;
+      EXPECT_EQ(a->type_equivs, b->type_equivs) << scope;
+      EXPECT_EQ(a->scope_ibytes, b->scope_ibytes) << scope;
+      EXPECT_EQ(a->inst_type_equivs.value_or(CStrDict()), b->inst_type_equivs.value_or(CStrDict()))
+          << scope;
+      ++scopes;
+    }
+    EXPECT_EQ(stored.GetMergedInfo("no such scope"), nullptr);
+  }
+  EXPECT_GT(scopes, 25U);
+}
+
+}  // namespace
+}  // namespace pysource::standalone
