@@ -64,8 +64,9 @@ class CMemoryAnalysisDb final : public CAnalysisDb {
   // So many of the next saves, or clears, answer false and change nothing.
   int fFailSaves = 0;
   int fFailClears = 0;
-  // So many of the next reads (of any kind) throw CValueError.
+  // So many of the next reads (of any kind) throw CValueError, after so many that go well.
   int fFailReads = 0;
+  int fGoodReads = 0;
   // The next check finds that the database was replaced, and tells of every file.
   bool fReplaced = false;
 

@@ -1,0 +1,120 @@
+#include "tests/fakes/cachehost.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "pysource/host/repr.h"
+
+namespace pysource::fakes {
+namespace {
+
+Text NameOf(Loc loc) { return loc->fUrl.substr(loc->fUrl.rfind('/') + 1); }
+
+template <class Items>
+Text Joined(const Items& items) {
+  Text joined;
+  for (const Text& item : items) {
+    joined += (joined.empty() ? "" : ", ") + (item.empty() ? "''" : item);
+  }
+  return "{" + joined + "}";
+}
+
+}  // namespace
+
+Text EventText(const CChangedDict& changed) {
+  std::set<Text> files;
+  for (const auto& [loc, scopes] : changed) {
+    files.insert(NameOf(loc) + ": " + Joined(std::set<Text>(scopes->begin(), scopes->end())));
+  }
+  return "scopes-modified " + Joined(files);
+}
+
+Text EventText(const CNeedsScanSet& needs_scan, Priority priority) {
+  std::set<Text> scans;
+  for (const CNeedsScan& scan : needs_scan) {
+    scans.insert("(" + NameOf(scan.scanned_loc) + ", " + scan.scanned_scope + ", " +
+                 scan.scan_name + ")");
+  }
+  return "needs-scan-added " + Joined(scans) + " " + Repr(priority);
+}
+
+CCacheHost::CCacheHost(CWorld& world) : fWorld(world) {
+  world.fSingletons.fSavableMgr = &fSavableMgr;
+  world.fSingletons.fCacheMgr = &fCacheMgr;
+  world.fSingletons.fAnalysisMgr = &fManager;
+  fManager.fAnalysisFactory = &fFactory;
+}
+
+CCacheHost::~CCacheHost() {
+  Stop();
+  fWorld.fSingletons.fSavableMgr = nullptr;
+  fWorld.fSingletons.fCacheMgr = nullptr;
+  fWorld.fSingletons.fAnalysisMgr = nullptr;
+}
+
+void CCacheHost::Stop() {
+  fCache.reset();
+  fManager = {nullptr, &fFactory, nullptr};
+  fDb.reset();
+}
+
+void CCacheHost::Restart(scopeinfo::CInfoCacheLimits limits) {
+  Stop();
+  fDb = std::make_unique<CMemoryAnalysisDb>(fStore);
+  fManager.fAnalysisDb = fDb.get();
+  fCache = std::make_unique<COpenInfoCache>(&fManager, &fLocCache, limits);
+  fManager.fInfoCache = fCache.get();
+  fCache->SetScanNames({":names", ":attrs"});
+  const auto note = [this](Text text) {
+    fEvents.push_back(std::move(text));
+    if (fOnEvent) {
+      fOnEvent();
+    }
+  };
+  fCache->connect(kScopesModified, [note](CInfoCacheBase&, const CChangedDict& changed) {
+    note(EventText(changed));
+  });
+  fCache->connect(kNeedsScanAdded,
+                  [note](CInfoCacheBase&, const CNeedsScanSet& needs_scan, Priority priority) {
+                    note(EventText(needs_scan, priority));
+                  });
+}
+
+Loc CCacheHost::File(TextView name) {
+  const Loc loc = fLocCache.GetLocation("file:///src/" + Text(name));
+  fSavableMgr.fTimes.emplace(loc, 2.0);
+  return loc;
+}
+
+CCapturedOutput::CCapturedOutput() : _fFile(std::tmpfile()), _fStdout(dup(STDOUT_FILENO)) {
+  std::fflush(stdout);
+  dup2(fileno(_fFile), STDOUT_FILENO);
+}
+
+CCapturedOutput::~CCapturedOutput() {
+  std::fflush(stdout);
+  dup2(_fStdout, STDOUT_FILENO);
+  close(_fStdout);
+  std::fclose(_fFile);
+}
+
+std::vector<Text> CCapturedOutput::Take() {
+  std::fflush(stdout);
+  const off_t size = lseek(STDOUT_FILENO, 0, SEEK_CUR);
+  std::vector<Text> lines;
+  if (size <= 0) {
+    return lines;
+  }
+  Text all(static_cast<size_t>(size), '\0');
+  EXPECT_EQ(pread(STDOUT_FILENO, all.data(), all.size(), 0), size);
+  EXPECT_EQ(ftruncate(STDOUT_FILENO, 0), 0);
+  lseek(STDOUT_FILENO, 0, SEEK_SET);
+  for (size_t start = 0, end = 0; start < all.size(); start = end + 1) {
+    end = std::min(all.find('\n', start), all.size());
+    lines.push_back(all.substr(start, end - start));
+  }
+  return lines;
+}
+
+}  // namespace pysource::fakes

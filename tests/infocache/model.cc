@@ -1,0 +1,1578 @@
+#include "tests/infocache/model.h"
+
+#include <algorithm>
+
+#include "pysource/host/assertions.h"
+#include "pysource/host/repr.h"
+#include "pysource/host/symbolinfo.h"
+#include "pysource/scopeinfo/records/vocabulary.h"
+
+namespace pysource::scopeinfo {
+namespace {
+
+constexpr DiskTime kEdited = -1.0;
+constexpr DiskTime kMissing = 0.0;
+
+Loc ForLoc(const CModel::Key& key) { return std::get<0>(key); }
+const Text& ForScope(const CModel::Key& key) { return std::get<1>(key); }
+const Text& Scan(const CModel::Key& key) { return std::get<2>(key); }
+Loc ScannedLoc(const CModel::Key& key) { return std::get<3>(key); }
+const Text& ScannedScope(const CModel::Key& key) { return std::get<4>(key); }
+CModel::Triple TripleOf(const CModel::Key& key) {
+  return {ScannedLoc(key), ScannedScope(key), Scan(key)};
+}
+Text Url(Loc loc) { return loc->Repr(); }
+
+bool IsFilteredIn(const CModel::Names* names, const Text& name) {
+  return names == nullptr || names->contains("*") || names->contains(name);
+}
+
+}  // namespace
+
+CModel::CModel(fakes::CCacheHost& host, fakes::CMemoryAnalysisDb& db, CInfoCacheLimits limits)
+    : fHost(host), fDb(db), fLimits(limits) {}
+
+std::map<Bytes, CModel::CContent>& CModel::Contents() {
+  static std::map<Bytes, CContent> contents;
+  return contents;
+}
+
+Text CModel::TextOf(const Key& key) {
+  return CScopeInfoKey(ForLoc(key), ForScope(key), Scan(key), ScannedLoc(key), ScannedScope(key))
+      .Repr();
+}
+
+void CModel::Check(bool holds) const {
+  if (!holds && AssertionsActive()) {
+    throw CAssertionFailed();
+  }
+}
+
+// ---- Keys.
+
+CModel::KeySet CModel::Keys(const KeySet& of, Loc for_loc, const Names* scopes) const {
+  KeySet keys;
+  for (const Key& key : of) {
+    if (ForLoc(key) == for_loc && IsFilteredIn(scopes, ForScope(key))) {
+      keys.insert(key);
+    }
+  }
+  return keys;
+}
+
+CModel::KeySet CModel::ScannedKeys(const KeySet& of, Loc scanned_loc, const Names* scopes,
+                                   const Names* scans) const {
+  KeySet keys;
+  for (const Key& key : of) {
+    if (ScannedLoc(key) == scanned_loc && IsFilteredIn(scopes, ScannedScope(key)) &&
+        IsFilteredIn(scans, Scan(key))) {
+      keys.insert(key);
+    }
+  }
+  return keys;
+}
+
+size_t CModel::ToWriteCount(Loc loc, const Text& scope) const {
+  const Names names{scope};
+  return Keys(W, loc, &names).size();
+}
+
+void CModel::AddKey(const Key& key, const Info& info, bool remove_needs_scan) {
+  M.insert(key);
+  if (remove_needs_scan) {
+    N.erase(key);
+  }
+  UpdateExisting(key, info);
+}
+
+void CModel::RemoveKey(const Key& key) {
+  for (KeySet* set : {&M, &N, &D, &W, &C}) {
+    set->erase(key);
+  }
+  fExisting.erase(key);
+  fDependentScans[key] = {};
+}
+
+void CModel::AddNeedsScan(const Key& key) {
+  if (M.contains(key)) {
+    W.erase(key);
+    C.erase(key);
+    N.insert(key);
+  }
+}
+
+void CModel::AddToWrite(const Key& key) {
+  Check(M.contains(key));
+  D.erase(key);
+  W.insert(key);
+}
+
+void CModel::UpdateExisting(const Key& key, const Info& info) {
+  if (info == nullptr) {
+    fExisting.erase(key);
+    return;
+  }
+  fExisting[key] = info;
+  if (info->seen != nullptr) {
+    fDependentScans[key] = {};
+    for (const auto& [ref, mtime] : *info->seen) {
+      fDependentScans[key].insert({ref.loc, ref.scope});
+    }
+  }
+}
+
+CModel::KeySet CModel::DependentKeys(Loc loc, const Text& scope) const {
+  KeySet keys;
+  for (const auto& [key, refs] : fDependentScans) {
+    for (const Ref& ref : refs) {
+      if (ref.first == loc && (ref.second == scope || ref.second == "*" || scope == "*")) {
+        keys.insert(key);
+      }
+    }
+  }
+  return keys;
+}
+
+// ---- One file.
+
+void CModel::ClearAllInfo(CFile& file, bool clear_db) {
+  file.primary.clear();
+  file.records.clear();
+  for (const Key& key : Keys(M, file.loc)) {
+    RemoveKey(key);
+  }
+  file.clear_db = file.clear_db || clear_db;
+  UpdateUnread(file);
+}
+
+void CModel::UpdateUnread(CFile& file) {
+  file.unread.clear();
+  for (const Text& name : file.all_db) {
+    if (!file.records.contains(name)) {
+      file.unread.insert(name);
+    }
+  }
+}
+
+void CModel::SetScansDone(CFile& file, const Text& done) {
+  if (done != file.done) {
+    file.done = done;
+    file.done_unwritten = true;
+  }
+}
+
+bool CModel::IsDone(const CFile& file, const Text& scan) const {
+  return file.done.find(scan) != Text::npos;
+}
+
+void CModel::UpdateDiskMtime(CFile& file, DiskTime mtime, std::map<Loc, KeySet>& keys_dict) {
+  const DiskTime old = file.mtime;
+  if (mtime == old) {
+    return;
+  }
+  file.mtime = mtime;
+  file.all_db.clear();
+  UpdateUnread(file);
+  for (const Key& key : Keys(D, file.loc)) {
+    D.erase(key);
+  }
+  if (mtime != kEdited && old != kEdited) {
+    const KeySet keys = ScannedKeys(M, file.loc);
+    for (const Key& key : keys) {
+      AddNeedsScan(key);
+    }
+    if (!keys.empty()) {
+      keys_dict[file.loc] = keys;
+    }
+    SetScansDone(file, "");
+    return;
+  }
+  if (mtime != kEdited) {
+    for (const Key& key : Keys(M, file.loc)) {
+      if (!N.contains(key)) {
+        AddToWrite(key);
+      }
+    }
+  }
+  for (const auto& [scope, info] : file.primary) {
+    info->mtime = mtime;
+  }
+  for (const auto& [scope, records] : file.records) {
+    for (const CRecord& record : records) {
+      if (record.seen != nullptr) {
+        for (auto& [ref, time] : *record.seen) {
+          if (ref.loc == file.loc && static_cast<float>(time) == old) {
+            time = mtime;
+          }
+        }
+      }
+    }
+  }
+}
+
+size_t CModel::Count(const CFile& file, const Text& scope) const {
+  const auto records = file.records.find(scope);
+  return records == file.records.end() ? 0 : records->second.size();
+}
+
+CModel::Names CModel::AllNames(const CFile& file) const {
+  Names names = file.mtime == kEdited ? Names() : file.unread;
+  for (const auto& [scope, records] : file.records) {
+    names.insert(scope);
+  }
+  return names;
+}
+
+bool CModel::CheckScopesSeen(const CFile& file, const CScopesSeenDict& seen) {
+  for (const auto& [ref, mtime] : seen) {
+    const File found = Find(ref.loc);
+    const DiskTime now = found != nullptr      ? found->mtime
+                         : ref.loc == file.loc ? file.mtime
+                                               : GetPerFile(ref.loc, true)->mtime;
+    if (now != mtime) {
+      return false;
+    }
+  }
+  return true;
+}
+
+const CModel::CInfo CModel::Decode(const CFile& file, const CRecord& record) const {
+  const Bytes encoded = record.data.substr(0, record.data.find('\0'));
+  return {record.key, Contents().at(encoded), file.mtime, record.incomplete, nullptr, encoded};
+}
+
+std::optional<std::vector<CModel::Info>> CModel::ListToMerge(CFile& file, const Text& scope,
+                                                             std::set<Ref>& seen,
+                                                             NeedsDict& needs_scan) {
+  if (!file.records.contains(scope)) {
+    return std::nullopt;
+  }
+  std::vector<Info> list;
+  Info primary;
+  for (const CRecord& record : file.records[scope]) {
+    if (record.seen != nullptr) {
+      for (const auto& [ref, time] : *record.seen) {
+        seen.insert({ref.loc, ref.scope});
+      }
+    }
+    const Ref scanned{ScannedLoc(record.key), ScannedScope(record.key)};
+    Info info;
+    if (N.contains(record.key)) {
+      needs_scan[scanned].insert(Scan(record.key));
+    } else if (fExisting.contains(record.key)) {
+      info = fExisting[record.key];
+    } else if (record.seen == nullptr || CheckScopesSeen(file, *record.seen)) {
+      info = std::make_shared<CInfo>(Decode(file, record));
+      UpdateExisting(record.key, info);
+    } else {
+      AddNeedsScan(record.key);
+      needs_scan[scanned].insert(Scan(record.key));
+      ++fRoadsTaken[0];
+    }
+    if (info == nullptr || info->content.missing) {
+      continue;
+    }
+    if (scanned.second == scope && Scan(record.key) == Primary()) {
+      if (primary == nullptr) {
+        primary = info;
+        file.primary[scope] = info;
+        list.insert(list.begin(), info);
+      }
+      seen.insert({file.loc, scope});
+    } else {
+      list.push_back(info);
+    }
+  }
+  if (primary == nullptr) {
+    needs_scan[{file.loc, scope}].insert(Primary());
+    return std::nullopt;
+  }
+  return list;
+}
+
+bool CModel::Store(CFile& file, const Info& info) {
+  Learn(*info);
+  Bytes classes;
+  Bytes imports;
+  const auto append = [](Bytes& to, BytesView item) { (to += to.empty() ? "" : ";") += item; };
+  if (ForScope(info->key) == ScannedScope(info->key)) {
+    for (const auto& [name, eq] : info->content.equivs) {
+      const bool is_class = eq.find(":c") != Bytes::npos;
+      const bool is_import = eq.find(":i") != Bytes::npos || eq.find(":f") != Bytes::npos;
+      const bool is_list = eq.find(';') != Bytes::npos;
+      for (const BytesView item : NonNestedSplit(eq, ';')) {
+        if (is_class && (!is_list || item.starts_with(":c"))) {
+          append(classes, item);
+        } else if (!is_class && is_import &&
+                   (!is_list || item.starts_with(":i") || item.starts_with(":f"))) {
+          append(imports, item);
+        }
+      }
+    }
+  }
+  return SetRecord(file, info->key, info->encoded, classes, imports, true, info->seen,
+                   info->incomplete, info);
+}
+
+bool CModel::SetRecord(CFile& file, const Key& key, const Bytes& data, const Bytes& classes,
+                       const Bytes& imports, bool needs_db_write, const CScopesSeenPtr& seen,
+                       bool incomplete, const Info& info) {
+  const Bytes zero(1, '\0');
+  const CRecord fresh{key,
+                      data + zero + classes + zero + imports + zero + (needs_db_write ? "1" : "0"),
+                      seen, incomplete};
+  const bool had_list = file.records.contains(ForScope(key));
+  std::vector<CRecord>& records = file.records[ForScope(key)];
+  if (!had_list) {
+    file.unread.erase(ForScope(key));
+  }
+  for (CRecord& record : records) {
+    if (record.key != key) {
+      continue;
+    }
+    const Bytes old = record.data;
+    record = fresh;
+    const bool modified =
+        old.substr(0, old.size() - 1) != fresh.data.substr(0, fresh.data.size() - 1);
+    AddKey(key, info, true);
+    if (file.mtime != kEdited && (modified || !D.contains(key))) {
+      AddToWrite(key);
+    }
+    return modified;
+  }
+  records.push_back(fresh);
+  AddKey(key, info, true);
+  if (ValidOnDiskMtime(file.mtime) && !D.contains(key)) {
+    AddToWrite(key);
+  }
+  return true;
+}
+
+bool CModel::RemoveRecords(CFile& file, const Text& scan, const Text& scope, Loc scanned_loc,
+                           const Text& scanned_scope) {
+  if (!file.records.contains(scope)) {
+    return false;
+  }
+  std::vector<CRecord>& records = file.records[scope];
+  for (size_t i = 0; i < records.size(); ++i) {
+    const Key key = records[i].key;
+    if (ScannedLoc(key) == scanned_loc && ScannedScope(key) == scanned_scope &&
+        (scan == "*" || scan == Scan(key))) {
+      records.erase(records.begin() + static_cast<ptrdiff_t>(i));
+      RemoveKey(key);
+      return true;
+    }
+  }
+  return false;
+}
+
+// ---- Files.
+
+CModel::File CModel::Find(Loc loc) const {
+  for (const auto& [each, file] : fFiles) {
+    if (each == loc) {
+      return file;
+    }
+  }
+  return nullptr;
+}
+
+CModel::File CModel::GetPerFile(Loc loc, bool create) {
+  File file = Find(loc);
+  if (file == nullptr) {
+    if (!create) {
+      return nullptr;
+    }
+    file = std::make_shared<CFile>();
+    file->loc = loc;
+    file->mtime = GetDiskMTime(loc);
+    file->db_changed = file->mtime != kEdited;
+    fFiles.emplace_back(loc, file);
+    fWatched.insert(loc);
+  }
+  if (!ValidOnDiskMtime(file->mtime) || !file->db_changed) {
+    return file;
+  }
+  file->db_changed = false;
+  const std::vector<Text> names = fDb.ReadScopeNames(loc, Primary(), file->mtime);
+  file->all_db = Names(names.begin(), names.end());
+  UpdateUnread(*file);
+  if (file->all_db.empty()) {
+    SetScansDone(*file, "");
+  } else {
+    CLocMtimeDict time;
+    time.Set(loc, file->mtime);
+    const CScansDoneDict done = fDb.GetScansDone(time);
+    file->done = done.Find(loc) == nullptr ? "" : *done.Find(loc);
+    if (IsDone(*file, Primary()) && !file->all_db.contains("")) {
+      Print("_GetPerFile(" + Url(loc) + "): no top level module scope in all_db_scope_names");
+      Print("  all_db_scope_names = " + Repr(file->all_db));
+      Print("  fScansDone = " + Repr(file->done));
+      SetScansDone(*file, "");
+      ++fRoadsTaken[1];
+    }
+  }
+  file->done_unwritten = false;
+  return file;
+}
+
+bool CModel::HasModifiedBuffer(Loc loc) {
+  const auto buffer = fHost.fCacheMgr.fBuffers.find(loc);
+  return buffer != fHost.fCacheMgr.fBuffers.end() && buffer->second.fModified;
+}
+
+DiskTime CModel::GetDiskMTime(Loc loc) {
+  if (const auto buffer = fHost.fCacheMgr.fBuffers.find(loc);
+      buffer != fHost.fCacheMgr.fBuffers.end()) {
+    return buffer->second.fModified ? kEdited : buffer->second.fModTime;
+  }
+  const fakes::CFakeLocation& fake = fakes::CCacheHost::Fake(loc);
+  return fake.fAsync && fake.fInspectTime == 0 ? 1.0 : fHost.TimeOf(loc);
+}
+
+std::vector<Loc> CModel::GetSecondaryFiles(Loc loc) {
+  if (!fSecondary.contains(loc)) {
+    fSecondary[loc] = fHost.fFactory.fSecondary[loc];
+    for (const Loc other : fSecondary[loc]) {
+      fReverseSecondary[other].insert(loc);
+    }
+  }
+  return fSecondary[loc];
+}
+
+void CModel::SetScanNames(std::vector<Text> names) {
+  fScanNames = std::move(names);
+  Clear();
+}
+
+// ---- Reading.
+
+bool CModel::IsContentThere(const CFile& file) const {
+  return file.mtime == kEdited || fakes::CCacheHost::Fake(file.loc).fExists;
+}
+
+void CModel::ReadSecondary(Loc other, CFile& other_file, const Text& scope, NeedsDict& needs_scan) {
+  if (other_file.unread.contains(scope)) {
+    ReadList(other_file, {scope});
+  }
+  if (Count(other_file, scope) == 0 && !IsDone(other_file, Primary()) &&
+      fakes::CCacheHost::Fake(other).fExists) {
+    needs_scan[{other, scope}].insert(Primary());
+  }
+}
+
+CModel::Merged CModel::GetScopeInfo(Loc loc, const Text& scope, bool merge_secondary,
+                                    NeedsDict* needs_scan_dict) {
+  const File file = GetPerFile(loc, true);
+  const std::vector<Loc> others = merge_secondary ? GetSecondaryFiles(loc) : std::vector<Loc>();
+  const MergedKey key{loc, scope, others};
+  for (size_t i = 0; i < fMerged.size(); ++i) {
+    if (fMerged[i].key == key) {
+      const CMergedEntry hit = fMerged[i];
+      fMerged.erase(fMerged.begin() + static_cast<ptrdiff_t>(i));
+      fMerged.push_front(hit);
+      if (needs_scan_dict != nullptr) {
+        *needs_scan_dict = hit.needs;
+      }
+      MarkReturned({loc, scope});
+      hit.value->mtime = file->mtime;
+      ++fRoadsTaken[2];
+      return hit.value;
+    }
+  }
+  std::set<Ref> seen;
+  NeedsDict own;
+  NeedsDict& needs_scan = needs_scan_dict == nullptr ? own : *needs_scan_dict;
+  if (Count(*file, scope) == 0) {
+    if (file->unread.contains(scope)) {
+      ReadList(*file, {scope});
+    } else {
+      bool in_no_file = true;
+      if (!IsDone(*file, Primary()) && IsContentThere(*file)) {
+        needs_scan[{loc, scope}].insert(Primary());
+      }
+      if (scope.empty() && IsDone(*file, Primary()) && IsContentThere(*file)) {
+        Print("GetScopeInfo(" + Url(loc) +
+              ", ''): top level module scope not read when primary scan is done");
+        Print("  scans_done = " + Repr(file->done));
+        Print("  all_db_scope_names = " + Repr(file->all_db));
+        needs_scan[{loc, scope}].insert(Primary());
+        ++fRoadsTaken[3];
+      }
+      for (const Loc other : others) {
+        const File other_file = GetPerFile(other, true);
+        if (Count(*other_file, scope) != 0) {
+          in_no_file = false;
+          continue;
+        }
+        in_no_file = in_no_file && !other_file->unread.contains(scope);
+        ReadSecondary(other, *other_file, scope, needs_scan);
+      }
+      if (in_no_file) {
+        return nullptr;
+      }
+    }
+  }
+  std::optional<std::vector<Info>> list = ListToMerge(*file, scope, seen, needs_scan);
+  for (const Loc other : others) {
+    const File other_file = GetPerFile(other, true);
+    if (Count(*other_file, scope) == 0) {
+      ReadSecondary(other, *other_file, scope, needs_scan);
+    }
+    const auto other_list = ListToMerge(*other_file, scope, seen, needs_scan);
+    if (other_list && list) {
+      list->insert(list->end(), other_list->begin(), other_list->end());
+      ++fRoadsTaken[4];
+    } else if (other_list) {
+      list = other_list;
+    }
+  }
+  if (!list) {
+    return nullptr;
+  }
+  const Merged merged = std::make_shared<CMerged>(CMerged{*list, list->front()->mtime});
+  for (const auto& [ref, scans] : needs_scan) {
+    seen.insert(ref);
+  }
+  fMerged.push_front({key, merged, needs_scan, seen});
+  if (static_cast<ptrdiff_t>(fMerged.size()) > fLimits.kMaxInfoCount &&
+      std::count(fIdles.begin(), fIdles.end(), Idle::kMergedTrim) == 0) {
+    fIdles.push_back(Idle::kMergedTrim);
+  }
+  MarkReturned({loc, scope});
+  return merged;
+}
+
+std::vector<CModel::Merged> CModel::GetMultipleScopeInfos(Loc loc,
+                                                          const std::vector<Text>& scopes) {
+  const File file = GetPerFile(loc, true);
+  Names wanted;
+  for (const Text& scope : scopes) {
+    if (!file->records.contains(scope)) {
+      wanted.insert(scope);
+    }
+  }
+  if (!wanted.empty()) {
+    ReadList(*file, {wanted.begin(), wanted.end()});
+  }
+  std::vector<Merged> result;
+  for (const Text& scope : scopes) {
+    result.push_back(GetScopeInfo(loc, scope, true, nullptr));
+  }
+  return result;
+}
+
+CModel::Names CModel::GetAllScopeNames(Loc loc, bool instances, bool secondary) {
+  Names names = AllNames(*GetPerFile(loc, true));
+  if (secondary) {
+    for (const Loc other : GetSecondaryFiles(loc)) {
+      names.merge(GetAllScopeNames(other, false, false));
+    }
+  }
+  if (!instances) {
+    std::erase_if(names, [](const Text& name) { return name.ends_with(":"); });
+  }
+  return names;
+}
+
+std::vector<Text> CModel::NamesToRead(const CFile& file, const Text& scope) {
+  const auto room = fLimits.kMaxInfoCount - static_cast<ptrdiff_t>(fUsed.size());
+  const auto unread = static_cast<ptrdiff_t>(file.unread.size());
+  if (!file.unread.contains(scope)) {
+    return {};
+  }
+  if (unread < fLimits.kMaxForAllScopeRead && unread <= room &&
+      2 * static_cast<ptrdiff_t>(file.primary.size()) < fLimits.kMaxForAllScopeRead) {
+    return {"*"};
+  }
+  if (scope.empty()) {
+    return {""};
+  }
+  const ptrdiff_t most = std::min(room, fLimits.kMaxForAllScopeRead);
+  std::vector<Text> result{scope};
+  if (most > 0 && file.unread.contains("")) {
+    result.emplace_back("");
+  }
+  // Which neighbours ride along is free, how many is not.
+  const auto may_ride = unread - static_cast<ptrdiff_t>(result.size());
+  const auto ride =
+      std::max<ptrdiff_t>(0, std::min(may_ride, most - static_cast<ptrdiff_t>(result.size())));
+  const std::vector<Text>& made = fReadsMade.at(fDb.CallCount("ReadScopeDataRecords"));
+  Names riders(made.begin(), made.end());
+  for (const Text& name : result) {
+    EXPECT_EQ(riders.erase(name), 1U) << "the read left out " << Repr(name);
+  }
+  EXPECT_EQ(made.size(), result.size() + static_cast<size_t>(ride));
+  for (const Text& name : riders) {
+    EXPECT_TRUE(file.unread.contains(name)) << Repr(name) << " is not unread";
+  }
+  ++fRoadsTaken[5];
+  return made;
+}
+
+void CModel::ReadList(CFile& file, std::vector<Text> scopes) {
+  if (static_cast<ptrdiff_t>(fUsed.size()) + 1 >= fLimits.kMaxInfoCount) {
+    TrimNotModified(fLimits.kMaxInfoCount - 3 * fLimits.kMaxForAllScopeRead, &file);
+  }
+  if (scopes.size() == 1) {
+    scopes = NamesToRead(file, scopes[0]);
+  }
+  if (scopes.empty()) {
+    return;
+  }
+  const bool whole = std::count(scopes.begin(), scopes.end(), "*") != 0;
+  for (const CDatabaseRecord& row :
+       fDb.ReadScopeDataRecords(file.loc, fScanNames, scopes, file.mtime)) {
+    const Key key{row.for_loc, row.for_scope, *row.scan_name, row.scanned_loc, *row.scanned_scope};
+    if (M.contains(key)) {
+      if (!whole) {
+        Print("Read key already in memory: " + TextOf(key));
+        ++fRoadsTaken[6];
+      }
+      continue;
+    }
+    AddKey(key, nullptr, false);
+    D.insert(key);
+    SetRecord(file, key, row.data, "", "", false, row.scopes_seen, false, nullptr);
+    if (row.scopes_seen != nullptr) {
+      for (const auto& [ref, time] : *row.scopes_seen) {
+        if (!ValidOnDiskMtime(time)) {
+          AddNeedsScan(key);
+        }
+      }
+    }
+    MarkPresent({row.for_loc, row.for_scope});
+  }
+  ScheduleIdle();
+}
+
+void CModel::MarkReturned(const Ref& ref) {
+  std::erase_if(fUsed, [&](const auto& used) { return used.first == ref; });
+  fUsed.insert(fUsed.begin(), {ref, true});
+}
+
+void CModel::MarkPresent(const Ref& ref) {
+  if (std::none_of(fUsed.begin(), fUsed.end(),
+                   [&](const auto& used) { return used.first == ref; })) {
+    fUsed.push_back({ref, false});
+  }
+}
+
+// ---- Adding.
+
+bool CModel::AddScopeInfo(const Info& info, bool allow_write) {
+  const Key key = info->key;
+  File file = GetPerFile(ForLoc(key), true);
+  if (info->mtime && *info->mtime != file->mtime) {
+    const DiskTime now = HasModifiedBuffer(file->loc) ? kEdited : GetDiskMTime(file->loc);
+    if (now != *info->mtime) {
+      ++fRoadsTaken[7];
+      return false;
+    }
+    std::map<Loc, KeySet> keys_dict;
+    UpdateDiskMtime(*file, now, keys_dict);
+    if (!keys_dict.empty()) {
+      if (keys_dict.contains(file->loc)) {
+        keys_dict[file->loc].erase(key);
+      }
+      InvalidateScans(keys_dict, true, 2);
+      // A handler may have read, and so trimmed, the very file.
+      file = Find(file->loc) == file ? file : GetPerFile(file->loc, true);
+    }
+  }
+  const KeySet dep_keys = DependentKeys(ForLoc(key), ForScope(key));
+  if (!StoreAndPurge(*file, info)) {
+    return false;
+  }
+  std::set<Triple> needs_scan;
+  if (!dep_keys.empty()) {
+    MaybeInvalidate(*info, dep_keys, needs_scan);
+  }
+  MarkPresent({ForLoc(key), ForScope(key)});
+  D.erase(key);
+  AddToWrite(key);
+  if (Scan(key) == Primary() && ForScope(key) == ScannedScope(key)) {
+    file->primary[ForScope(key)] = info;
+  }
+  if (!needs_scan.empty()) {
+    EmitNeedsScan(needs_scan, std::nullopt);
+  }
+  Changed changed;
+  AddChanged(changed, file->loc, ForScope(key));
+  AddPrimaryFiles(changed);
+  EmitChanged(changed);
+  allow_write ? DoIdle() : ScheduleIdle();
+  return true;
+}
+
+bool CModel::StoreAndPurge(CFile& file, const Info& info) {
+  const bool needed_scan = N.contains(info->key);
+  const bool changed = Store(file, info);
+  if (!changed && needed_scan) {
+    PurgeMerged(ScannedLoc(info->key), {ScannedScope(info->key)});
+    ++fRoadsTaken[8];
+  }
+  return changed;
+}
+
+void CModel::AddScopeInfoListForSingleScan(Loc scanned_loc, const Text& scanned_scope,
+                                           const Text& scan, const std::vector<Info>& infos,
+                                           bool allow_write) {
+  Changed changed;
+  std::set<Triple> needs_scan;
+  GetPerFile(scanned_loc, true);
+  const Names scope_filter{scanned_scope};
+  const Names scan_filter{scan};
+  KeySet old_keys = ScannedKeys(M, scanned_loc, &scope_filter, &scan_filter);
+  for (const Info& info : infos) {
+    const Key key = info->key;
+    Check(ScannedLoc(key) == scanned_loc && ScannedScope(key) == scanned_scope);
+    old_keys.erase(Key{ForLoc(key), ForScope(key), scan, scanned_loc, scanned_scope});
+    const File file = GetPerFile(ForLoc(key), true);
+    if (file->unread.contains(ForScope(key))) {
+      ReadList(*file, {ForScope(key)});
+    }
+    const KeySet dep_keys = DependentKeys(ForLoc(key), ForScope(key));
+    if (StoreAndPurge(*file, info)) {
+      if (!dep_keys.empty()) {
+        MaybeInvalidate(*info, dep_keys, needs_scan);
+      }
+      if (scan == Primary() && ForLoc(key) == ScannedLoc(key) &&
+          ForScope(key) == ScannedScope(key)) {
+        file->primary[ForScope(key)] = info;
+      }
+      AddChanged(changed, ForLoc(key), ForScope(key));
+    }
+    D.erase(key);
+    AddToWrite(key);
+    MarkPresent({ForLoc(key), ForScope(key)});
+  }
+  for (const Key& key : old_keys) {
+    if (RemoveRecords(*GetPerFile(ForLoc(key), true), scan, ForScope(key), scanned_loc,
+                      scanned_scope)) {
+      AddChanged(changed, ForLoc(key), ForScope(key));
+      ++fRoadsTaken[9];
+    }
+  }
+  if (!needs_scan.empty()) {
+    needs_scan.erase(Triple{scanned_loc, scanned_scope, scan});
+    EmitNeedsScan(needs_scan, std::nullopt);
+  }
+  if (!changed.empty()) {
+    AddPrimaryFiles(changed);
+    EmitChanged(changed);
+  }
+  allow_write ? DoIdle() : ScheduleIdle();
+}
+
+void CModel::RemoveScopeInfoSeq(Loc loc, const Text& scope, Loc scanned_loc,
+                                const Text& scanned_scope) {
+  RemoveRecords(*GetPerFile(loc, true), "*", scope, scanned_loc, scanned_scope);
+}
+
+void CModel::AddChanged(Changed& changed, Loc loc, const Text& scope) {
+  for (auto& [each, scopes] : changed) {
+    if (each == loc) {
+      scopes->insert(scope);
+      return;
+    }
+  }
+  changed.emplace_back(loc, std::make_shared<Names>(Names{scope}));
+}
+
+void CModel::AddPrimaryFiles(Changed& changed) const {
+  // Files were entered in an order that can be free; with shared sets it shows in the result.
+  const auto place = [&](Loc loc) {
+    return std::find(fOrderHint.begin(), fOrderHint.end(), loc) - fOrderHint.begin();
+  };
+  std::stable_sort(changed.begin(), changed.end(),
+                   [&](const auto& a, const auto& b) { return place(a.first) < place(b.first); });
+  const Changed items = changed;
+  for (const auto& [loc, scopes] : items) {
+    if (!fReverseSecondary.contains(loc)) {
+      continue;
+    }
+    for (const Loc primary : fReverseSecondary.at(loc)) {
+      const auto known = std::find_if(changed.begin(), changed.end(),
+                                      [&](const auto& item) { return item.first == primary; });
+      if (known == changed.end()) {
+        changed.emplace_back(primary, scopes);
+      } else {
+        const Names copy = *scopes;
+        known->second->insert(copy.begin(), copy.end());
+      }
+    }
+  }
+}
+
+void CModel::EmitChanged(const Changed& changed) {
+  CChangedDict as_emitted;
+  for (const auto& [loc, scopes] : changed) {
+    PurgeMerged(loc, *scopes);
+    as_emitted.Set(loc, std::make_shared<TextSet>(scopes->begin(), scopes->end()));
+  }
+  fEvents.push_back(fakes::EventText(as_emitted));
+  if (fOnEvent) {
+    fOnEvent();
+  }
+}
+
+void CModel::EmitNeedsScan(const std::set<Triple>& needs_scan, std::optional<int> priority) {
+  CNeedsScanSet as_emitted;
+  for (const auto& [loc, scope, scan] : needs_scan) {
+    as_emitted.insert({loc, scope, scan});
+  }
+  fEvents.push_back(fakes::EventText(as_emitted, priority));
+  if (fOnEvent) {
+    fOnEvent();
+  }
+}
+
+void CModel::PurgeMerged(Loc loc, const Names& scopes) {
+  std::erase_if(fMerged, [&](const CMergedEntry& entry) {
+    return std::any_of(entry.rests_on.begin(), entry.rests_on.end(), [&](const Ref& ref) {
+      return ref.first == loc && (scopes.contains("*") || scopes.contains(ref.second));
+    });
+  });
+}
+
+// ---- Invalidating.
+
+void CModel::InvalidateScans(const std::map<Loc, KeySet>& keys_dict, bool whole_files,
+                             std::optional<int> priority) {
+  std::set<Triple> needs_scan;
+  for (const auto& [loc, keys] : keys_dict) {
+    for (const Key& key : keys) {
+      AddNeedsScan(key);
+    }
+    if (whole_files) {
+      for (const Text& scan : fScanNames) {
+        needs_scan.insert({loc, "*", scan});
+        ChangeScansDone(loc, scan, false);
+      }
+    } else {
+      for (const Key& key : keys) {
+        needs_scan.insert(TripleOf(key));
+        ChangeScansDone(loc, Scan(key), false);
+      }
+    }
+  }
+  EmitNeedsScan(needs_scan, priority);
+}
+
+void CModel::AddDepKeysToNeedsScan(const KeySet& keys, std::set<Triple>* needs_scan,
+                                   std::optional<int> priority, bool emits) {
+  std::set<Triple> own;
+  std::set<Triple>& to_scan = needs_scan == nullptr ? own : *needs_scan;
+  for (const Key& key : keys) {
+    AddNeedsScan(key);
+  }
+  for (const Key& key : keys) {
+    to_scan.insert(TripleOf(key));
+    ChangeScansDone(ScannedLoc(key), Scan(key), false);
+  }
+  if (emits) {
+    EmitNeedsScan(to_scan, priority);
+  }
+}
+
+void CModel::MaybeInvalidate(const CInfo& info, KeySet dep_keys, std::set<Triple>& needs_scan) {
+  const Triple own = TripleOf(info.key);
+  Check(!needs_scan.contains(own));
+  if (info.seen != nullptr) {
+    for (const auto& [ref, time] : *info.seen) {
+      dep_keys.erase(Key{ForLoc(info.key), ForScope(info.key), Scan(info.key), ref.loc, ref.scope});
+      if (dep_keys.empty()) {
+        return;
+      }
+    }
+  }
+  std::erase_if(dep_keys, [&](const Key& key) { return TripleOf(key) == own; });
+  if (!dep_keys.empty()) {
+    AddDepKeysToNeedsScan(dep_keys, &needs_scan, std::nullopt, false);
+    Check(!needs_scan.contains(own));
+    ++fRoadsTaken[10];
+  }
+}
+
+void CModel::FinishedWithScans(Loc loc, const Text& scope, const Text& scan) {
+  if (GetPerFile(loc, false) == nullptr) {
+    return;
+  }
+  Changed changed;
+  const Names scope_filter{scope};
+  const Names scan_filter{scan};
+  for (const Key& key : ScannedKeys(N, loc, &scope_filter, &scan_filter)) {
+    if (Scan(key) != scan) {
+      continue;
+    }
+    if (const File file = Find(ForLoc(key))) {
+      RemoveRecords(*file, scan, ForScope(key), ScannedLoc(key), ScannedScope(key));
+    }
+    AddChanged(changed, ForLoc(key), ForScope(key));
+    ++fRoadsTaken[11];
+  }
+  if (!changed.empty()) {
+    AddPrimaryFiles(changed);
+    EmitChanged(changed);
+  }
+}
+
+void CModel::ChangeScansDone(Loc loc, const Text& scan, bool done) {
+  const File file = GetPerFile(loc, true);
+  Names names;
+  for (const BytesView name : NonNestedSplit(file->done, ',')) {
+    names.emplace(name);
+  }
+  if (done == names.contains(scan)) {
+    return;
+  }
+  names.insert(scan);
+  Text text;
+  for (const Text& name : names) {
+    text += (text.empty() ? "" : ",") + name;
+  }
+  SetScansDone(*file, text);
+  if (AssertionsActive() && scan == Primary() && !AllNames(*file).contains("")) {
+    Print("module scope not in all scope names: " + Url(loc));
+    Print("  all scope names: " + Repr(AllNames(*file)));
+    Check(false);
+  }
+}
+
+std::map<Loc, Text> CModel::GetScansDoneForMultipleFiles(const CLocMtimeDict& times) {
+  std::map<Loc, Text> result;
+  CLocMtimeDict for_db;
+  for (const auto& [loc, time] : times) {
+    const File file = Find(loc);
+    if (file != nullptr && file->mtime == time) {
+      result[loc] = file->done;
+    } else {
+      for_db.Set(loc, time);
+    }
+  }
+  if (!for_db.empty()) {
+    for (const auto& [loc, done] : fDb.GetScansDone(for_db)) {
+      result[loc] = done;
+    }
+  }
+  return result;
+}
+
+// ---- Writing.
+
+void CModel::WriteToDatabase(const std::vector<Loc>* locs) {
+  std::vector<File> files;
+  if (locs == nullptr) {
+    for (const auto& [loc, file] : fFiles) {
+      files.push_back(file);
+    }
+  } else {
+    for (const Loc loc : *locs) {
+      if (const File file = Find(loc)) {
+        files.push_back(file);
+      }
+    }
+  }
+  for (const File& file : files) {
+    bool cleared = false;
+    if (file->clear_db) {
+      cleared = fDb.ClearInfoForFiles({file->loc});
+      if (cleared) {
+        file->clear_db = false;
+        file->done_unwritten = file->done_unwritten || !file->done.empty();
+      }
+    }
+    if (file->mtime > 0.0 && ToWriteCount(file->loc) != 0) {
+      WriteOneFile(*file);
+    } else if (!cleared && file->mtime > 0.0 && file->done_unwritten &&
+               fDb.SaveDataForFile(file->loc, {}, file->done, file->mtime)) {
+      file->done_unwritten = false;
+    }
+  }
+}
+
+void CModel::WriteOneFile(CFile& file) {
+  const KeySet keys = Keys(W, file.loc);
+  std::vector<CDatabaseRecord> rows;
+  std::vector<CRecord*> written;
+  KeySet not_writable;
+  for (const Key& key : keys) {
+    Check(!N.contains(key));
+    CRecord* found = nullptr;
+    if (file.records.contains(ForScope(key))) {
+      for (CRecord& record : file.records[ForScope(key)]) {
+        found = record.key == key ? &record : found;
+      }
+    }
+    if (found == nullptr || found->incomplete || found->data.back() != '1' ||
+        std::count(found->data.begin(), found->data.end(), '\0') != 3) {
+      not_writable.insert(key);
+      continue;
+    }
+    const size_t one = found->data.find('\0');
+    const size_t two = found->data.find('\0', one + 1);
+    const size_t three = found->data.find('\0', two + 1);
+    rows.push_back({file.loc, ForScope(key), Scan(key), ScannedLoc(key), ScannedScope(key),
+                    found->seen, found->data.substr(one + 1, two - one - 1),
+                    found->data.substr(two + 1, three - two - 1), found->data.substr(0, one), -1});
+    written.push_back(found);
+  }
+  bool saved = false;
+  if (!rows.empty()) {
+    for (const Key& key : not_writable) {
+      if (Scan(key) == Primary()) {
+        SetScansDone(file, "");
+      }
+    }
+    saved = fDb.SaveDataForFile(file.loc, rows, file.done, file.mtime);
+  }
+  if (kDevelopmentRun() && saved && !file.done.empty()) {
+    const std::vector<Text> names = fDb.ReadScopeNames(file.loc, Primary(), file.mtime);
+    if (std::count(names.begin(), names.end(), "") == 0) {
+      Print("__WriteOneFileToDatabase error: global scope not in db when scans_done != ''");
+      Print("loc = " + Url(file.loc));
+      Print("scans done = " + Repr(file.done));
+      Print("names_in_db = " + Repr(names));
+      Print("to_write_list = " + Repr(rows));
+    }
+  }
+  if (!saved) {
+    C.insert(keys.begin(), keys.end());
+    ++fRoadsTaken[12];
+    return;
+  }
+  if (!not_writable.empty()) {
+    Text text;
+    for (const Key& key : not_writable) {
+      text += (text.empty() ? "" : ", ") + TextOf(key);
+    }
+    Print("Not writable keys: {" + text + "}");
+  }
+  file.done_unwritten = false;
+  for (const Key& key : keys) {
+    C.erase(key);
+    W.erase(key);
+    D.insert(key);
+    file.all_db.insert(ForScope(key));
+  }
+  if (IsDone(file, Primary()) && !file.all_db.contains("")) {
+    Print("__WriteOneFileToDatabase(" + Url(file.loc) + "): top level module scope is missing");
+    Print("  all_db_scope_names = " + Repr(file.all_db));
+    Check(false);
+  }
+  for (CRecord* record : written) {
+    record->data.back() = '0';
+  }
+}
+
+void CModel::Destroy() {
+  WriteToDatabase();
+  fIdles.clear();
+}
+
+// ---- Trimming.
+
+void CModel::ScheduleIdle() {
+  if (std::count(fIdles.begin(), fIdles.end(), Idle::kCache) == 0) {
+    fIdles.push_back(Idle::kCache);
+  }
+}
+
+void CModel::RunOneIdle() {
+  if (fIdles.empty()) {
+    return;
+  }
+  const Idle idle = fIdles.front();
+  fIdles.erase(fIdles.begin());
+  if (idle == Idle::kCache) {
+    DoIdle();
+    return;
+  }
+  do {
+    fMerged.pop_back();
+  } while (static_cast<ptrdiff_t>(fMerged.size()) > fLimits.kMaxInfoCount * 3 / 4);
+}
+
+void CModel::DoIdle() {
+  if (W.size() - C.size() > 50) {
+    WriteToDatabase();
+  } else if (W.empty()) {
+    TrimTotal(fLimits.kMaxInfoCount);
+  }
+}
+
+void CModel::TrimTotal(ptrdiff_t count) {
+  const auto size = static_cast<ptrdiff_t>(fUsed.size());
+  if (size <= count) {
+    return;
+  }
+  std::vector<std::pair<Loc, std::vector<Text>>> by_file;
+  for (auto used = fUsed.rbegin(); used != fUsed.rbegin() + (size - count * 3 / 4); ++used) {
+    auto entry = std::find_if(by_file.begin(), by_file.end(),
+                              [&](const auto& each) { return each.first == used->first.first; });
+    if (entry == by_file.end()) {
+      entry = by_file.insert(entry, {used->first.first, {}});
+    }
+    entry->second.push_back(used->first.second);
+  }
+  ++fRoadsTaken[13];
+  for (const auto& [loc, scopes] : by_file) {
+    const File file = Find(loc);
+    if (file == nullptr) {
+      continue;
+    }
+    if (ToWriteCount(loc) != 0) {
+      const std::vector<Loc> locs{loc};
+      WriteToDatabase(&locs);
+    }
+    const bool can_remove = !file->done_unwritten;
+    if (kDevelopmentRun() && file->mtime > 0.0) {
+      Check(ToWriteCount(loc) == 0);
+      if (!file->done.empty()) {
+        Check(!fDb.ReadScopeDataRecords(loc, fScanNames, {""}, file->mtime).empty());
+      }
+    }
+    Discard(*file, scopes, false, can_remove);
+  }
+}
+
+void CModel::TrimNotModified(ptrdiff_t count, const CFile* keep) {
+  const auto size = static_cast<ptrdiff_t>(fUsed.size());
+  if (size < count) {
+    return;
+  }
+  ++fRoadsTaken[14];
+  const ptrdiff_t target = size - count;
+  ptrdiff_t removed = 0;
+  ptrdiff_t pending = 0;
+  std::vector<std::pair<Loc, std::vector<Text>>> to_examine;
+  std::vector<std::pair<File, std::vector<Text>>> to_remove;
+  std::vector<Ref> without_file;
+  const auto take_or_make = [](auto& in, const auto& key) -> std::vector<Text>& {
+    for (auto& [each, list] : in) {
+      if (each == key) {
+        return list;
+      }
+    }
+    return in.emplace_back(key, std::vector<Text>()).second;
+  };
+  for (auto used = fUsed.rbegin(); used != fUsed.rend(); ++used) {
+    take_or_make(to_examine, used->first.first).push_back(used->first.second);
+    ++pending;
+    if (removed + pending < target) {
+      continue;
+    }
+    for (const auto& [loc, scopes] : to_examine) {
+      const File file = GetPerFile(loc, false);
+      if (file == nullptr) {
+        Print("why " + Url(loc) + " " + Repr(scopes));
+        for (const Text& scope : scopes) {
+          without_file.emplace_back(loc, scope);
+          ++removed;
+        }
+        ++fRoadsTaken[15];
+        continue;
+      }
+      std::vector<Text>& list = take_or_make(to_remove, file);
+      for (const Text& scope : scopes) {
+        if (ToWriteCount(loc, scope) == 0) {
+          list.push_back(scope);
+          ++removed;
+        }
+      }
+      std::erase_if(to_remove, [](const auto& each) { return each.second.empty(); });
+    }
+    to_examine.clear();
+    pending = 0;
+    if (removed >= target) {
+      break;
+    }
+  }
+  std::erase_if(fUsed, [&](const auto& used) {
+    return std::count(without_file.begin(), without_file.end(), used.first) != 0;
+  });
+  for (const auto& [file, scopes] : to_remove) {
+    Discard(*file, scopes, false, file.get() != keep);
+  }
+}
+
+void CModel::Discard(CFile& file, const std::vector<Text>& scopes, bool keep_flag,
+                     bool can_remove) {
+  const Loc loc = file.loc;
+  const Names scope_set(scopes.begin(), scopes.end());
+  if (kDevelopmentRun() && file.mtime > 0.0 && !Keys(W, loc, &scope_set).empty()) {
+    const auto text = [](const KeySet& keys) {
+      Text joined;
+      for (const Key& key : keys) {
+        joined += (joined.empty() ? "" : ", ") + TextOf(key);
+      }
+      return keys.empty() ? "set()" : "{" + joined + "}";
+    };
+    Print("len(to_write) = " + Repr(Keys(W, loc, &scope_set).size()));
+    Print("len(in_db) = " + Repr(Keys(D, loc, &scope_set).size()));
+    Print("to_write = " + text(Keys(W, loc, &scope_set)));
+    Print("in_db = " + text(Keys(D, loc, &scope_set)));
+  }
+  const bool whole_file = scopes == std::vector<Text>{"*"};
+  bool remove_all = false;
+  if (!file.clear_db) {
+    if (file.mtime == kMissing) {
+      file.done_unwritten = false;
+      remove_all = true;
+    } else if (whole_file) {
+      remove_all = true;
+    } else if (file.primary.size() <= scopes.size() &&
+               std::all_of(file.primary.begin(), file.primary.end(),
+                           [&](const auto& each) { return scope_set.contains(each.first); })) {
+      remove_all = ToWriteCount(loc) == 0;
+    }
+  }
+  std::vector<Text> names;
+  if (whole_file) {
+    for (const auto& [scope, info] : file.primary) {
+      names.push_back(scope);
+    }
+  } else {
+    names = scopes;
+    Names instances;
+    for (const Text& scope : scopes) {
+      if (!scope.empty()) {
+        instances.insert(scope + ":");
+      }
+      if (const size_t dot = scope.rfind('.'); dot != Text::npos && dot != 0) {
+        instances.insert(scope.substr(0, dot) + ":");
+      }
+    }
+    for (const Text& scope : instances) {
+      if (remove_all || ToWriteCount(loc, scope) == 0) {
+        names.push_back(scope);
+      }
+    }
+  }
+  std::erase_if(fUsed, [&](const auto& used) {
+    return used.first.first == loc &&
+           std::count(names.begin(), names.end(), used.first.second) != 0;
+  });
+  if (remove_all) {
+    ClearAllInfo(file, false);
+    if (can_remove) {
+      std::erase_if(fFiles, [&](const auto& each) { return each.first == loc; });
+      fWatched.erase(loc);
+    }
+    return;
+  }
+  if (whole_file) {
+    ClearAllInfo(file, file.clear_db);
+    return;
+  }
+  const Names name_set(names.begin(), names.end());
+  for (const Key& key : Keys(W, loc, &name_set)) {
+    C.erase(key);
+    W.erase(key);
+  }
+  for (const Text& name : names) {
+    file.primary.erase(name);
+  }
+  // Only whole files are ever discarded with the flag.
+  EXPECT_FALSE(keep_flag);
+}
+
+// ---- Changes.
+
+void CModel::ExternalFilesChanged(const CLocMtimeDict& changed) {
+  std::map<Loc, KeySet> keys_dict;
+  for (const auto& [loc, time] : changed) {
+    if (const File file = Find(loc); file != nullptr && file->mtime != kEdited) {
+      UpdateDiskMtime(*file, time < 0 ? kMissing : time, keys_dict);
+    }
+  }
+  if (!keys_dict.empty()) {
+    InvalidateScans(keys_dict, true, 2);
+  }
+}
+
+void CModel::SavePoint(const fakes::CFakeSavable& savable, bool not_modified) {
+  const File file = GetPerFile(savable.fLocation, false);
+  if (file == nullptr || !savable.fInitialReadCompleted) {
+    return;
+  }
+  const DiskTime time = not_modified ? savable.fModTime : kEdited;
+  if (file->mtime == time) {
+    return;
+  }
+  if (time == kEdited && !file->unread.empty()) {
+    ReadList(*file, {file->unread.begin(), file->unread.end()});
+  }
+  std::map<Loc, KeySet> keys_dict;
+  UpdateDiskMtime(*file, time, keys_dict);
+  Check(keys_dict.empty());
+}
+
+void CModel::ScopeLogicalsModified(Loc loc, DiskTime matched, const Names& scopes) {
+  PurgeMerged(loc, scopes);
+  const File file = Find(loc);
+  if (file == nullptr || (matched == file->mtime && file->mtime != kEdited)) {
+    return;
+  }
+  SetScansDone(*file, "");
+  InvalidateScans({{loc, ScannedKeys(M, loc, &scopes)}}, scopes.contains("*"), 1);
+}
+
+void CModel::ImportResolutionChanged() {
+  fMerged.clear();
+  std::erase(fIdles, Idle::kMergedTrim);
+  fSecondary.clear();
+  fReverseSecondary.clear();
+}
+
+void CModel::DatabaseChanged(const std::set<Loc>* locs) {
+  Changed changed;
+  for (const auto& [loc, file] : fFiles) {
+    if ((locs == nullptr || locs->contains(loc)) && ValidOnDiskMtime(file->mtime)) {
+      file->db_changed = true;
+      ClearAllInfo(*file, false);
+      AddChanged(changed, loc, "*");
+    }
+  }
+  if (!changed.empty()) {
+    AddPrimaryFiles(changed);
+    EmitChanged(changed);
+  }
+}
+
+void CModel::Clear() {
+  Changed changed;
+  for (const auto& [loc, file] : fFiles) {
+    AddChanged(changed, loc, "*");
+  }
+  EmitChanged(changed);
+  fFiles.clear();
+  fUsed.clear();
+  fMerged.clear();
+  std::erase(fIdles, Idle::kMergedTrim);
+  for (KeySet* set : {&M, &N, &D, &W, &C}) {
+    set->clear();
+  }
+  fExisting.clear();
+  fDependentScans.clear();
+}
+
+void CModel::ClearFiles(const std::vector<Loc>& loc_seq, bool clear_db) {
+  std::vector<Loc> locs;
+  for (const Loc loc : loc_seq) {
+    if (std::count(locs.begin(), locs.end(), loc) == 0) {
+      locs.push_back(loc);
+    }
+  }
+  Changed changed;
+  for (const Loc loc : locs) {
+    if (GetPerFile(loc, false) != nullptr) {
+      AddChanged(changed, loc, "*");
+    }
+  }
+  AddPrimaryFiles(changed);
+  EmitChanged(changed);
+  std::vector<File> files;
+  for (const Loc loc : locs) {
+    if (const File file = GetPerFile(loc, clear_db)) {
+      files.push_back(file);
+    }
+  }
+  if (clear_db) {
+    for (const File& file : files) {
+      Discard(*file, {"*"}, true, false);
+      SetScansDone(*file, "");
+      file->clear_db = true;
+    }
+    WriteToDatabase(&locs);
+  }
+  for (const File& file : files) {
+    Discard(*file, {"*"}, clear_db, true);
+    if (!clear_db && file->mtime == kEdited && !fHost.fCacheMgr.fBuffers.contains(file->loc)) {
+      file->mtime = kMissing;
+    }
+  }
+  for (const auto& [loc, scopes] : changed) {
+    PurgeMerged(loc, *scopes);
+  }
+}
+
+// ---- Queries.
+
+std::vector<CImportEquiv> CModel::GetAllImports(const std::vector<Loc>& locs) {
+  std::vector<CImportEquiv> result;
+  std::vector<Loc> db_locs;
+  for (const Loc loc : locs) {
+    const File file = GetPerFile(loc, false);
+    if (file == nullptr) {
+      db_locs.push_back(loc);
+      continue;
+    }
+    std::vector<Text> to_examine{""};
+    Names visited;
+    while (!to_examine.empty()) {
+      const Text scope = to_examine.back();
+      to_examine.pop_back();
+      if (!file->primary.contains(scope) || !visited.insert(scope).second) {
+        continue;
+      }
+      for (const auto& [name, eq] : file->primary[scope]->content.equivs) {
+        for (const BytesView item : NonNestedSplit(eq, ';')) {
+          const BytesView prefix = item.substr(0, 2);
+          if (prefix == ":c" || prefix == ":F" || prefix == ":m" || prefix == ":u") {
+            if (item.find('(') != BytesView::npos) {
+              to_examine.emplace_back(item.substr(2, item.find('(') - 2));
+            }
+          } else if (prefix == ":i" || prefix == ":f") {
+            result.push_back({loc, scope, Bytes(item)});
+          }
+        }
+      }
+    }
+  }
+  if (!db_locs.empty()) {
+    const auto more = fDb.GetAllImports(db_locs, Primary());
+    result.insert(result.end(), more.begin(), more.end());
+  }
+  return result;
+}
+
+std::vector<CClassEquiv> CModel::GetAllClasses(Loc loc, const std::vector<Text>& in_order) {
+  std::vector<CClassEquiv> result;
+  const File file = GetPerFile(loc, false);
+  if (file != nullptr) {
+    for (const Text& scope : in_order) {
+      if (scope.empty() || scope.ends_with(":")) {
+        continue;
+      }
+      const size_t dot = scope.rfind('.');
+      const Text parent = dot == Text::npos ? "" : scope.substr(0, dot);
+      const Text leaf = dot == Text::npos ? scope : scope.substr(dot + 1);
+      const Merged merged = GetScopeInfo(loc, parent, true, nullptr);
+      if (merged == nullptr) {
+        continue;
+      }
+      // What comes from another file than the first record's is qualified with its file.
+      std::set<BytesView> items;
+      for (const Info& info : merged->infos) {
+        const auto eq = info->content.equivs.find(leaf.substr(0, leaf.find('#')));
+        if (eq != info->content.equivs.end() &&
+            ForLoc(info->key) == ForLoc(merged->infos[0]->key)) {
+          for (const BytesView item : NonNestedSplit(eq->second, ';')) {
+            items.insert(item);
+          }
+        }
+      }
+      for (const BytesView item : items) {
+        if (item.starts_with(":c")) {
+          result.push_back({loc, Bytes(item)});
+        }
+      }
+    }
+  }
+  if (file == nullptr || (file->mtime != kEdited && !file->unread.empty())) {
+    const auto more = fDb.GetAllClasses({loc}, Primary());
+    result.insert(result.end(), more.begin(), more.end());
+    if (file != nullptr) {
+      std::sort(result.begin(), result.end());
+      result.erase(std::unique(result.begin(), result.end()), result.end());
+    }
+  }
+  return result;
+}
+
+std::optional<DiskTime> CModel::GetDiskModTimeUsed(Loc loc, bool read_if_needed) {
+  if (const File file = GetPerFile(loc, false)) {
+    return file->mtime;
+  }
+  return read_if_needed ? std::optional<DiskTime>(GetDiskMTime(loc)) : std::nullopt;
+}
+
+// ---- As text.
+
+Text CModel::Dump() const {
+  Text out;
+  const auto lines = [&out](TextView title, std::vector<Text> all) {
+    std::sort(all.begin(), all.end());
+    out += Text(title) + " (" + std::to_string(all.size()) + ")\n";
+    for (const Text& line : all) {
+      out += "  " + line + "\n";
+    }
+  };
+  const auto keys = [&](TextView title, const KeySet& set) {
+    std::vector<Text> texts;
+    for (const Key& key : set) {
+      texts.push_back(TextOf(key));
+    }
+    lines(title, std::move(texts));
+  };
+  keys("known", M);
+  keys("needs scan", N);
+  keys("in database", D);
+  keys("to write", W);
+  keys("could not write", C);
+  const auto index = [&out](TextView name, const KeySet& set, bool scanned) {
+    std::set<Loc> files;
+    std::set<Ref> scopes;
+    for (const Key& key : set) {
+      files.insert(scanned ? ScannedLoc(key) : ForLoc(key));
+      scopes.insert(scanned ? Ref{ScannedLoc(key), ScannedScope(key)}
+                            : Ref{ForLoc(key), ForScope(key)});
+    }
+    out += FormatBraces("{}: {} files, {} scopes\n", {name, files.size(), scopes.size()});
+  };
+  index("_fInfoKeysByScannedLoc", M, true);
+  index("_fInfoKeysByForLoc", M, false);
+  index("_fNeedsScanInfoKeyByScannedLoc", N, true);
+  index("_fNeedsScanInfoKeyByForLoc", N, false);
+  index("_fInDatabaseInfoKeysByForLoc", D, false);
+  index("_fToWriteInfoKeysByForLoc", W, false);
+  out += FormatBraces("live records: {}\n", {fExisting.size()});
+  const auto joined = [](const auto& names) {
+    Text text;
+    for (const Text& name : names) {
+      text += (text.empty() ? "" : ", ") + Repr(name);
+    }
+    return text;
+  };
+  auto files = fFiles;
+  std::sort(files.begin(), files.end(),
+            [](const auto& a, const auto& b) { return a.first < b.first; });
+  for (const auto& [loc, file] : files) {
+    out += FormatBraces("file {}\n", {loc});
+    out += FormatBraces("  disk_mtime = {}, clear_db = {}, fDatabaseChanged = {}\n",
+                        {file->mtime, file->clear_db, file->db_changed});
+    out += FormatBraces("  fScansDone = {}, fScansDoneNeedsToBeWritten = {}\n",
+                        {Repr(file->done), file->done_unwritten});
+    out += "  all_db_scope_names = " + joined(file->all_db) + "\n";
+    out += "  db_scope_names_not_loaded = " + joined(file->unread) + "\n";
+    Names primaries;
+    for (const auto& [scope, info] : file->primary) {
+      primaries.insert(scope);
+    }
+    out += "  primary_info_dict = " + joined(primaries) + "\n";
+    for (const auto& [scope, records] : file->records) {
+      out += FormatBraces("  scope {}\n", {Repr(scope)});
+      for (const CRecord& record : records) {
+        out += FormatBraces(
+            "    {} data = {} bytes, flag {}, incomplete = {}, scopes seen = {}\n",
+            {TextOf(record.key), record.data.size(), record.data.substr(record.data.size() - 1),
+             record.incomplete, record.seen});
+      }
+    }
+  }
+  out += "used scopes, most recently used first\n";
+  for (const auto& [ref, returned] : fUsed) {
+    out += FormatBraces("  {} {}\n", {CScopeRef{ref.first, ref.second}, returned});
+  }
+  std::vector<Text> merged;
+  for (const CMergedEntry& entry : fMerged) {
+    const auto& [loc, scope, others] = entry.key;
+    merged.push_back(FormatBraces("({}, {}, {})", {loc, Repr(scope), others}));
+  }
+  lines("merged records", merged);
+  return out;
+}
+
+}  // namespace pysource::scopeinfo
