@@ -55,15 +55,27 @@ CInfoCache::~CInfoCache() {
     // A destructor cannot pass on what the database throws; an owner that wants it calls destroy().
     CriticalLog("the info cache could not write its last records: %s", error.what());
   }
+  // Once more: an operation after destroy() may have made a new appointment.
+  CancelPendingCalls();
 }
 
 void CInfoCache::_destroy_impl() {
-  WriteToDatabase();
+  try {
+    WriteToDatabase();
+  } catch (...) {
+    // The main loop must not call what is about to end, whatever becomes of the records.
+    CancelPendingCalls();
+    throw;
+  }
+  CancelPendingCalls();
+  _fCrossFileData.destroy();
+}
+
+void CInfoCache::CancelPendingCalls() {
   if (_fIdleCallbackTag != 0) {
     velk::idle_remove(std::exchange(_fIdleCallbackTag, 0));
   }
   CancelWriteToDatabaseTimeout();
-  _fCrossFileData.destroy();
 }
 
 Bytes CInfoCache::EncodeScopeInfo(const CScopeInfo& info) {

@@ -65,8 +65,9 @@ struct CScopeInfoToRemove {
 // to the database in idle time, on WriteToDatabase and on destroy.
 //
 // One thread, the main thread. Signals are emitted last, when everything is in order, so a handler
-// may call back in. Every read may trim: a record that is not held in hand may leave memory during
-// the next call. What a host service throws passes through; what was done before stays done.
+// may call back in, even destroy(); only the object itself must outlive the operation. Every read
+// may trim: a record that is not held in hand may leave memory during the next call. What a host
+// service throws passes through; what was done before stays done.
 //
 // Each source file is one path: infocache.cc wiring, read.cc, add.cc, invalidate.cc, write.cc,
 // trim.cc, changes.cc, queries.cc, debugdump.cc.
@@ -254,6 +255,7 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
   CAnalysisDb& Db() const { return *_fAnaMgr->fAnalysisDb; }
   const Text& PrimaryScanName() const { return fScanNames[0]; }
   bool HasModifiedBuffer(Loc loc) const;
+  void CancelPendingCalls();
 
   // read.cc
   bool IsContentThere(const CPerFileEntry& per_file) const;

@@ -200,7 +200,9 @@ TextSet CInfoCache::GetAllScopeNames(Loc loc, bool include_inst_scopes,
   TextSet all_scope_names = GetPerFile(loc, true)->GetAllScopeNames();
   if (include_secondary_files) {
     // Secondary files bring in no further secondary files.
-    for (const Loc secondary_loc : *GetSecondaryFiles(loc)) {
+    // Held: the list that the cache keeps goes when import resolution changes.
+    const CSecondaryFiles secondary_locs = GetSecondaryFiles(loc);
+    for (const Loc secondary_loc : *secondary_locs) {
       all_scope_names.merge(GetAllScopeNames(secondary_loc, false, false));
     }
   }

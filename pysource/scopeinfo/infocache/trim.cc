@@ -15,7 +15,8 @@ constexpr ptrdiff_t kIdleWriteThreshold = 50;
 }  // namespace
 
 void CInfoCache::ScheduleIdle() {
-  if (_fIdleCallbackTag == 0) {
+  // A handler of the signal that an operation has just emitted may have destroyed this.
+  if (_fIdleCallbackTag == 0 && !destroyed()) {
     _fIdleCallbackTag = velk::idle_add(
         [this] {
           CB_OnIdle();
