@@ -27,8 +27,8 @@ struct CEngineOptions {
   std::vector<std::string> import_roots;  // folders where absolute imports are looked for
   size_t threads = 1;
   // Called from worker threads when results wait; may be empty for a host that calls RunScans.
-  std::function<void()> notify;
-  scopeinfo::CInfoCacheLimits limits;
+  std::function<void()> notify = nullptr;
+  scopeinfo::CInfoCacheLimits limits = {};
 };
 
 // One at a time in a process: it sets the singletons while it lives and puts the old ones back. The

@@ -191,16 +191,31 @@ void CScanRunner::AddResults(const CScanJobResult& result, const Wanted& wanted)
   _fCounts.source_bytes += result.source_bytes;
   _fCounts.syntax_errors += result.scan.error_count;
   _fCounts.files_with_syntax_errors += result.scan.error_count != 0 ? 1 : 0;
-  for (const CScanResult& scan : result.scan.results) {
-    if (!wanted.all && !wanted.scans.contains({scan.scanned_scope, scan.scan_name})) {
-      continue;
+  // Classes last, and names before attributes. What a method sets on its instance is information
+  // for its class, which the class's own record has seen; and the attributes rest on the names of
+  // their scope. In any other order a record would make one stale that was handed over a moment
+  // before.
+  const auto add_all = [&](bool of_classes, TextView scan_name) {
+    bool is_class = false;
+    for (const CScanResult& scan : result.scan.results) {
+      if (scan.scan_name == kNamesScan) {
+        is_class = !scan.infos.empty() && scan.infos.front()->scope_kind == kClassKind;
+      }
+      if (is_class != of_classes || scan.scan_name != scan_name ||
+          (!wanted.all && !wanted.scans.contains({scan.scanned_scope, scan.scan_name}))) {
+        continue;
+      }
+      for (const scopeinfo::CScopeInfoPtr& info : scan.infos) {
+        ++_fCounts.records;
+        _fCounts.encoded_bytes += info->GetSerializedData().size();
+      }
+      _fCache.AddScopeInfoListForSingleScan(loc, scan.scanned_scope, scan.scan_name, scan.infos);
     }
-    for (const scopeinfo::CScopeInfoPtr& info : scan.infos) {
-      ++_fCounts.records;
-      _fCounts.encoded_bytes += info->GetSerializedData().size();
-    }
-    _fCache.AddScopeInfoListForSingleScan(loc, scan.scanned_scope, scan.scan_name, scan.infos);
-  }
+  };
+  add_all(false, kNamesScan);
+  add_all(false, kAttrsScan);
+  add_all(true, kNamesScan);
+  add_all(true, kAttrsScan);
   if (wanted.all) {
     // Only now: the primary scan is claimed done after its module scope is there.
     for (const TextView scan_name : {kNamesScan, kAttrsScan}) {
