@@ -395,9 +395,9 @@ CScopeInfoPtr CScanner::CImpl::MakeAttrsInfo(std::vector<CResolved>::iterator be
     }
     info->SetInfoBytes(first.attribute, _fValue, first.inst);
   }
-  // The class that the attributes are for is not among the scopes seen: that a function is one of its
-  // methods stands around the function, not in the class. With it, the class's own record and this one
-  // would each make the other stale.
+  // The class that the attributes are for is not among the scopes seen: that a function is one of
+  // its methods stands around the function, not in the class. With it, the class's own record and
+  // this one would each make the other stale.
   info->FinishedBuilding();
   return info;
 }

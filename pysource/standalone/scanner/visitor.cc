@@ -461,6 +461,10 @@ void CVisitor::VisitAssignment(NodeIndex i) {
   while (value != kNoNode && TagOf(value) == Tag::kAssignment) {
     value = LastChild(value);  // a = b = value
   }
+  const bool is_wrapped = UnwrappedTarget(target) != target;
+  if (is_wrapped && value == kNoNode) {
+    return;  // "(x): int" declares nothing
+  }
   target = UnwrappedTarget(target);
   if (IsTargetSequence(TagOf(target))) {
     Bind(target, {value, {}}, Within::kStatement);
@@ -1071,8 +1075,7 @@ TextView CVisitor::LiteralClass(NodeIndex node) const {
     case Tag::kInteger:
     case Tag::kFloat: {
       const BytesView text = Tree().Text(node);
-      const bool is_hex = text.size() > 1 && (text[1] == 'x' || text[1] == 'X');
-      if (!is_hex && (text.ends_with('j') || text.ends_with('J'))) {
+      if (text.ends_with('j') || text.ends_with('J')) {
         return "complex";
       }
       return TagOf(node) == Tag::kInteger ? "int" : "float";

@@ -1,0 +1,153 @@
+// Files as they lie on disk: encodings, disk times, and where imports lead.
+
+#include "pysource/standalone/scanner/sourcefile.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "pysource/host/errors.h"
+#include "pysource/standalone/scanner/importresolver.h"
+
+namespace pysource::standalone {
+namespace {
+
+namespace fs = std::filesystem;
+
+class SourceFileTest : public testing::Test {
+ protected:
+  SourceFileTest() {
+    std::string pattern = (fs::temp_directory_path() / "scopeinfo-XXXXXX").string();
+    _fFolder = mkdtemp(pattern.data());
+  }
+  ~SourceFileTest() override { fs::remove_all(_fFolder); }
+
+  std::string Path(const std::string& name) const { return _fFolder + "/" + name; }
+  std::string Write(const std::string& name, const std::string& content = {}) const {
+    fs::create_directories(fs::path(Path(name)).parent_path());
+    std::ofstream(Path(name), std::ios::binary) << content;
+    return Path(name);
+  }
+
+  std::string _fFolder;
+};
+
+TEST_F(SourceFileTest, DecodesAsPythonDoes) {
+  const std::string e8 = "\xC3\xA9";
+  struct CCase {
+    const char* why;
+    std::string bytes;
+    std::string text;
+  };
+  const CCase cases[] = {
+      {"no declaration is UTF-8", "x = '" + e8 + "'\n", "x = '" + e8 + "'\n"},
+      {"what is no UTF-8 stays for the scanner to cope with", "x = '\xE9'", "x = '\xE9'"},
+      {"a mark is taken off", "\xEF\xBB\xBFx", "x"},
+      {"latin-1, in any spelling", "# -*- coding: Latin_1 -*-\n\xE9",
+       "# -*- coding: Latin_1 -*-\n" + e8},
+      {"in the second line, after a blank one", "\n#vim: fileencoding=iso-8859-15\n\xA4",
+       "\n#vim: fileencoding=iso-8859-15\n\xE2\x82\xAC"},
+      {"by the C library", "# coding=cp1252\r\n\x80", "# coding=cp1252\r\n\xE2\x82\xAC"},
+      {"of several bytes", "# coding: euc-jp\n\xA4\xA2", "# coding: euc-jp\n\xE3\x81\x82"},
+      {"a declaration behind code is none", "x = 1\n# coding: latin-1\n" + e8,
+       "x = 1\n# coding: latin-1\n" + e8},
+      {"nor is one in the third line", "#\n#\n# coding: latin-1\n" + e8,
+       "#\n#\n# coding: latin-1\n" + e8},
+  };
+  for (const CCase& c : cases) {
+    EXPECT_EQ(ReadSourceFile(Write("t.py", c.bytes)).source, c.text) << c.why;
+  }
+}
+
+TEST_F(SourceFileTest, WhatCannotBeReadNamesTheFile) {
+  fs::create_directory(Path("folder"));
+  ASSERT_EQ(mkfifo(Path("pipe").c_str(), 0600), 0);
+  const std::string cases[][2] = {
+      {Path("missing.py"), "cannot be opened"},
+      {Path("folder"), "is a folder"},
+      {Path("pipe"), "not a plain file"},
+      {Write("u.py", "# coding: no-such-code\n"), "unknown encoding: no-such-code"},
+      {Write("w.py", "# coding: ascii\n\xE9"), "not text in the encoding"},
+      {Write("m.py", "\xEF\xBB\xBF# coding: latin-1\n"), "the mark of UTF-8"},
+      {Write("x.py", "# coding: utf-16\n"), "cannot be in: utf-16"},
+  };
+  for (const auto& [path, why] : cases) {
+    try {
+      ReadSourceFile(path);
+      ADD_FAILURE() << path;
+    } catch (const CValueError& error) {
+      EXPECT_THAT(error.what(), testing::AllOf(testing::StartsWith(path), testing::HasSubstr(why)));
+    }
+  }
+}
+
+TEST_F(SourceFileTest, DiskTimesAreOfTheFileAndNeverMarkers) {
+  const std::string path = Write("t.py", "x");
+  EXPECT_EQ(ReadSourceFile(path).disk_mtime, GetFileDiskTime(path));
+  EXPECT_EQ(GetFileDiskTime(Path("missing.py")), 0.0);
+  EXPECT_EQ(GetFileDiskTime(Path("t.py/x.py")), 0.0);
+  const auto set_time = [&](time_t seconds, long nanoseconds) {
+    const timespec times[2] = {{seconds, nanoseconds}, {seconds, nanoseconds}};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+  };
+  set_time(1700000000, 500000000);
+  EXPECT_EQ(GetFileDiskTime(path), 1700000000.5);
+  // Builds that date all files to the start of time must not make them look missing.
+  for (const time_t seconds : {0, 1}) {
+    set_time(seconds, 0);
+    EXPECT_GT(GetFileDiskTime(path), 1.0);
+    EXPECT_LT(GetFileDiskTime(path), 1.1);
+  }
+}
+
+TEST_F(SourceFileTest, ImportsResolve) {
+  for (const char* const name : {"top/pkg/__init__.py", "top/pkg/a.py", "top/pkg/sub/__init__.pyi",
+                                 "top/pkg/sub/b.py", "top/pkg/a/__init__.py", "top/pkg/stub.pyi",
+                                 "top/other.py", "root/lib.py", "root/other.py", "root/ns/m.py"}) {
+    Write(name);
+  }
+  CLocationCache cache;
+  CFileImportResolver resolver(cache, {Path("root")});
+  const Loc from = cache.GetLocationForPath(Path("top/pkg/sub/b.py"));
+  const auto resolve = [&](TextView module) {
+    const Loc found = resolver.Resolve(from, module);
+    return found ? PathForLocation(found)->substr(_fFolder.size() + 1) : "-";
+  };
+  const std::pair<const char*, const char*> cases[] = {
+      {".b", "top/pkg/sub/b.py"},
+      {".", "top/pkg/sub/__init__.pyi"},
+      {"..", "top/pkg/__init__.py"},
+      {"..a", "top/pkg/a.py"},  // before a/__init__.py
+      {"..stub", "top/pkg/stub.pyi"},
+      {"...other", "top/other.py"},
+      {"lib", "root/lib.py"},
+      {"other", "root/other.py"},  // roots first
+      {"pkg.a", "top/pkg/a.py"},
+      {"pkg", "top/pkg/__init__.py"},
+      {"ns.m", "root/ns/m.py"},
+      {"ns", "-"},
+      {"a", "-"},
+      {"", "-"},
+      {"lib.", "-"},
+      {"..................x", "-"},
+      {"/lib", "-"},
+      {"pkg./a", "-"},
+  };
+  for (const auto& [module, path] : cases) {
+    EXPECT_EQ(resolve(module), path) << module;
+  }
+  // Answers are kept until they are cleared.
+  Write("root/a.py");
+  EXPECT_EQ(resolve("a"), "-");
+  resolver.Clear();
+  EXPECT_EQ(resolve("a"), "root/a.py");
+}
+
+}  // namespace
+}  // namespace pysource::standalone
