@@ -15,6 +15,10 @@ constexpr int kReaderUrgency = 20;
 constexpr int kDefaultUrgency = 10;
 constexpr int kBulkUrgency = 0;
 
+// How often the records of one scan are handed over again because others of it made them stale.
+// Once settles what real code does; a scanner whose records chased each other for ever must not.
+constexpr int kMostRoundsInFile = 4;
+
 int UrgencyOf(Priority priority) {
   // Of the reports, scopes that change under the user's hands (1) come before files that changed
   // outside (2).
@@ -56,9 +60,22 @@ uint64_t CScanRunner::ContentOf(Loc loc) const {
 void CScanRunner::CB_NeedsScanAdded(const CNeedsScanSet& needs_scan, Priority priority) {
   ++_fWorld;
   for (const CNeedsScan& scan : needs_scan) {
+    WithdrawClaim(scan);
     Want(scan.scanned_loc, scan.scanned_scope, scan.scan_name, UrgencyOf(priority));
   }
   Dispatch();
+}
+
+// A file that waits to be written, its module scope among what became stale, must not claim its
+// scans as done: what is written next would lack the scope that the claim stands on.
+void CScanRunner::WithdrawClaim(const CNeedsScan& scan) {
+  if (scan.scan_name != kNamesScan || !IsTopLevelModuleScope(scan.scanned_scope)) {
+    return;
+  }
+  const scopeinfo::CPerFilePtr* const entry = _fCache.DbgGetPerFileDict().Find(scan.scanned_loc);
+  if (entry != nullptr && !(*entry)->all_db_scope_names.contains(kModuleScopeName)) {
+    (*entry)->SetScansDone("");
+  }
 }
 
 void CScanRunner::RequestFile(Loc loc, Priority priority) {
@@ -145,8 +162,9 @@ size_t CScanRunner::HandOverReady(unsigned wait_ms) {
 void CScanRunner::HandOver(CScanJobResult result) {
   const Loc loc = result.job.loc;
   --_fInHand;
+  // It counts as in hand until everything of it is handed over, so that what is asked for meanwhile
+  // waits.
   const Wanted wanted = std::exchange(_fStates[loc].running, {});
-  _fStates[loc].in_hand = false;
 
   // What happened to the file meanwhile is told before anything of the result is: the cache then
   // moves its entry to the present time, and asks for what that makes stale.
@@ -159,30 +177,38 @@ void CScanRunner::HandOver(CScanJobResult result) {
   if (result.error.empty() && !is_present) {
     ++_fCounts.dropped;
     Want(loc, kWildcardScope, kNamesScan, wanted.urgency);
+  } else if (!result.error.empty() && content != result.job.content) {
+    // Another content by now: that one may be readable.
+    Want(loc, kWildcardScope, kNamesScan, wanted.urgency);
   } else if (!result.error.empty()) {
-    FileState& state = _fStates[loc];
-    if (content != result.job.content) {
-      // Another content by now: that one may be readable.
-      Want(loc, kWildcardScope, kNamesScan, wanted.urgency);
-    } else if (state.failed_content != content) {
-      state.failed_content = content;
-      if (fOnFailure) {
-        fOnFailure({loc, result.error});
-      }
-    }
+    Fail(loc, content, result.error);
   } else {
-    AddResults(result, wanted);
-    FileState& state = _fStates[loc];
-    // After the results, whose own changes are no reason to run the scan again.
-    state.content = content;
-    state.world = _fWorld;
-    state.ran = wanted;
-    state.failed_content = 0;
-    if (fOnScanned) {
-      fOnScanned(loc, result.scan);
+    try {
+      AddResults(result, wanted);
+      FileState& state = _fStates[loc];
+      // After the results, whose own changes are no reason to run the scan again.
+      state.content = content;
+      state.world = _fWorld;
+      state.ran = wanted;
+      state.failed_content = 0;
+      if (fOnScanned) {
+        fOnScanned(loc, result.scan);
+      }
+    } catch (const std::exception& error) {
+      // The database, or a handler of the cache's signals. What was added is; the rest is tried
+      // again when the file has changed.
+      Fail(loc, content, std::string("its scan could not be taken in: ") + error.what());
     }
   }
+  _fStates[loc].in_hand = false;
   Dispatch();
+}
+
+void CScanRunner::Fail(Loc loc, uint64_t content, const std::string& message) {
+  FileState& state = _fStates[loc];
+  if (std::exchange(state.failed_content, content) != content && fOnFailure) {
+    fOnFailure({loc, message});
+  }
 }
 
 void CScanRunner::AddResults(const CScanJobResult& result, const Wanted& wanted) {
@@ -191,11 +217,39 @@ void CScanRunner::AddResults(const CScanJobResult& result, const Wanted& wanted)
   _fCounts.source_bytes += result.source_bytes;
   _fCounts.syntax_errors += result.scan.error_count;
   _fCounts.files_with_syntax_errors += result.scan.error_count != 0 ? 1 : 0;
-  // Classes last, and names before attributes. What a method sets on its instance is information
-  // for its class, which the class's own record has seen; and the attributes rest on the names of
-  // their scope. In any other order a record would make one stale that was handed over a moment
-  // before.
-  const auto add_all = [&](bool of_classes, TextView scan_name) {
+  AddWanted(result, wanted);
+  // A record can make another one of the same scan stale: what a function sets on its own module is
+  // news for the record of the module. What is wanted then is here already and is handed over
+  // again, which settles it: a record that comes out unchanged is news for nobody.
+  for (int round = 0; round < kMostRoundsInFile; ++round) {
+    const auto again = _fWanted.find(loc);
+    if (again == _fWanted.end() || again->second.all) {
+      break;
+    }
+    const Wanted stale = std::move(again->second);
+    _fWanted.erase(again);
+    AddWanted(result, stale);
+  }
+  if (!wanted.all) {
+    return;
+  }
+  // Only now: the primary scan is claimed done after its module scope is there.
+  for (const TextView scan_name : {kNamesScan, kAttrsScan}) {
+    _fCache.ChangeScansDone(loc, scan_name, true);
+    _fCache.FinishedWithScans(loc, kWildcardScope, scan_name);
+  }
+  // Written at once, one transaction a file. What is written can be trimmed, so a long run stays
+  // small, and a kill loses the file in hand at most.
+  _fCache.WriteToDatabase({loc});
+}
+
+// Hands over what is wanted of the result: classes last, and names before attributes. What a method
+// sets on its instance is information for its class, which the class's own record has seen; and the
+// attributes rest on the names of their scope. In any other order a record would make one stale
+// that was handed over a moment before.
+void CScanRunner::AddWanted(const CScanJobResult& result, const Wanted& wanted) {
+  const Loc loc = result.job.loc;
+  const auto add = [&](bool of_classes, TextView scan_name) {
     bool is_class = false;
     for (const CScanResult& scan : result.scan.results) {
       if (scan.scan_name == kNamesScan) {
@@ -212,20 +266,12 @@ void CScanRunner::AddResults(const CScanJobResult& result, const Wanted& wanted)
       _fCache.AddScopeInfoListForSingleScan(loc, scan.scanned_scope, scan.scan_name, scan.infos);
     }
   };
-  add_all(false, kNamesScan);
-  add_all(false, kAttrsScan);
-  add_all(true, kNamesScan);
-  add_all(true, kAttrsScan);
-  if (wanted.all) {
-    // Only now: the primary scan is claimed done after its module scope is there.
-    for (const TextView scan_name : {kNamesScan, kAttrsScan}) {
-      _fCache.ChangeScansDone(loc, scan_name, true);
-      _fCache.FinishedWithScans(loc, kWildcardScope, scan_name);
-    }
-  } else {
-    for (const auto& [scope, scan_name] : wanted.scans) {
-      _fCache.FinishedWithScans(loc, scope, scan_name);
-    }
+  add(false, kNamesScan);
+  add(false, kAttrsScan);
+  add(true, kNamesScan);
+  add(true, kAttrsScan);
+  for (const auto& [scope, scan_name] : wanted.scans) {
+    _fCache.FinishedWithScans(loc, scope, scan_name);
   }
 }
 

@@ -102,7 +102,10 @@ class CScanRunner final : public CDestroyable {
   void Dispatch();
   void GiveJob(Loc loc, Wanted wanted);
   void HandOver(CScanJobResult result);
+  void Fail(Loc loc, uint64_t content, const std::string& message);
   void AddResults(const CScanJobResult& result, const Wanted& wanted);
+  void AddWanted(const CScanJobResult& result, const Wanted& wanted);
+  void WithdrawClaim(const CNeedsScan& scan);
   // Tells the contents of a file apart; never 0.
   uint64_t ContentOf(Loc loc) const;
 
