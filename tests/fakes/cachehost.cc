@@ -87,6 +87,54 @@ Loc CCacheHost::File(TextView name) {
   return loc;
 }
 
+scopeinfo::CScopeInfoKey KeyOf(const CRecordSpec& spec) {
+  return {spec.loc, spec.scope, spec.scan, spec.scanned_loc ? spec.scanned_loc : spec.loc,
+          spec.scanned_scope.value_or(spec.scope)};
+}
+
+scopeinfo::CScopeInfoPtr MakeRecord(const CRecordSpec& spec) {
+  auto info = std::make_shared<scopeinfo::CScopeInfo>(KeyOf(spec), "", spec.mtime, spec.incomplete,
+                                                      spec.missing);
+  info->SetInfoBytes("x", spec.x);
+  if (!spec.seen.empty()) {
+    info->scope_seen_dict = std::make_shared<CScopesSeenDict>();
+    for (const auto& [ref, time] : spec.seen) {
+      info->scope_seen_dict->Set(ref, time);
+    }
+  }
+  info->FinishedBuilding();
+  return info;
+}
+
+Text CCacheTest::Standing(const scopeinfo::CScopeInfoKey& key) {
+  const scopeinfo::CCrossFileData& cross = Cross();
+  Text letters;
+  letters += cross._fAllInfoKeys.contains(key) ? "M" : "";
+  letters += cross._fAllNeedsScanInfoKeys.contains(key) ? "N" : "";
+  letters += cross._fAllInDatabaseInfoKeys.contains(key) ? "D" : "";
+  letters += cross._fAllToWriteInfoKeys.contains(key) ? "W" : "";
+  letters += cross._fAllCouldNotWriteInfoKeys.contains(key) ? "C" : "";
+  return letters + (cross.LookupExistingSourceInfo(key) != nullptr ? "L" : "");
+}
+
+Text CCacheTest::Read(Loc loc, TextView scope, bool merge_secondary) {
+  scopeinfo::CNeedsScanDict needs_scan;
+  const auto info = Cache().GetScopeInfo(loc, scope, merge_secondary, &needs_scan);
+  std::set<Text> needs;
+  for (const auto& [ref, scans] : needs_scan) {
+    needs.insert(NameOf(ref.loc) + ":" + ref.scope + " " +
+                 Joined(std::set<Text>(scans.begin(), scans.end())));
+  }
+  return (info == nullptr ? "None" : "x=" + Text(info->GetInfoBytes("x").value_or(""))) +
+         " needs=" + Joined(needs);
+}
+
+std::vector<Text> CCacheTest::Printed(const std::function<void()>& run) {
+  CCapturedOutput output;
+  run();
+  return output.Take();
+}
+
 CCapturedOutput::CCapturedOutput() : _fFile(std::tmpfile()), _fStdout(dup(STDOUT_FILENO)) {
   std::fflush(stdout);
   dup2(fileno(_fFile), STDOUT_FILENO);

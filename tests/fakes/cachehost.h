@@ -140,6 +140,53 @@ struct CCacheHost {
   std::function<void()> fOnEvent;
 };
 
+// One record; what a test does not name is the plainest there is.
+struct CRecordSpec {
+  Loc loc;
+  Text scope;
+  Text scan = ":names";
+  Loc scanned_loc = nullptr;                         // absent: loc
+  std::optional<Text> scanned_scope = std::nullopt;  // absent: scope
+  Bytes x = ":s1";                                   // what the name "x" is
+  std::vector<std::pair<CScopeRef, DiskTime>> seen = {};
+  bool incomplete = false;
+  bool missing = false;
+  std::optional<DiskTime> mtime = std::nullopt;
+};
+scopeinfo::CScopeInfoPtr MakeRecord(const CRecordSpec& spec);
+scopeinfo::CScopeInfoKey KeyOf(const CRecordSpec& spec);
+
+// A test case with a cache, in which files "a.py", "b.py" and "c.py" have the time 2.0 on disk.
+class CCacheTest : public CWorldTest {
+ protected:
+  CCacheTest() { fHost.Restart(); }
+
+  scopeinfo::CInfoCache& Cache() { return *fHost.fCache; }
+  CMemoryAnalysisDb& Db() { return *fHost.fDb; }
+  scopeinfo::CCrossFileData& Cross() { return Cache().DbgGetCrossFileData(); }
+  scopeinfo::CPerFilePtr Entry(Loc loc) { return fHost.fCache->GetPerFile(loc, true); }
+  // Answers the scan of the record with this one record.
+  void Scan(const CRecordSpec& spec) {
+    const scopeinfo::CScopeInfoPtr info = MakeRecord(spec);
+    Cache().AddScopeInfoListForSingleScan(info->scanned_loc, *info->scanned_scope, spec.scan,
+                                          {info});
+  }
+  // The letters of the key sets that the key is in: M known, N needs scan, D in the database, W to
+  // write, C could not be written, L has a live record.
+  Text Standing(const scopeinfo::CScopeInfoKey& key);
+  // What GetScopeInfo says: "x=... needs={...}" or "None needs={...}".
+  Text Read(Loc loc, TextView scope, bool merge_secondary = true);
+  // Runs it and returns the lines that it printed.
+  static std::vector<Text> Printed(const std::function<void()>& run);
+  std::vector<Text> TakeEvents() { return std::exchange(fHost.fEvents, {}); }
+  std::vector<Text> TakeCalls() { return std::exchange(Db().fCalls, {}); }
+
+  CCacheHost fHost{fWorld};
+  const Loc kA = fHost.File("a.py");
+  const Loc kB = fHost.File("b.py");
+  const Loc kC = fHost.File("c.py");
+};
+
 // What is printed on the standard output while this lives. Nothing else is printed meanwhile, so
 // end it before a test reports a failure.
 class CCapturedOutput {

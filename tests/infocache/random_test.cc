@@ -743,6 +743,10 @@ void CTwins::Write() {
         fModel->WriteToDatabase(all ? nullptr : &locs);
         return Text();
       });
+  // With nothing left to write, idle calls trim.
+  for (int i = 0; i < 3 && all; ++i) {
+    Idle();
+  }
 }
 
 void CTwins::ClearSome() {
