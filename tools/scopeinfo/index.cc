@@ -72,14 +72,17 @@ std::string Summary(const COptions& options, const standalone::CFoundFiles& foun
   }
   const standalone::CScanWorkTimes& times = report.worker_times;
   text += "\n";
-  line("stage", "time");
-  line("find", fmt::format("{:.2f} s", find_seconds));
-  line("compare", fmt::format("{:.2f} s with what the database holds", report.plan_seconds));
-  line("scan", fmt::format("{:.2f} s, storing included; {:.2f} s of processor time in {}: "
-                           "{:.2f} s reading, {:.2f} s scanning, {:.2f} s encoding",
-                           report.scan_seconds, times.read + times.scan + times.encode,
-                           Counted(options.jobs, "thread"), times.read, times.scan, times.encode));
-  line("store", fmt::format("{:.2f} s, beside the scanning", report.store_seconds));
+  const auto stage = [&text](std::string_view name, double seconds, std::string_view remark) {
+    text +=
+        fmt::format("  {:<9} {:7.2f} s{}{}\n", name, seconds, remark.empty() ? "" : "  ", remark);
+  };
+  stage("find", find_seconds, "");
+  stage("compare", report.plan_seconds, "with what the database holds");
+  stage("scan", report.scan_seconds, fmt::format("in {}", Counted(options.jobs, "thread")));
+  stage("  read", times.read, "of processor time");
+  stage("  parse", times.scan, "");
+  stage("  encode", times.encode, "");
+  stage("store", report.store_seconds, "beside the scanning");
 
   AddNotes(text, report.unreadable, "could not be read", options.verbose,
            [](const standalone::CPathNote& note) { return NoteLine(note.path, note.text); });

@@ -16,7 +16,7 @@ using std::chrono::milliseconds;
 
 // Often enough to look alive, seldom enough to cost nothing.
 constexpr milliseconds kBarInterval{100};
-constexpr milliseconds kLineInterval{2000};
+constexpr milliseconds kLineInterval{5000};
 constexpr size_t kBarWidth = 24;
 
 size_t TerminalWidth() {
