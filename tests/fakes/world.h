@@ -6,10 +6,11 @@
 // test. So make the world first, and let everything else end before it.
 #pragma once
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <cstdint>
 
-#include "gmock/gmock.h"
-#include "gtest/gtest.h"
 #include "pysource/host/infocachebase.h"
 #include "pysource/host/location.h"
 #include "pysource/host/manualloop.h"

@@ -267,7 +267,7 @@ TEST_F(ScopeInfoSerializerTest, RandomRecordsAndDamageAsTheNaiveCodecHasThem) {
     return result;
   };
   size_t readable = 0;
-  for (int round = 0; round < 1500; ++round) {
+  for (int round = 0; round < 500; ++round) {
     SCOPED_TRACE(round);
     CNaiveRecord record;
     record.ibytes = text();
@@ -303,7 +303,7 @@ TEST_F(ScopeInfoSerializerTest, RandomRecordsAndDamageAsTheNaiveCodecHasThem) {
       readable += expected ? 1 : 0;
     }
   }
-  EXPECT_GT(readable, 1000U) << "the damage was too rough to tell much";
+  EXPECT_GT(readable, 500U) << "the damage was too rough to tell much";
 }
 
 TEST_F(ScopeInfoSerializerTest, AMessageThatFailsLeavesItsTokensUntilClear) {
