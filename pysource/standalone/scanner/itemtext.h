@@ -11,7 +11,7 @@
 namespace pysource::standalone {
 
 // Where the text of an expression is cut off (with "..." and the brackets that are still open). Of
-// the expressions in the standard library's values, 99 of 100 are shorter.
+// the expressions in the standard library's values, 99 of 100 have less than 85 bytes.
 inline constexpr size_t kMostExpressionText = 256;
 
 // Appends the text of the expression that is `source`.

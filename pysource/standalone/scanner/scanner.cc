@@ -147,6 +147,7 @@ class CScanner::CImpl {
 
   const CImportResolver& _fResolver;
   const CScanRequest* _fRequest = nullptr;
+  bool _fIncomplete = false;
   Bytes _fCopy;  // of a source that had to be mended
   CSyntaxTree _fTree;
   CBindings _fBindings;
@@ -163,7 +164,8 @@ CFileScan CScanner::CImpl::Scan(const CScanRequest& request) {
   }
   _fRequest = &request;
   const CGuardedSource guarded = GuardSource(request.source, _fCopy);
-  _fTree.Parse(guarded.source);
+  // What was given up for lack of time is not the last word on this content.
+  _fIncomplete = !_fTree.Parse(guarded.source) || request.incomplete;
   _fVisitor.Visit(_fTree, _fBindings);
   ResolveAttributes();
 
@@ -233,7 +235,7 @@ CScopeInfoPtr CScanner::CImpl::MakeNamesInfo(uint32_t scope) {
   }
   auto info = std::make_shared<CScopeInfo>(
       CScopeInfoKey(_fRequest->loc, entry.name, kNamesScan, _fRequest->loc, entry.name), arena,
-      arena.Store(entry.ibytes), _fRequest->disk_mtime, _fRequest->incomplete, false);
+      arena.Store(entry.ibytes), _fRequest->disk_mtime, _fIncomplete, false);
   for (const uint32_t i : _fNames) {
     const CNameEntry& name = _fBindings.Name(i);
     const size_t size = name.item_bytes + name.item_count - 1;
@@ -371,8 +373,7 @@ CScopeInfoPtr CScanner::CImpl::MakeAttrsInfo(std::vector<CResolved>::iterator be
       is_own ? BytesView(_fBindings.Scope(begin->for_scope).ibytes) : BytesView();
   auto info = std::make_shared<CScopeInfo>(
       CScopeInfoKey(begin->for_loc, for_scope, kAttrsScan, _fRequest->loc, scanned), ibytes,
-      is_own ? std::optional<DiskTime>(_fRequest->disk_mtime) : std::nullopt,
-      _fRequest->incomplete);
+      is_own ? std::optional<DiskTime>(_fRequest->disk_mtime) : std::nullopt, _fIncomplete);
   info->scope_seen_dict = MakeScopesSeen(begin->scanned_scope);
   for (auto at = begin; at != end;) {
     // The same attribute can be set under several names (a.x and b.x of one module).

@@ -13,6 +13,8 @@
 // says in it is told above the code, in scanner.cc.
 //
 // Nothing in the source makes a scan fail: any bytes give the records of what can be understood.
+// Records are marked incomplete when the request says so, or when the parser could not come to an
+// end with a hostile source in good time.
 #pragma once
 
 #include <cstddef>
@@ -53,8 +55,7 @@ struct CFileScan {
 };
 
 // One for each thread, used again and again: it keeps the parser and its scratch memory. The
-// records of one CFileScan share memory with each other and must stay in one thread or move to
-// another one together.
+// records are the caller's: each has memory of its own and moves to another thread as a whole.
 class CScanner {
  public:
   // The resolver must outlive the scanner.

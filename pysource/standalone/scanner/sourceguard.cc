@@ -186,8 +186,9 @@ class CNestingGuard {
         return;
       case Class::kOperator:
         ++_fAt;
-        Count(begin);
-        Token(c == ':' ? Last::kColon : Last::kUnfinished);
+        if (Count(begin)) {
+          Token(c == ':' ? Last::kColon : Last::kUnfinished);
+        }
         return;
       case Class::kWord:
         while (_fAt < _fSource.size() &&
@@ -199,11 +200,12 @@ class CNestingGuard {
           BeginString(begin);
           return;
         }
-        Count(begin);
-        Token(std::find(kUnfinishedWords.begin(), kUnfinishedWords.end(),
-                        _fSource.substr(begin, _fAt - begin)) != kUnfinishedWords.end()
-                  ? Last::kUnfinished
-                  : Last::kWhole);
+        if (Count(begin)) {
+          Token(std::find(kUnfinishedWords.begin(), kUnfinishedWords.end(),
+                          _fSource.substr(begin, _fAt - begin)) != kUnfinishedWords.end()
+                    ? Last::kUnfinished
+                    : Last::kWhole);
+        }
         return;
     }
   }
@@ -265,10 +267,11 @@ class CNestingGuard {
     frame.kept = left;
   }
 
-  void Count(size_t begin) {
+  // Counts the token from `begin` to here; false when it had to be blanked.
+  bool Count(size_t begin) {
     if (_fPending >= kMostPending) {
       Blank(begin, _fAt);
-      return;
+      return false;
     }
     CFrame& top = Top();
     ++top.pending;
@@ -277,6 +280,7 @@ class CNestingGuard {
     if (_fSource.substr(begin, _fAt - begin) == "lambda") {
       ++top.kept;
     }
+    return true;
   }
 
   void CountExtra(size_t begin, size_t end) {
@@ -307,6 +311,7 @@ class CNestingGuard {
       return;
     }
     if (_fDepth == 0) {
+      Count(begin);  // it closes nothing, so it may well be kept
       return;
     }
     const CFrame closed = Top();

@@ -132,6 +132,12 @@ struct CTreeDeleter {
   void operator()(TSTree* tree) const { ts_tree_delete(tree); }
 };
 
+// The parser is given up after this time: where much is wrong in one statement, recovering from
+// each error costs time in proportion to all of them. A hundred times what it takes for code that
+// is merely long, so that a busy machine or a sanitizer does not matter.
+constexpr uint64_t kMostMicroseconds = 10'000'000;
+constexpr uint64_t kMostMicrosecondsPerByte = 25;
+
 // More nodes than this are given back after a file, so that one huge file does not hold its memory
 // for good: 20 MB.
 constexpr size_t kMostNodesKept = size_t{1} << 20;
@@ -149,7 +155,7 @@ CSyntaxTree::CSyntaxTree() : _fParser(ts_parser_new()) {
 
 CSyntaxTree::~CSyntaxTree() { ts_parser_delete(_fParser); }
 
-void CSyntaxTree::Parse(BytesView source) {
+bool CSyntaxTree::Parse(BytesView source) {
   _fSource = source;
   _fErrorCount = 0;
   _fFirstErrorLine = 0;
@@ -158,12 +164,17 @@ void CSyntaxTree::Parse(BytesView source) {
   }
   _fNodes.clear();
   ts_parser_reset(_fParser);
+  ts_parser_set_timeout_micros(_fParser,
+                               kMostMicroseconds + kMostMicrosecondsPerByte * source.size());
   const std::unique_ptr<TSTree, CTreeDeleter> tree(ts_parser_parse_string(
       _fParser, nullptr, source.data(), static_cast<uint32_t>(source.size())));
   if (tree == nullptr) {
-    throw CValueError("the parser gave up");  // only without a language, or when told to
+    _fNodes.push_back(CNode{0, static_cast<uint32_t>(source.size()), 1, 0, Tag::kModule, 0});
+    NoteError(0);
+    return false;
   }
   Flatten(tree.get());
+  return true;
 }
 
 void CSyntaxTree::NoteError(uint32_t row) {

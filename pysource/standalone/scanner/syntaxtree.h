@@ -125,8 +125,9 @@ class CSyntaxTree {
   CSyntaxTree& operator=(const CSyntaxTree&) = delete;
 
   // Parses the source, which must stay as long as nodes are looked at, and be fit for the parser
-  // (sourceguard.h). Node 0 is the whole file.
-  void Parse(BytesView source);
+  // (sourceguard.h). Node 0 is the whole file. False when the parser did not come to an end in good
+  // time: then there is no other node.
+  bool Parse(BytesView source);
 
   NodeIndex Size() const { return static_cast<NodeIndex>(_fNodes.size()); }
   CNode& operator[](NodeIndex i) { return _fNodes[i]; }
