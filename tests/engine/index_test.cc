@@ -1,5 +1,7 @@
 // The indexer and its check, over real files in a folder of the test's own.
 #include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 
@@ -12,8 +14,6 @@
 #include <string>
 #include <vector>
 
-#include "gmock/gmock.h"
-#include "gtest/gtest.h"
 #include "pysource/scopeinfo/records/scopeinfo.h"
 #include "pysource/standalone/engine/filerows.h"
 #include "pysource/standalone/engine/findfiles.h"

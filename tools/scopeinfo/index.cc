@@ -3,10 +3,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <filesystem>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <vector>
 
 #include "pysource/standalone/engine/findfiles.h"
@@ -120,10 +118,9 @@ int RunIndex(const COptions& options) {
                           },
                           IsInterrupted});
   }
-  std::error_code error;
-  const auto database_bytes = std::filesystem::file_size(db->Path(), error);
-  Write(Summary(options, found, report, error ? 0 : database_bytes, find_seconds,
-                SecondsSince(start)));
+  // The pages, not the file: the last saves are still in the log beside it.
+  const size_t database_bytes = report.scanned > 0 ? db->Stats().database_bytes : 0;
+  Write(Summary(options, found, report, database_bytes, find_seconds, SecondsSince(start)));
   FlushOutput();
   for (const standalone::CPathNote& note : report.not_stored) {
     Complain("not stored: " + NoteLine(note.path, note.text));
