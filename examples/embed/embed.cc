@@ -1,5 +1,6 @@
 // A host of its own for the info cache, as small as one can be: no SQLite, no main loop library, no
-// parser. Read it from main() at the bottom; each service above is what the cache needs of your editor.
+// parser. Read it from main() at the bottom; each service above is what the cache needs of your
+// editor.
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -37,7 +38,8 @@ class CMapDb final : public CAnalysisDb {
     CScansDoneDict done;
     for (const auto& [loc, mtime] : asked) {
       const auto file = _fFiles.find(loc->fUrl);
-      if (file != _fFiles.end() && file->second.mtime == mtime) done.Set(loc, file->second.scans_done);
+      if (file != _fFiles.end() && file->second.mtime == mtime)
+        done.Set(loc, file->second.scans_done);
     }
     return done;
   }
@@ -76,7 +78,8 @@ class CMapDb final : public CAnalysisDb {
   std::map<Text, File> _fFiles;
 };
 
-// ---- 2. Files, buffers and analyses. An editor has all three; here there is one file, never edited.
+// ---- 2. Files, buffers and analyses. An editor has all three; here there is one file, never
+// edited.
 constexpr DiskTime kTime = 1234567890.5;
 
 class CFileOnDisk final : public CResourceLocation {
@@ -148,8 +151,8 @@ int main() {
     CScopeInfoPtr circle = cache.GetScopeInfo(loc, "Circle", true, &needs_scan);
     if (!needs_scan.empty()) {
       std::printf("life %d: to scan: %s\n", life, Repr(needs_scan).c_str());
-      // Run them; the whole file at once, since one parse gives all of its scopes. Results go back one
-      // scan of one scope at a time, then the scans are noted as done.
+      // Run them; the whole file at once, since one parse gives all of its scopes. Results go back
+      // one scan of one scope at a time, then the scans are noted as done.
       for (const char* const scope : {"", "Circle"}) {
         for (const Text& scan_name : cache.fScanNames) {
           cache.AddScopeInfoListForSingleScan(loc, scope, scan_name, Scan(loc, scope, scan_name));

@@ -87,18 +87,18 @@ Loc CCacheHost::File(TextView name) {
   return loc;
 }
 
-scopeinfo::CScopeInfoKey KeyOf(const CRecordSpec& spec) {
-  return {spec.loc, spec.scope, spec.scan, spec.scanned_loc ? spec.scanned_loc : spec.loc,
-          spec.scanned_scope.value_or(spec.scope)};
+scopeinfo::CScopeInfoKey KeyOf(const CRecordSpec& draft) {
+  return {draft.loc, draft.scope, draft.scan, draft.scanned_loc ? draft.scanned_loc : draft.loc,
+          draft.scanned_scope.value_or(draft.scope)};
 }
 
-scopeinfo::CScopeInfoPtr MakeRecord(const CRecordSpec& spec) {
-  auto info = std::make_shared<scopeinfo::CScopeInfo>(KeyOf(spec), "", spec.mtime, spec.incomplete,
-                                                      spec.missing);
-  info->SetInfoBytes("x", spec.x);
-  if (!spec.seen.empty()) {
+scopeinfo::CScopeInfoPtr MakeRecord(const CRecordSpec& draft) {
+  auto info = std::make_shared<scopeinfo::CScopeInfo>(KeyOf(draft), "", draft.mtime, draft.incomplete,
+                                                      draft.missing);
+  info->SetInfoBytes("x", draft.x);
+  if (!draft.seen.empty()) {
     info->scope_seen_dict = std::make_shared<CScopesSeenDict>();
-    for (const auto& [ref, time] : spec.seen) {
+    for (const auto& [ref, time] : draft.seen) {
       info->scope_seen_dict->Set(ref, time);
     }
   }

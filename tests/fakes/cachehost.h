@@ -153,8 +153,8 @@ struct CRecordSpec {
   bool missing = false;
   std::optional<DiskTime> mtime = std::nullopt;
 };
-scopeinfo::CScopeInfoPtr MakeRecord(const CRecordSpec& spec);
-scopeinfo::CScopeInfoKey KeyOf(const CRecordSpec& spec);
+scopeinfo::CScopeInfoPtr MakeRecord(const CRecordSpec& draft);
+scopeinfo::CScopeInfoKey KeyOf(const CRecordSpec& draft);
 
 // A test case with a cache, in which files "a.py", "b.py" and "c.py" have the time 2.0 on disk.
 class CCacheTest : public CWorldTest {
@@ -166,9 +166,9 @@ class CCacheTest : public CWorldTest {
   scopeinfo::CCrossFileData& Cross() { return Cache().DbgGetCrossFileData(); }
   scopeinfo::CPerFilePtr Entry(Loc loc) { return fHost.fCache->GetPerFile(loc, true); }
   // Answers the scan of the record with this one record.
-  void Scan(const CRecordSpec& spec) {
-    const scopeinfo::CScopeInfoPtr info = MakeRecord(spec);
-    Cache().AddScopeInfoListForSingleScan(info->scanned_loc, *info->scanned_scope, spec.scan,
+  void Scan(const CRecordSpec& draft) {
+    const scopeinfo::CScopeInfoPtr info = MakeRecord(draft);
+    Cache().AddScopeInfoListForSingleScan(info->scanned_loc, *info->scanned_scope, draft.scan,
                                           {info});
   }
   // The letters of the key sets that the key is in: M known, N needs scan, D in the database, W to

@@ -13,8 +13,8 @@ using ::testing::ElementsAre;
 
 class PerFileEntryTest : public fakes::CCacheTest {
  protected:
-  bool Store(const fakes::CRecordSpec& spec) {
-    return Entry(spec.loc)->StoreScopeInfo(MakeRecord(spec));
+  bool Store(const fakes::CRecordSpec& draft) {
+    return Entry(draft.loc)->StoreScopeInfo(MakeRecord(draft));
   }
   // The scan names of the records that would be merged, and what is to be scanned.
   Text ToMerge(Loc loc, TextView scope) {
@@ -151,13 +151,13 @@ TEST_F(PerFileEntryTest, StoringTellsWhatChanged) {
   } const kCases[] = {{-1.0, "ML", "ML"}, {1.0, "ML", "MWL"}, {0.0, "MWL", "MWL"}};
   for (const auto& [mtime, added, replaced] : kCases) {
     CPerFileEntry entry(Entry(kA)->fInfoCache, kB, mtime);
-    const auto spec = [&](const char* x) {
+    const auto draft = [&](const char* x) {
       return fakes::CRecordSpec{.loc = kB, .scope = "f", .x = x};
     };
-    EXPECT_TRUE(entry.StoreScopeInfo(MakeRecord(spec(":s1"))));
-    EXPECT_EQ(Standing(KeyOf(spec(""))), added) << mtime;
-    EXPECT_TRUE(entry.StoreScopeInfo(MakeRecord(spec(":s2"))));
-    EXPECT_EQ(Standing(KeyOf(spec(""))), replaced) << mtime;
+    EXPECT_TRUE(entry.StoreScopeInfo(MakeRecord(draft(":s1"))));
+    EXPECT_EQ(Standing(KeyOf(draft(""))), added) << mtime;
+    EXPECT_TRUE(entry.StoreScopeInfo(MakeRecord(draft(":s2"))));
+    EXPECT_EQ(Standing(KeyOf(draft(""))), replaced) << mtime;
     entry.ClearAllInfo();
   }
   EXPECT_THROW(Entry(kA)->SetSerializedRecord(key, "", "", "", true, nullptr, false, nullptr),
