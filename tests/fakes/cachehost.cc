@@ -93,8 +93,8 @@ scopeinfo::CScopeInfoKey KeyOf(const CRecordSpec& draft) {
 }
 
 scopeinfo::CScopeInfoPtr MakeRecord(const CRecordSpec& draft) {
-  auto info = std::make_shared<scopeinfo::CScopeInfo>(KeyOf(draft), "", draft.mtime, draft.incomplete,
-                                                      draft.missing);
+  auto info = std::make_shared<scopeinfo::CScopeInfo>(KeyOf(draft), "", draft.mtime,
+                                                      draft.incomplete, draft.missing);
   info->SetInfoBytes("x", draft.x);
   if (!draft.seen.empty()) {
     info->scope_seen_dict = std::make_shared<CScopesSeenDict>();
