@@ -21,7 +21,6 @@ const Text& ScannedScope(const CModel::Key& key) { return std::get<4>(key); }
 CModel::Triple TripleOf(const CModel::Key& key) {
   return {ScannedLoc(key), ScannedScope(key), Scan(key)};
 }
-Text Url(Loc loc) { return loc->Repr(); }
 
 bool IsFilteredIn(const CModel::Names* names, const Text& name) {
   return names == nullptr || names->contains("*") || names->contains(name);
@@ -43,9 +42,7 @@ Text CModel::TextOf(const Key& key) {
 }
 
 void CModel::Check(bool holds) const {
-  if (!holds && AssertionsActive()) {
-    throw CAssertionFailed();
-  }
+  if (!holds && AssertionsActive()) throw CAssertionFailed();
 }
 
 // ---- Keys.
@@ -53,9 +50,7 @@ void CModel::Check(bool holds) const {
 CModel::KeySet CModel::Keys(const KeySet& of, Loc for_loc, const Names* scopes) const {
   KeySet keys;
   for (const Key& key : of) {
-    if (ForLoc(key) == for_loc && IsFilteredIn(scopes, ForScope(key))) {
-      keys.insert(key);
-    }
+    if (ForLoc(key) == for_loc && IsFilteredIn(scopes, ForScope(key))) keys.insert(key);
   }
   return keys;
 }
@@ -79,16 +74,12 @@ size_t CModel::ToWriteCount(Loc loc, const Text& scope) const {
 
 void CModel::AddKey(const Key& key, const Info& info, bool remove_needs_scan) {
   M.insert(key);
-  if (remove_needs_scan) {
-    N.erase(key);
-  }
+  if (remove_needs_scan) N.erase(key);
   UpdateExisting(key, info);
 }
 
 void CModel::RemoveKey(const Key& key) {
-  for (KeySet* set : {&M, &N, &D, &W, &C}) {
-    set->erase(key);
-  }
+  for (KeySet* set : {&M, &N, &D, &W, &C}) set->erase(key);
   fExisting.erase(key);
   fDependentScans[key] = {};
 }
@@ -115,9 +106,7 @@ void CModel::UpdateExisting(const Key& key, const Info& info) {
   fExisting[key] = info;
   if (info->seen != nullptr) {
     fDependentScans[key] = {};
-    for (const auto& [ref, mtime] : *info->seen) {
-      fDependentScans[key].insert({ref.loc, ref.scope});
-    }
+    for (const auto& [ref, mtime] : *info->seen) fDependentScans[key].insert({ref.loc, ref.scope});
   }
 }
 
@@ -138,9 +127,7 @@ CModel::KeySet CModel::DependentKeys(Loc loc, const Text& scope) const {
 void CModel::ClearAllInfo(CFile& file, bool clear_db) {
   file.primary.clear();
   file.records.clear();
-  for (const Key& key : Keys(M, file.loc)) {
-    RemoveKey(key);
-  }
+  for (const Key& key : Keys(M, file.loc)) RemoveKey(key);
   file.clear_db = file.clear_db || clear_db;
   UpdateUnread(file);
 }
@@ -148,9 +135,7 @@ void CModel::ClearAllInfo(CFile& file, bool clear_db) {
 void CModel::UpdateUnread(CFile& file) {
   file.unread.clear();
   for (const Text& name : file.all_db) {
-    if (!file.records.contains(name)) {
-      file.unread.insert(name);
-    }
+    if (!file.records.contains(name)) file.unread.insert(name);
   }
 }
 
@@ -167,43 +152,29 @@ bool CModel::IsDone(const CFile& file, const Text& scan) const {
 
 void CModel::UpdateDiskMtime(CFile& file, DiskTime mtime, std::map<Loc, KeySet>& keys_dict) {
   const DiskTime old = file.mtime;
-  if (mtime == old) {
-    return;
-  }
+  if (mtime == old) return;
   file.mtime = mtime;
   file.all_db.clear();
   UpdateUnread(file);
-  for (const Key& key : Keys(D, file.loc)) {
-    D.erase(key);
-  }
+  for (const Key& key : Keys(D, file.loc)) D.erase(key);
   if (mtime != kEdited && old != kEdited) {
     const KeySet keys = ScannedKeys(M, file.loc);
-    for (const Key& key : keys) {
-      AddNeedsScan(key);
-    }
-    if (!keys.empty()) {
-      keys_dict[file.loc] = keys;
-    }
+    for (const Key& key : keys) AddNeedsScan(key);
+    if (!keys.empty()) keys_dict[file.loc] = keys;
     SetScansDone(file, "");
     return;
   }
   if (mtime != kEdited) {
     for (const Key& key : Keys(M, file.loc)) {
-      if (!N.contains(key)) {
-        AddToWrite(key);
-      }
+      if (!N.contains(key)) AddToWrite(key);
     }
   }
-  for (const auto& [scope, info] : file.primary) {
-    info->mtime = mtime;
-  }
+  for (const auto& [scope, info] : file.primary) info->mtime = mtime;
   for (const auto& [scope, records] : file.records) {
     for (const CRecord& record : records) {
       if (record.seen != nullptr) {
         for (auto& [ref, time] : *record.seen) {
-          if (ref.loc == file.loc && static_cast<float>(time) == old) {
-            time = mtime;
-          }
+          if (ref.loc == file.loc && static_cast<float>(time) == old) time = mtime;
         }
       }
     }
@@ -217,9 +188,7 @@ size_t CModel::Count(const CFile& file, const Text& scope) const {
 
 CModel::Names CModel::AllNames(const CFile& file) const {
   Names names = file.mtime == kEdited ? Names() : file.unread;
-  for (const auto& [scope, records] : file.records) {
-    names.insert(scope);
-  }
+  for (const auto& [scope, records] : file.records) names.insert(scope);
   return names;
 }
 
@@ -229,9 +198,7 @@ bool CModel::CheckScopesSeen(const CFile& file, const CScopesSeenDict& seen) {
     const DiskTime now = found != nullptr      ? found->mtime
                          : ref.loc == file.loc ? file.mtime
                                                : GetPerFile(ref.loc, true)->mtime;
-    if (now != mtime) {
-      return false;
-    }
+    if (now != mtime) return false;
   }
   return true;
 }
@@ -244,16 +211,12 @@ const CModel::CInfo CModel::Decode(const CFile& file, const CRecord& record) con
 std::optional<std::vector<CModel::Info>> CModel::ListToMerge(CFile& file, const Text& scope,
                                                              std::set<Ref>& seen,
                                                              NeedsDict& needs_scan) {
-  if (!file.records.contains(scope)) {
-    return std::nullopt;
-  }
+  if (!file.records.contains(scope)) return std::nullopt;
   std::vector<Info> list;
   Info primary;
   for (const CRecord& record : file.records[scope]) {
     if (record.seen != nullptr) {
-      for (const auto& [ref, time] : *record.seen) {
-        seen.insert({ref.loc, ref.scope});
-      }
+      for (const auto& [ref, time] : *record.seen) seen.insert({ref.loc, ref.scope});
     }
     const Ref scanned{ScannedLoc(record.key), ScannedScope(record.key)};
     Info info;
@@ -269,9 +232,7 @@ std::optional<std::vector<CModel::Info>> CModel::ListToMerge(CFile& file, const 
       needs_scan[scanned].insert(Scan(record.key));
       ++fRoadsTaken[0];
     }
-    if (info == nullptr || info->content.missing) {
-      continue;
-    }
+    if (info == nullptr || info->content.missing) continue;
     if (scanned.second == scope && Scan(record.key) == Primary()) {
       if (primary == nullptr) {
         primary = info;
@@ -323,36 +284,26 @@ bool CModel::SetRecord(CFile& file, const Key& key, const Bytes& data, const Byt
                       seen, incomplete};
   const bool had_list = file.records.contains(ForScope(key));
   std::vector<CRecord>& records = file.records[ForScope(key)];
-  if (!had_list) {
-    file.unread.erase(ForScope(key));
-  }
+  if (!had_list) file.unread.erase(ForScope(key));
   for (CRecord& record : records) {
-    if (record.key != key) {
-      continue;
-    }
+    if (record.key != key) continue;
     const Bytes old = record.data;
     record = fresh;
     const bool modified =
         old.substr(0, old.size() - 1) != fresh.data.substr(0, fresh.data.size() - 1);
     AddKey(key, info, true);
-    if (file.mtime != kEdited && (modified || !D.contains(key))) {
-      AddToWrite(key);
-    }
+    if (file.mtime != kEdited && (modified || !D.contains(key))) AddToWrite(key);
     return modified;
   }
   records.push_back(fresh);
   AddKey(key, info, true);
-  if (ValidOnDiskMtime(file.mtime) && !D.contains(key)) {
-    AddToWrite(key);
-  }
+  if (ValidOnDiskMtime(file.mtime) && !D.contains(key)) AddToWrite(key);
   return true;
 }
 
 bool CModel::RemoveRecords(CFile& file, const Text& scan, const Text& scope, Loc scanned_loc,
                            const Text& scanned_scope) {
-  if (!file.records.contains(scope)) {
-    return false;
-  }
+  if (!file.records.contains(scope)) return false;
   std::vector<CRecord>& records = file.records[scope];
   for (size_t i = 0; i < records.size(); ++i) {
     const Key key = records[i].key;
@@ -370,9 +321,7 @@ bool CModel::RemoveRecords(CFile& file, const Text& scan, const Text& scope, Loc
 
 CModel::File CModel::Find(Loc loc) const {
   for (const auto& [each, file] : fFiles) {
-    if (each == loc) {
-      return file;
-    }
+    if (each == loc) return file;
   }
   return nullptr;
 }
@@ -380,9 +329,7 @@ CModel::File CModel::Find(Loc loc) const {
 CModel::File CModel::GetPerFile(Loc loc, bool create) {
   File file = Find(loc);
   if (file == nullptr) {
-    if (!create) {
-      return nullptr;
-    }
+    if (!create) return nullptr;
     file = std::make_shared<CFile>();
     file->loc = loc;
     file->mtime = GetDiskMTime(loc);
@@ -390,9 +337,7 @@ CModel::File CModel::GetPerFile(Loc loc, bool create) {
     fFiles.emplace_back(loc, file);
     fWatched.insert(loc);
   }
-  if (!ValidOnDiskMtime(file->mtime) || !file->db_changed) {
-    return file;
-  }
+  if (!ValidOnDiskMtime(file->mtime) || !file->db_changed) return file;
   file->db_changed = false;
   const std::vector<Text> names = fDb.ReadScopeNames(loc, Primary(), file->mtime);
   file->all_db = Names(names.begin(), names.end());
@@ -405,9 +350,6 @@ CModel::File CModel::GetPerFile(Loc loc, bool create) {
     const CScansDoneDict done = fDb.GetScansDone(time);
     file->done = done.Find(loc) == nullptr ? "" : *done.Find(loc);
     if (IsDone(*file, Primary()) && !file->all_db.contains("")) {
-      Print("_GetPerFile(" + Url(loc) + "): no top level module scope in all_db_scope_names");
-      Print("  all_db_scope_names = " + Repr(file->all_db));
-      Print("  fScansDone = " + Repr(file->done));
       SetScansDone(*file, "");
       ++fRoadsTaken[1];
     }
@@ -433,9 +375,7 @@ DiskTime CModel::GetDiskMTime(Loc loc) {
 std::vector<Loc> CModel::GetSecondaryFiles(Loc loc) {
   if (!fSecondary.contains(loc)) {
     fSecondary[loc] = fHost.fFactory.fSecondary[loc];
-    for (const Loc other : fSecondary[loc]) {
-      fReverseSecondary[other].insert(loc);
-    }
+    for (const Loc other : fSecondary[loc]) fReverseSecondary[other].insert(loc);
   }
   return fSecondary[loc];
 }
@@ -452,9 +392,7 @@ bool CModel::IsContentThere(const CFile& file) const {
 }
 
 void CModel::ReadSecondary(Loc other, CFile& other_file, const Text& scope, NeedsDict& needs_scan) {
-  if (other_file.unread.contains(scope)) {
-    ReadList(other_file, {scope});
-  }
+  if (other_file.unread.contains(scope)) ReadList(other_file, {scope});
   if (Count(other_file, scope) == 0 && !IsDone(other_file, Primary()) &&
       fakes::CCacheHost::Fake(other).fExists) {
     needs_scan[{other, scope}].insert(Primary());
@@ -471,9 +409,7 @@ CModel::Merged CModel::GetScopeInfo(Loc loc, const Text& scope, bool merge_secon
       const CMergedEntry hit = fMerged[i];
       fMerged.erase(fMerged.begin() + static_cast<ptrdiff_t>(i));
       fMerged.push_front(hit);
-      if (needs_scan_dict != nullptr) {
-        *needs_scan_dict = hit.needs;
-      }
+      if (needs_scan_dict != nullptr) *needs_scan_dict = hit.needs;
       MarkReturned({loc, scope});
       hit.value->mtime = file->mtime;
       ++fRoadsTaken[2];
@@ -492,10 +428,6 @@ CModel::Merged CModel::GetScopeInfo(Loc loc, const Text& scope, bool merge_secon
         needs_scan[{loc, scope}].insert(Primary());
       }
       if (scope.empty() && IsDone(*file, Primary()) && IsContentThere(*file)) {
-        Print("GetScopeInfo(" + Url(loc) +
-              ", ''): top level module scope not read when primary scan is done");
-        Print("  scans_done = " + Repr(file->done));
-        Print("  all_db_scope_names = " + Repr(file->all_db));
         needs_scan[{loc, scope}].insert(Primary());
         ++fRoadsTaken[3];
       }
@@ -508,17 +440,13 @@ CModel::Merged CModel::GetScopeInfo(Loc loc, const Text& scope, bool merge_secon
         in_no_file = in_no_file && !other_file->unread.contains(scope);
         ReadSecondary(other, *other_file, scope, needs_scan);
       }
-      if (in_no_file) {
-        return nullptr;
-      }
+      if (in_no_file) return nullptr;
     }
   }
   std::optional<std::vector<Info>> list = ListToMerge(*file, scope, seen, needs_scan);
   for (const Loc other : others) {
     const File other_file = GetPerFile(other, true);
-    if (Count(*other_file, scope) == 0) {
-      ReadSecondary(other, *other_file, scope, needs_scan);
-    }
+    if (Count(*other_file, scope) == 0) ReadSecondary(other, *other_file, scope, needs_scan);
     const auto other_list = ListToMerge(*other_file, scope, seen, needs_scan);
     if (other_list && list) {
       list->insert(list->end(), other_list->begin(), other_list->end());
@@ -527,13 +455,9 @@ CModel::Merged CModel::GetScopeInfo(Loc loc, const Text& scope, bool merge_secon
       list = other_list;
     }
   }
-  if (!list) {
-    return nullptr;
-  }
+  if (!list) return nullptr;
   const Merged merged = std::make_shared<CMerged>(CMerged{*list, list->front()->mtime});
-  for (const auto& [ref, scans] : needs_scan) {
-    seen.insert(ref);
-  }
+  for (const auto& [ref, scans] : needs_scan) seen.insert(ref);
   fMerged.push_front({key, merged, needs_scan, seen});
   if (static_cast<ptrdiff_t>(fMerged.size()) > fLimits.kMaxInfoCount &&
       std::count(fIdles.begin(), fIdles.end(), Idle::kMergedTrim) == 0) {
@@ -548,17 +472,11 @@ std::vector<CModel::Merged> CModel::GetMultipleScopeInfos(Loc loc,
   const File file = GetPerFile(loc, true);
   Names wanted;
   for (const Text& scope : scopes) {
-    if (!file->records.contains(scope)) {
-      wanted.insert(scope);
-    }
+    if (!file->records.contains(scope)) wanted.insert(scope);
   }
-  if (!wanted.empty()) {
-    ReadList(*file, {wanted.begin(), wanted.end()});
-  }
+  if (!wanted.empty()) ReadList(*file, {wanted.begin(), wanted.end()});
   std::vector<Merged> result;
-  for (const Text& scope : scopes) {
-    result.push_back(GetScopeInfo(loc, scope, true, nullptr));
-  }
+  for (const Text& scope : scopes) result.push_back(GetScopeInfo(loc, scope, true, nullptr));
   return result;
 }
 
@@ -569,30 +487,22 @@ CModel::Names CModel::GetAllScopeNames(Loc loc, bool instances, bool secondary) 
       names.merge(GetAllScopeNames(other, false, false));
     }
   }
-  if (!instances) {
-    std::erase_if(names, [](const Text& name) { return name.ends_with(":"); });
-  }
+  if (!instances) std::erase_if(names, [](const Text& name) { return name.ends_with(":"); });
   return names;
 }
 
 std::vector<Text> CModel::NamesToRead(const CFile& file, const Text& scope) {
   const auto room = fLimits.kMaxInfoCount - static_cast<ptrdiff_t>(fUsed.size());
   const auto unread = static_cast<ptrdiff_t>(file.unread.size());
-  if (!file.unread.contains(scope)) {
-    return {};
-  }
+  if (!file.unread.contains(scope)) return {};
   if (unread < fLimits.kMaxForAllScopeRead && unread <= room &&
       2 * static_cast<ptrdiff_t>(file.primary.size()) < fLimits.kMaxForAllScopeRead) {
     return {"*"};
   }
-  if (scope.empty()) {
-    return {""};
-  }
+  if (scope.empty()) return {""};
   const ptrdiff_t most = std::min(room, fLimits.kMaxForAllScopeRead);
   std::vector<Text> result{scope};
-  if (most > 0 && file.unread.contains("")) {
-    result.emplace_back("");
-  }
+  if (most > 0 && file.unread.contains("")) result.emplace_back("");
   // Which neighbours ride along is free, how many is not.
   const auto may_ride = unread - static_cast<ptrdiff_t>(result.size());
   const auto ride =
@@ -614,21 +524,14 @@ void CModel::ReadList(CFile& file, std::vector<Text> scopes) {
   if (static_cast<ptrdiff_t>(fUsed.size()) + 1 >= fLimits.kMaxInfoCount) {
     TrimNotModified(fLimits.kMaxInfoCount - 3 * fLimits.kMaxForAllScopeRead, &file);
   }
-  if (scopes.size() == 1) {
-    scopes = NamesToRead(file, scopes[0]);
-  }
-  if (scopes.empty()) {
-    return;
-  }
+  if (scopes.size() == 1) scopes = NamesToRead(file, scopes[0]);
+  if (scopes.empty()) return;
   const bool whole = std::count(scopes.begin(), scopes.end(), "*") != 0;
   for (const CDatabaseRecord& row :
        fDb.ReadScopeDataRecords(file.loc, fScanNames, scopes, file.mtime)) {
     const Key key{row.for_loc, row.for_scope, *row.scan_name, row.scanned_loc, *row.scanned_scope};
     if (M.contains(key)) {
-      if (!whole) {
-        Print("Read key already in memory: " + TextOf(key));
-        ++fRoadsTaken[6];
-      }
+      if (!whole) ++fRoadsTaken[6];
       continue;
     }
     AddKey(key, nullptr, false);
@@ -636,9 +539,7 @@ void CModel::ReadList(CFile& file, std::vector<Text> scopes) {
     SetRecord(file, key, row.data, "", "", false, row.scopes_seen, false, nullptr);
     if (row.scopes_seen != nullptr) {
       for (const auto& [ref, time] : *row.scopes_seen) {
-        if (!ValidOnDiskMtime(time)) {
-          AddNeedsScan(key);
-        }
+        if (!ValidOnDiskMtime(time)) AddNeedsScan(key);
       }
     }
     MarkPresent({row.for_loc, row.for_scope});
@@ -672,31 +573,23 @@ bool CModel::AddScopeInfo(const Info& info, bool allow_write) {
     std::map<Loc, KeySet> keys_dict;
     UpdateDiskMtime(*file, now, keys_dict);
     if (!keys_dict.empty()) {
-      if (keys_dict.contains(file->loc)) {
-        keys_dict[file->loc].erase(key);
-      }
+      if (keys_dict.contains(file->loc)) keys_dict[file->loc].erase(key);
       InvalidateScans(keys_dict, true, 2);
       // A handler may have read, and so trimmed, the very file.
       file = Find(file->loc) == file ? file : GetPerFile(file->loc, true);
     }
   }
   const KeySet dep_keys = DependentKeys(ForLoc(key), ForScope(key));
-  if (!StoreAndPurge(*file, info)) {
-    return false;
-  }
+  if (!StoreAndPurge(*file, info)) return false;
   std::set<Triple> needs_scan;
-  if (!dep_keys.empty()) {
-    MaybeInvalidate(*info, dep_keys, needs_scan);
-  }
+  if (!dep_keys.empty()) MaybeInvalidate(*info, dep_keys, needs_scan);
   MarkPresent({ForLoc(key), ForScope(key)});
   D.erase(key);
   AddToWrite(key);
   if (Scan(key) == Primary() && ForScope(key) == ScannedScope(key)) {
     file->primary[ForScope(key)] = info;
   }
-  if (!needs_scan.empty()) {
-    EmitNeedsScan(needs_scan, std::nullopt);
-  }
+  if (!needs_scan.empty()) EmitNeedsScan(needs_scan, std::nullopt);
   Changed changed;
   AddChanged(changed, file->loc, ForScope(key));
   AddPrimaryFiles(changed);
@@ -729,14 +622,10 @@ void CModel::AddScopeInfoListForSingleScan(Loc scanned_loc, const Text& scanned_
     Check(ScannedLoc(key) == scanned_loc && ScannedScope(key) == scanned_scope);
     old_keys.erase(Key{ForLoc(key), ForScope(key), scan, scanned_loc, scanned_scope});
     const File file = GetPerFile(ForLoc(key), true);
-    if (file->unread.contains(ForScope(key))) {
-      ReadList(*file, {ForScope(key)});
-    }
+    if (file->unread.contains(ForScope(key))) ReadList(*file, {ForScope(key)});
     const KeySet dep_keys = DependentKeys(ForLoc(key), ForScope(key));
     if (StoreAndPurge(*file, info)) {
-      if (!dep_keys.empty()) {
-        MaybeInvalidate(*info, dep_keys, needs_scan);
-      }
+      if (!dep_keys.empty()) MaybeInvalidate(*info, dep_keys, needs_scan);
       if (scan == Primary() && ForLoc(key) == ScannedLoc(key) &&
           ForScope(key) == ScannedScope(key)) {
         file->primary[ForScope(key)] = info;
@@ -765,9 +654,11 @@ void CModel::AddScopeInfoListForSingleScan(Loc scanned_loc, const Text& scanned_
   allow_write ? DoIdle() : ScheduleIdle();
 }
 
-void CModel::RemoveScopeInfoSeq(Loc loc, const Text& scope, Loc scanned_loc,
-                                const Text& scanned_scope) {
-  RemoveRecords(*GetPerFile(loc, true), "*", scope, scanned_loc, scanned_scope);
+void CModel::RemoveScopeInfoSeq(const std::vector<CScopeInfoToRemove>& to_remove) {
+  for (const CScopeInfoToRemove& item : to_remove) {
+    RemoveRecords(*GetPerFile(item.loc, true), "*", item.for_scope, item.scanned_loc,
+                  *item.scanned_scope);
+  }
 }
 
 void CModel::AddChanged(Changed& changed, Loc loc, const Text& scope) {
@@ -789,9 +680,7 @@ void CModel::AddPrimaryFiles(Changed& changed) const {
                    [&](const auto& a, const auto& b) { return place(a.first) < place(b.first); });
   const Changed items = changed;
   for (const auto& [loc, scopes] : items) {
-    if (!fReverseSecondary.contains(loc)) {
-      continue;
-    }
+    if (!fReverseSecondary.contains(loc)) continue;
     for (const Loc primary : fReverseSecondary.at(loc)) {
       const auto known = std::find_if(changed.begin(), changed.end(),
                                       [&](const auto& item) { return item.first == primary; });
@@ -812,20 +701,14 @@ void CModel::EmitChanged(const Changed& changed) {
     as_emitted.Set(loc, std::make_shared<TextSet>(scopes->begin(), scopes->end()));
   }
   fEvents.push_back(fakes::EventText(as_emitted));
-  if (fOnEvent) {
-    fOnEvent();
-  }
+  if (fOnEvent) fOnEvent();
 }
 
 void CModel::EmitNeedsScan(const std::set<Triple>& needs_scan, std::optional<int> priority) {
   CNeedsScanSet as_emitted;
-  for (const auto& [loc, scope, scan] : needs_scan) {
-    as_emitted.insert({loc, scope, scan});
-  }
+  for (const auto& [loc, scope, scan] : needs_scan) as_emitted.insert({loc, scope, scan});
   fEvents.push_back(fakes::EventText(as_emitted, priority));
-  if (fOnEvent) {
-    fOnEvent();
-  }
+  if (fOnEvent) fOnEvent();
 }
 
 void CModel::PurgeMerged(Loc loc, const Names& scopes) {
@@ -842,9 +725,7 @@ void CModel::InvalidateScans(const std::map<Loc, KeySet>& keys_dict, bool whole_
                              std::optional<int> priority) {
   std::set<Triple> needs_scan;
   for (const auto& [loc, keys] : keys_dict) {
-    for (const Key& key : keys) {
-      AddNeedsScan(key);
-    }
+    for (const Key& key : keys) AddNeedsScan(key);
     if (whole_files) {
       for (const Text& scan : fScanNames) {
         needs_scan.insert({loc, "*", scan});
@@ -864,16 +745,12 @@ void CModel::AddDepKeysToNeedsScan(const KeySet& keys, std::set<Triple>* needs_s
                                    std::optional<int> priority, bool emits) {
   std::set<Triple> own;
   std::set<Triple>& to_scan = needs_scan == nullptr ? own : *needs_scan;
-  for (const Key& key : keys) {
-    AddNeedsScan(key);
-  }
+  for (const Key& key : keys) AddNeedsScan(key);
   for (const Key& key : keys) {
     to_scan.insert(TripleOf(key));
     ChangeScansDone(ScannedLoc(key), Scan(key), false);
   }
-  if (emits) {
-    EmitNeedsScan(to_scan, priority);
-  }
+  if (emits) EmitNeedsScan(to_scan, priority);
 }
 
 void CModel::MaybeInvalidate(const CInfo& info, KeySet dep_keys, std::set<Triple>& needs_scan) {
@@ -882,9 +759,7 @@ void CModel::MaybeInvalidate(const CInfo& info, KeySet dep_keys, std::set<Triple
   if (info.seen != nullptr) {
     for (const auto& [ref, time] : *info.seen) {
       dep_keys.erase(Key{ForLoc(info.key), ForScope(info.key), Scan(info.key), ref.loc, ref.scope});
-      if (dep_keys.empty()) {
-        return;
-      }
+      if (dep_keys.empty()) return;
     }
   }
   std::erase_if(dep_keys, [&](const Key& key) { return TripleOf(key) == own; });
@@ -896,16 +771,12 @@ void CModel::MaybeInvalidate(const CInfo& info, KeySet dep_keys, std::set<Triple
 }
 
 void CModel::FinishedWithScans(Loc loc, const Text& scope, const Text& scan) {
-  if (GetPerFile(loc, false) == nullptr) {
-    return;
-  }
+  if (GetPerFile(loc, false) == nullptr) return;
   Changed changed;
   const Names scope_filter{scope};
   const Names scan_filter{scan};
   for (const Key& key : ScannedKeys(N, loc, &scope_filter, &scan_filter)) {
-    if (Scan(key) != scan) {
-      continue;
-    }
+    if (Scan(key) != scan) continue;
     if (const File file = Find(ForLoc(key))) {
       RemoveRecords(*file, scan, ForScope(key), ScannedLoc(key), ScannedScope(key));
     }
@@ -921,59 +792,32 @@ void CModel::FinishedWithScans(Loc loc, const Text& scope, const Text& scan) {
 void CModel::ChangeScansDone(Loc loc, const Text& scan, bool done) {
   const File file = GetPerFile(loc, true);
   Names names;
-  for (const BytesView name : NonNestedSplit(file->done, ',')) {
-    names.emplace(name);
-  }
-  if (done == names.contains(scan)) {
-    return;
-  }
+  for (const BytesView name : NonNestedSplit(file->done, ',')) names.emplace(name);
+  if (done == names.contains(scan)) return;
   names.insert(scan);
   Text text;
-  for (const Text& name : names) {
-    text += (text.empty() ? "" : ",") + name;
-  }
+  for (const Text& name : names) text += (text.empty() ? "" : ",") + name;
   SetScansDone(*file, text);
-  if (AssertionsActive() && scan == Primary() && !AllNames(*file).contains("")) {
-    Print("module scope not in all scope names: " + Url(loc));
-    Print("  all scope names: " + Repr(AllNames(*file)));
-    Check(false);
-  }
-}
-
-std::map<Loc, Text> CModel::GetScansDoneForMultipleFiles(const CLocMtimeDict& times) {
-  std::map<Loc, Text> result;
-  CLocMtimeDict for_db;
-  for (const auto& [loc, time] : times) {
-    const File file = Find(loc);
-    if (file != nullptr && file->mtime == time) {
-      result[loc] = file->done;
-    } else {
-      for_db.Set(loc, time);
-    }
-  }
-  if (!for_db.empty()) {
-    for (const auto& [loc, done] : fDb.GetScansDone(for_db)) {
-      result[loc] = done;
-    }
-  }
-  return result;
+  if (AssertionsActive() && scan == Primary() && !AllNames(*file).contains("")) Check(false);
 }
 
 // ---- Writing.
 
-void CModel::WriteToDatabase(const std::vector<Loc>* locs) {
+void CModel::WriteToDatabase() {
   std::vector<File> files;
-  if (locs == nullptr) {
-    for (const auto& [loc, file] : fFiles) {
-      files.push_back(file);
-    }
-  } else {
-    for (const Loc loc : *locs) {
-      if (const File file = Find(loc)) {
-        files.push_back(file);
-      }
-    }
+  for (const auto& [loc, file] : fFiles) files.push_back(file);
+  WriteFiles(files);
+}
+
+void CModel::WriteToDatabase(const std::vector<Loc>& locs) {
+  std::vector<File> files;
+  for (const Loc loc : locs) {
+    if (const File file = Find(loc)) files.push_back(file);
   }
+  WriteFiles(files);
+}
+
+void CModel::WriteFiles(const std::vector<File>& files) {
   for (const File& file : files) {
     bool cleared = false;
     if (file->clear_db) {
@@ -1021,33 +865,17 @@ void CModel::WriteOneFile(CFile& file) {
   bool saved = false;
   if (!rows.empty()) {
     for (const Key& key : not_writable) {
-      if (Scan(key) == Primary()) {
-        SetScansDone(file, "");
-      }
+      if (Scan(key) == Primary()) SetScansDone(file, "");
     }
     saved = fDb.SaveDataForFile(file.loc, rows, file.done, file.mtime);
   }
   if (kDevelopmentRun() && saved && !file.done.empty()) {
-    const std::vector<Text> names = fDb.ReadScopeNames(file.loc, Primary(), file.mtime);
-    if (std::count(names.begin(), names.end(), "") == 0) {
-      Print("__WriteOneFileToDatabase error: global scope not in db when scans_done != ''");
-      Print("loc = " + Url(file.loc));
-      Print("scans done = " + Repr(file.done));
-      Print("names_in_db = " + Repr(names));
-      Print("to_write_list = " + Repr(rows));
-    }
+    fDb.ReadScopeNames(file.loc, Primary(), file.mtime);  // and reports what it misses
   }
   if (!saved) {
     C.insert(keys.begin(), keys.end());
     ++fRoadsTaken[12];
     return;
-  }
-  if (!not_writable.empty()) {
-    Text text;
-    for (const Key& key : not_writable) {
-      text += (text.empty() ? "" : ", ") + TextOf(key);
-    }
-    Print("Not writable keys: {" + text + "}");
   }
   file.done_unwritten = false;
   for (const Key& key : keys) {
@@ -1056,17 +884,11 @@ void CModel::WriteOneFile(CFile& file) {
     D.insert(key);
     file.all_db.insert(ForScope(key));
   }
-  if (IsDone(file, Primary()) && !file.all_db.contains("")) {
-    Print("__WriteOneFileToDatabase(" + Url(file.loc) + "): top level module scope is missing");
-    Print("  all_db_scope_names = " + Repr(file.all_db));
-    Check(false);
-  }
-  for (CRecord* record : written) {
-    record->data.back() = '0';
-  }
+  if (IsDone(file, Primary()) && !file.all_db.contains("")) Check(false);
+  for (CRecord* record : written) record->data.back() = '0';
 }
 
-void CModel::Destroy() {
+void CModel::destroy() {
   WriteToDatabase();
   fIdles.clear();
 }
@@ -1074,15 +896,11 @@ void CModel::Destroy() {
 // ---- Trimming.
 
 void CModel::ScheduleIdle() {
-  if (std::count(fIdles.begin(), fIdles.end(), Idle::kCache) == 0) {
-    fIdles.push_back(Idle::kCache);
-  }
+  if (std::count(fIdles.begin(), fIdles.end(), Idle::kCache) == 0) fIdles.push_back(Idle::kCache);
 }
 
 void CModel::RunOneIdle() {
-  if (fIdles.empty()) {
-    return;
-  }
+  if (fIdles.empty()) return;
   const Idle idle = fIdles.front();
   fIdles.erase(fIdles.begin());
   if (idle == Idle::kCache) {
@@ -1104,28 +922,19 @@ void CModel::DoIdle() {
 
 void CModel::TrimTotal(ptrdiff_t count) {
   const auto size = static_cast<ptrdiff_t>(fUsed.size());
-  if (size <= count) {
-    return;
-  }
+  if (size <= count) return;
   std::vector<std::pair<Loc, std::vector<Text>>> by_file;
   for (auto used = fUsed.rbegin(); used != fUsed.rbegin() + (size - count * 3 / 4); ++used) {
     auto entry = std::find_if(by_file.begin(), by_file.end(),
                               [&](const auto& each) { return each.first == used->first.first; });
-    if (entry == by_file.end()) {
-      entry = by_file.insert(entry, {used->first.first, {}});
-    }
+    if (entry == by_file.end()) entry = by_file.insert(entry, {used->first.first, {}});
     entry->second.push_back(used->first.second);
   }
   ++fRoadsTaken[13];
   for (const auto& [loc, scopes] : by_file) {
     const File file = Find(loc);
-    if (file == nullptr) {
-      continue;
-    }
-    if (ToWriteCount(loc) != 0) {
-      const std::vector<Loc> locs{loc};
-      WriteToDatabase(&locs);
-    }
+    if (file == nullptr) continue;
+    if (ToWriteCount(loc) != 0) WriteToDatabase({loc});
     const bool can_remove = !file->done_unwritten;
     if (kDevelopmentRun() && file->mtime > 0.0) {
       Check(ToWriteCount(loc) == 0);
@@ -1139,9 +948,7 @@ void CModel::TrimTotal(ptrdiff_t count) {
 
 void CModel::TrimNotModified(ptrdiff_t count, const CFile* keep) {
   const auto size = static_cast<ptrdiff_t>(fUsed.size());
-  if (size < count) {
-    return;
-  }
+  if (size < count) return;
   ++fRoadsTaken[14];
   const ptrdiff_t target = size - count;
   ptrdiff_t removed = 0;
@@ -1151,22 +958,17 @@ void CModel::TrimNotModified(ptrdiff_t count, const CFile* keep) {
   std::vector<Ref> without_file;
   const auto take_or_make = [](auto& in, const auto& key) -> std::vector<Text>& {
     for (auto& [each, list] : in) {
-      if (each == key) {
-        return list;
-      }
+      if (each == key) return list;
     }
     return in.emplace_back(key, std::vector<Text>()).second;
   };
   for (auto used = fUsed.rbegin(); used != fUsed.rend(); ++used) {
     take_or_make(to_examine, used->first.first).push_back(used->first.second);
     ++pending;
-    if (removed + pending < target) {
-      continue;
-    }
+    if (removed + pending < target) continue;
     for (const auto& [loc, scopes] : to_examine) {
       const File file = GetPerFile(loc, false);
       if (file == nullptr) {
-        Print("why " + Url(loc) + " " + Repr(scopes));
         for (const Text& scope : scopes) {
           without_file.emplace_back(loc, scope);
           ++removed;
@@ -1185,35 +987,18 @@ void CModel::TrimNotModified(ptrdiff_t count, const CFile* keep) {
     }
     to_examine.clear();
     pending = 0;
-    if (removed >= target) {
-      break;
-    }
+    if (removed >= target) break;
   }
   std::erase_if(fUsed, [&](const auto& used) {
     return std::count(without_file.begin(), without_file.end(), used.first) != 0;
   });
-  for (const auto& [file, scopes] : to_remove) {
-    Discard(*file, scopes, false, file.get() != keep);
-  }
+  for (const auto& [file, scopes] : to_remove) Discard(*file, scopes, false, file.get() != keep);
 }
 
 void CModel::Discard(CFile& file, const std::vector<Text>& scopes, bool keep_flag,
                      bool can_remove) {
   const Loc loc = file.loc;
   const Names scope_set(scopes.begin(), scopes.end());
-  if (kDevelopmentRun() && file.mtime > 0.0 && !Keys(W, loc, &scope_set).empty()) {
-    const auto text = [](const KeySet& keys) {
-      Text joined;
-      for (const Key& key : keys) {
-        joined += (joined.empty() ? "" : ", ") + TextOf(key);
-      }
-      return keys.empty() ? "set()" : "{" + joined + "}";
-    };
-    Print("len(to_write) = " + Repr(Keys(W, loc, &scope_set).size()));
-    Print("len(in_db) = " + Repr(Keys(D, loc, &scope_set).size()));
-    Print("to_write = " + text(Keys(W, loc, &scope_set)));
-    Print("in_db = " + text(Keys(D, loc, &scope_set)));
-  }
   const bool whole_file = scopes == std::vector<Text>{"*"};
   bool remove_all = false;
   if (!file.clear_db) {
@@ -1230,24 +1015,18 @@ void CModel::Discard(CFile& file, const std::vector<Text>& scopes, bool keep_fla
   }
   std::vector<Text> names;
   if (whole_file) {
-    for (const auto& [scope, info] : file.primary) {
-      names.push_back(scope);
-    }
+    for (const auto& [scope, info] : file.primary) names.push_back(scope);
   } else {
     names = scopes;
     Names instances;
     for (const Text& scope : scopes) {
-      if (!scope.empty()) {
-        instances.insert(scope + ":");
-      }
+      if (!scope.empty()) instances.insert(scope + ":");
       if (const size_t dot = scope.rfind('.'); dot != Text::npos && dot != 0) {
         instances.insert(scope.substr(0, dot) + ":");
       }
     }
     for (const Text& scope : instances) {
-      if (remove_all || ToWriteCount(loc, scope) == 0) {
-        names.push_back(scope);
-      }
+      if (remove_all || ToWriteCount(loc, scope) == 0) names.push_back(scope);
     }
   }
   std::erase_if(fUsed, [&](const auto& used) {
@@ -1271,9 +1050,7 @@ void CModel::Discard(CFile& file, const std::vector<Text>& scopes, bool keep_fla
     C.erase(key);
     W.erase(key);
   }
-  for (const Text& name : names) {
-    file.primary.erase(name);
-  }
+  for (const Text& name : names) file.primary.erase(name);
   // Only whole files are ever discarded with the flag.
   EXPECT_FALSE(keep_flag);
 }
@@ -1287,20 +1064,14 @@ void CModel::ExternalFilesChanged(const CLocMtimeDict& changed) {
       UpdateDiskMtime(*file, time < 0 ? kMissing : time, keys_dict);
     }
   }
-  if (!keys_dict.empty()) {
-    InvalidateScans(keys_dict, true, 2);
-  }
+  if (!keys_dict.empty()) InvalidateScans(keys_dict, true, 2);
 }
 
 void CModel::SavePoint(const fakes::CFakeSavable& savable, bool not_modified) {
   const File file = GetPerFile(savable.fLocation, false);
-  if (file == nullptr || !savable.fInitialReadCompleted) {
-    return;
-  }
+  if (file == nullptr || !savable.fInitialReadCompleted) return;
   const DiskTime time = not_modified ? savable.fModTime : kEdited;
-  if (file->mtime == time) {
-    return;
-  }
+  if (file->mtime == time) return;
   if (time == kEdited && !file->unread.empty()) {
     ReadList(*file, {file->unread.begin(), file->unread.end()});
   }
@@ -1312,9 +1083,7 @@ void CModel::SavePoint(const fakes::CFakeSavable& savable, bool not_modified) {
 void CModel::ScopeLogicalsModified(Loc loc, DiskTime matched, const Names& scopes) {
   PurgeMerged(loc, scopes);
   const File file = Find(loc);
-  if (file == nullptr || (matched == file->mtime && file->mtime != kEdited)) {
-    return;
-  }
+  if (file == nullptr || (matched == file->mtime && file->mtime != kEdited)) return;
   SetScansDone(*file, "");
   InvalidateScans({{loc, ScannedKeys(M, loc, &scopes)}}, scopes.contains("*"), 1);
 }
@@ -1343,17 +1112,13 @@ void CModel::DatabaseChanged(const std::set<Loc>* locs) {
 
 void CModel::Clear() {
   Changed changed;
-  for (const auto& [loc, file] : fFiles) {
-    AddChanged(changed, loc, "*");
-  }
+  for (const auto& [loc, file] : fFiles) AddChanged(changed, loc, "*");
   EmitChanged(changed);
   fFiles.clear();
   fUsed.clear();
   fMerged.clear();
   std::erase(fIdles, Idle::kMergedTrim);
-  for (KeySet* set : {&M, &N, &D, &W, &C}) {
-    set->clear();
-  }
+  for (KeySet* set : {&M, &N, &D, &W, &C}) set->clear();
   fExisting.clear();
   fDependentScans.clear();
 }
@@ -1361,23 +1126,17 @@ void CModel::Clear() {
 void CModel::ClearFiles(const std::vector<Loc>& loc_seq, bool clear_db) {
   std::vector<Loc> locs;
   for (const Loc loc : loc_seq) {
-    if (std::count(locs.begin(), locs.end(), loc) == 0) {
-      locs.push_back(loc);
-    }
+    if (std::count(locs.begin(), locs.end(), loc) == 0) locs.push_back(loc);
   }
   Changed changed;
   for (const Loc loc : locs) {
-    if (GetPerFile(loc, false) != nullptr) {
-      AddChanged(changed, loc, "*");
-    }
+    if (GetPerFile(loc, false) != nullptr) AddChanged(changed, loc, "*");
   }
   AddPrimaryFiles(changed);
   EmitChanged(changed);
   std::vector<File> files;
   for (const Loc loc : locs) {
-    if (const File file = GetPerFile(loc, clear_db)) {
-      files.push_back(file);
-    }
+    if (const File file = GetPerFile(loc, clear_db)) files.push_back(file);
   }
   if (clear_db) {
     for (const File& file : files) {
@@ -1385,7 +1144,7 @@ void CModel::ClearFiles(const std::vector<Loc>& loc_seq, bool clear_db) {
       SetScansDone(*file, "");
       file->clear_db = true;
     }
-    WriteToDatabase(&locs);
+    WriteToDatabase(locs);
   }
   for (const File& file : files) {
     Discard(*file, {"*"}, clear_db, true);
@@ -1393,100 +1152,7 @@ void CModel::ClearFiles(const std::vector<Loc>& loc_seq, bool clear_db) {
       file->mtime = kMissing;
     }
   }
-  for (const auto& [loc, scopes] : changed) {
-    PurgeMerged(loc, *scopes);
-  }
-}
-
-// ---- Queries.
-
-std::vector<CImportEquiv> CModel::GetAllImports(const std::vector<Loc>& locs) {
-  std::vector<CImportEquiv> result;
-  std::vector<Loc> db_locs;
-  for (const Loc loc : locs) {
-    const File file = GetPerFile(loc, false);
-    if (file == nullptr) {
-      db_locs.push_back(loc);
-      continue;
-    }
-    std::vector<Text> to_examine{""};
-    Names visited;
-    while (!to_examine.empty()) {
-      const Text scope = to_examine.back();
-      to_examine.pop_back();
-      if (!file->primary.contains(scope) || !visited.insert(scope).second) {
-        continue;
-      }
-      for (const auto& [name, eq] : file->primary[scope]->content.equivs) {
-        for (const BytesView item : NonNestedSplit(eq, ';')) {
-          const BytesView prefix = item.substr(0, 2);
-          if (prefix == ":c" || prefix == ":F" || prefix == ":m" || prefix == ":u") {
-            if (item.find('(') != BytesView::npos) {
-              to_examine.emplace_back(item.substr(2, item.find('(') - 2));
-            }
-          } else if (prefix == ":i" || prefix == ":f") {
-            result.push_back({loc, scope, Bytes(item)});
-          }
-        }
-      }
-    }
-  }
-  if (!db_locs.empty()) {
-    const auto more = fDb.GetAllImports(db_locs, Primary());
-    result.insert(result.end(), more.begin(), more.end());
-  }
-  return result;
-}
-
-std::vector<CClassEquiv> CModel::GetAllClasses(Loc loc, const std::vector<Text>& in_order) {
-  std::vector<CClassEquiv> result;
-  const File file = GetPerFile(loc, false);
-  if (file != nullptr) {
-    for (const Text& scope : in_order) {
-      if (scope.empty() || scope.ends_with(":")) {
-        continue;
-      }
-      const size_t dot = scope.rfind('.');
-      const Text parent = dot == Text::npos ? "" : scope.substr(0, dot);
-      const Text leaf = dot == Text::npos ? scope : scope.substr(dot + 1);
-      const Merged merged = GetScopeInfo(loc, parent, true, nullptr);
-      if (merged == nullptr) {
-        continue;
-      }
-      // What comes from another file than the first record's is qualified with its file.
-      std::set<BytesView> items;
-      for (const Info& info : merged->infos) {
-        const auto eq = info->content.equivs.find(leaf.substr(0, leaf.find('#')));
-        if (eq != info->content.equivs.end() &&
-            ForLoc(info->key) == ForLoc(merged->infos[0]->key)) {
-          for (const BytesView item : NonNestedSplit(eq->second, ';')) {
-            items.insert(item);
-          }
-        }
-      }
-      for (const BytesView item : items) {
-        if (item.starts_with(":c")) {
-          result.push_back({loc, Bytes(item)});
-        }
-      }
-    }
-  }
-  if (file == nullptr || (file->mtime != kEdited && !file->unread.empty())) {
-    const auto more = fDb.GetAllClasses({loc}, Primary());
-    result.insert(result.end(), more.begin(), more.end());
-    if (file != nullptr) {
-      std::sort(result.begin(), result.end());
-      result.erase(std::unique(result.begin(), result.end()), result.end());
-    }
-  }
-  return result;
-}
-
-std::optional<DiskTime> CModel::GetDiskModTimeUsed(Loc loc, bool read_if_needed) {
-  if (const File file = GetPerFile(loc, false)) {
-    return file->mtime;
-  }
-  return read_if_needed ? std::optional<DiskTime>(GetDiskMTime(loc)) : std::nullopt;
+  for (const auto& [loc, scopes] : changed) PurgeMerged(loc, *scopes);
 }
 
 // ---- As text.
@@ -1496,15 +1162,11 @@ Text CModel::Dump() const {
   const auto lines = [&out](TextView title, std::vector<Text> all) {
     std::sort(all.begin(), all.end());
     out += Text(title) + " (" + std::to_string(all.size()) + ")\n";
-    for (const Text& line : all) {
-      out += "  " + line + "\n";
-    }
+    for (const Text& line : all) out += "  " + line + "\n";
   };
   const auto keys = [&](TextView title, const KeySet& set) {
     std::vector<Text> texts;
-    for (const Key& key : set) {
-      texts.push_back(TextOf(key));
-    }
+    for (const Key& key : set) texts.push_back(TextOf(key));
     lines(title, std::move(texts));
   };
   keys("known", M);
@@ -1516,9 +1178,10 @@ Text CModel::Dump() const {
     std::set<Loc> files;
     std::set<Ref> scopes;
     for (const Key& key : set) {
-      files.insert(scanned ? ScannedLoc(key) : ForLoc(key));
-      scopes.insert(scanned ? Ref{ScannedLoc(key), ScannedScope(key)}
-                            : Ref{ForLoc(key), ForScope(key)});
+      const Ref ref =
+          scanned ? Ref{ScannedLoc(key), ScannedScope(key)} : Ref{ForLoc(key), ForScope(key)};
+      files.insert(ref.first);
+      scopes.insert(ref);
     }
     out += FormatBraces("{}: {} files, {} scopes\n", {name, files.size(), scopes.size()});
   };
@@ -1531,9 +1194,7 @@ Text CModel::Dump() const {
   out += FormatBraces("live records: {}\n", {fExisting.size()});
   const auto joined = [](const auto& names) {
     Text text;
-    for (const Text& name : names) {
-      text += (text.empty() ? "" : ", ") + Repr(name);
-    }
+    for (const Text& name : names) text += (text.empty() ? "" : ", ") + Repr(name);
     return text;
   };
   auto files = fFiles;
@@ -1548,9 +1209,7 @@ Text CModel::Dump() const {
     out += "  all_db_scope_names = " + joined(file->all_db) + "\n";
     out += "  db_scope_names_not_loaded = " + joined(file->unread) + "\n";
     Names primaries;
-    for (const auto& [scope, info] : file->primary) {
-      primaries.insert(scope);
-    }
+    for (const auto& [scope, info] : file->primary) primaries.insert(scope);
     out += "  primary_info_dict = " + joined(primaries) + "\n";
     for (const auto& [scope, records] : file->records) {
       out += FormatBraces("  scope {}\n", {Repr(scope)});

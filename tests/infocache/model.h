@@ -6,6 +6,7 @@
 // the choice that the cache made (fOrderHint, fReadsMade) and checks that the choice was allowed.
 #pragma once
 
+#include <array>
 #include <deque>
 #include <functional>
 #include <map>
@@ -81,20 +82,16 @@ class CModel {
   bool AddScopeInfo(const Info& info, bool allow_write);
   void AddScopeInfoListForSingleScan(Loc scanned_loc, const Text& scanned_scope, const Text& scan,
                                      const std::vector<Info>& infos, bool allow_write);
-  void RemoveScopeInfoSeq(Loc loc, const Text& scope, Loc scanned_loc, const Text& scanned_scope);
+  void RemoveScopeInfoSeq(const std::vector<CScopeInfoToRemove>& to_remove);
   void AddDepKeysToNeedsScan(const KeySet& keys, std::set<Triple>* needs_scan,
                              std::optional<int> priority, bool emits);
   void FinishedWithScans(Loc loc, const Text& scope, const Text& scan);
   void ChangeScansDone(Loc loc, const Text& scan, bool done);
-  std::map<Loc, Text> GetScansDoneForMultipleFiles(const CLocMtimeDict& times);
-  void WriteToDatabase(const std::vector<Loc>* locs = nullptr);
+  void WriteToDatabase();
+  void WriteToDatabase(const std::vector<Loc>& locs);
   void Clear();
   void ClearFiles(const std::vector<Loc>& loc_seq, bool clear_db);
-  std::vector<CImportEquiv> GetAllImports(const std::vector<Loc>& locs);
-  // Of one file; `in_order` are its scopes in memory in the order in which they are gone through.
-  std::vector<CClassEquiv> GetAllClasses(Loc loc, const std::vector<Text>& in_order);
-  std::optional<DiskTime> GetDiskModTimeUsed(Loc loc, bool read_if_needed);
-  void Destroy();
+  void destroy();
 
   // ---- Signals and the main loop.
   void ExternalFilesChanged(const CLocMtimeDict& changed);
@@ -112,14 +109,13 @@ class CModel {
 
   // Kept for the caller, who takes them between steps.
   std::vector<Text> fEvents;
-  std::vector<Text> fPrinted;
   std::function<void()> fOnEvent;
   std::vector<Loc> fOrderHint;                // the files of the last scopes-modified, in order
   std::vector<std::vector<Text>> fReadsMade;  // the names of each batched read of this step
   std::vector<std::pair<Loc, File>> fFiles;   // in order of entering
   std::set<Loc> fWatched;
   KeySet M, N, D, W, C;
-  size_t fRoadsTaken[16] = {};  // how often each of the rarer roads was gone
+  std::array<size_t, 16> fRoadsTaken{};  // how often each of the rarer roads was gone
 
  private:
   using MergedKey = std::tuple<Loc, Text, std::vector<Loc>>;
@@ -133,7 +129,6 @@ class CModel {
   enum class Idle { kCache, kMergedTrim };
 
   void Check(bool holds) const;
-  void Print(Text line) { fPrinted.push_back(std::move(line)); }
   const Text& Primary() const { return fScanNames[0]; }
   const CInfo Decode(const CFile& file, const CRecord& record) const;
 
@@ -192,6 +187,7 @@ class CModel {
   void PurgeMerged(Loc loc, const Names& scopes);
   void ScheduleIdle();
   void DoIdle();
+  void WriteFiles(const std::vector<File>& files);
   void WriteOneFile(CFile& file);
   void TrimTotal(ptrdiff_t count);
   void TrimNotModified(ptrdiff_t count, const CFile* keep);
