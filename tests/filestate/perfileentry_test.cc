@@ -9,7 +9,6 @@ namespace {
 
 using fakes::KeyOf;
 using fakes::MakeRecord;
-using ::testing::ElementsAre;
 
 class PerFileEntryTest : public fakes::CCacheTest {
  protected:

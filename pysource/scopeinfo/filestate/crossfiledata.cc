@@ -118,8 +118,7 @@ void CCrossFileData::AddInfoKey(const CScopeInfoKey& key, const CScopeInfoPtr& i
 }
 
 void CCrossFileData::RemoveInfoKey(const CScopeInfoKey& key) {
-  // Held here: `key` may be a reference into one of the sets.
-  const CScopeInfoKey held = key;
+  const CScopeInfoKey held = Held(key);
   RemoveNeedsScanInfoKey(held);
   RemoveInDatabaseInfoKey(held);
   RemoveToWriteInfoKey(held);
@@ -155,7 +154,7 @@ void CCrossFileData::AddNeedsScanInfoKeySet(const CScopeInfoKeySet& key_set) {
 }
 
 void CCrossFileData::RemoveNeedsScanInfoKey(const CScopeInfoKey& key) {
-  const CScopeInfoKey held = key;
+  const CScopeInfoKey held = Held(key);
   if (_fAllNeedsScanInfoKeys.erase(held)) {
     _fNeedsScanInfoKeyByForLoc.Discard(held);
     _fNeedsScanInfoKeyByScannedLoc.Discard(held);
@@ -189,7 +188,7 @@ void CCrossFileData::AddInDatabaseInfoKey(const CScopeInfoKey& key) {
 }
 
 void CCrossFileData::RemoveInDatabaseInfoKey(const CScopeInfoKey& key) {
-  const CScopeInfoKey held = key;
+  const CScopeInfoKey held = Held(key);
   if (_fAllInDatabaseInfoKeys.erase(held)) {
     _fInDatabaseInfoKeysByForLoc.Discard(held);
   }
@@ -202,7 +201,7 @@ CScopeInfoKeySet CCrossFileData::GetInDatabaseInfoKeys(Loc loc, const TextSet* s
 
 void CCrossFileData::AddToWriteInfoKey(const CScopeInfoKey& key) {
   Assert(!AssertionsActive() || _fAllInfoKeys.contains(key));
-  const CScopeInfoKey held = key;
+  const CScopeInfoKey held = Held(key);
   RemoveInDatabaseInfoKey(held);
   if (_fAllToWriteInfoKeys.insert(held)) {
     _fToWriteInfoKeysByForLoc.Add(held);
@@ -210,7 +209,7 @@ void CCrossFileData::AddToWriteInfoKey(const CScopeInfoKey& key) {
 }
 
 void CCrossFileData::RemoveToWriteInfoKey(const CScopeInfoKey& key) {
-  const CScopeInfoKey held = key;
+  const CScopeInfoKey held = Held(key);
   RemoveCouldNotWriteInfoKey(held);
   if (_fAllToWriteInfoKeys.erase(held)) {
     _fToWriteInfoKeysByForLoc.Discard(held);

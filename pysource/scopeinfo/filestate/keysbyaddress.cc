@@ -40,7 +40,7 @@ void CKeysByScope::Add(const CScopeInfoKey& key) {
 
 void CKeysByScope::Discard(const CScopeInfoKey& key) {
   // Held here: `key` may be the very one in the set, and the name is read off it.
-  const CScopeInfoKey held = key;
+  const CScopeInfoKey held = Held(key);
   const TextView name = NameOf(held);
   const uint32_t place = PlaceOf(name);
   if (place == CHashIndex::kNone || !_fSets[place].erase(held) || !_fSets[place].empty()) {

@@ -135,6 +135,7 @@ void CInfoCache::ClearFiles(const std::vector<Loc>& loc_seq, bool clear_db) {
   const std::vector<Text> all_scopes{Text(kWildcardScope)};
   if (clear_db) {
     std::vector<CPerFilePtr> per_file_list;
+    per_file_list.reserve(loc_set.size());
     for (const Loc loc : loc_set) {
       per_file_list.push_back(GetPerFile(loc, true));
     }

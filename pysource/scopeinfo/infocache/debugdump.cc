@@ -10,6 +10,7 @@ namespace {
 template <class Range>
 std::vector<Text> SortedReprs(const Range& range) {
   std::vector<Text> lines;
+  lines.reserve(range.size());
   for (const auto& item : range) {
     lines.push_back(Repr(item));
   }

@@ -218,7 +218,7 @@ CSecondaryFiles CInfoCache::GetSecondaryFiles(Loc loc) {
   }
   CAnalysisFactory& factory = *singleton::GetSingletons().fAnalysisMgr->fAnalysisFactory;
   std::vector<Loc> locs = factory.GetSecondaryLocations(loc);
-  const CSecondaryFiles secondary =
+  CSecondaryFiles secondary =
       locs.empty() ? NoSecondaryFiles() : std::make_shared<const std::vector<Loc>>(std::move(locs));
   _fSecondaryFiles.Set(loc, secondary);
   for (const Loc secondary_loc : *secondary) {

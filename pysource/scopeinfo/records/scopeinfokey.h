@@ -120,6 +120,10 @@ class CScopeInfoKey {
   Rep* _fRep = nullptr;
 };
 
+// A copy of the handle, for an operation that is given a reference to a key which may lie in the
+// very set that it is about to change.
+inline CScopeInfoKey Held(const CScopeInfoKey& key) { return key; }
+
 struct CScopeInfoKeyHash {
   size_t operator()(const CScopeInfoKey& key) const noexcept { return key.Hash(); }
 };

@@ -153,13 +153,13 @@ void CScanRunner::GiveJob(Loc loc, Wanted wanted) {
 size_t CScanRunner::HandOverReady(unsigned wait_ms) {
   size_t handed_over = 0;
   while (auto result = _fWorkers.Take(handed_over == 0 ? wait_ms : 0)) {
-    HandOver(std::move(*result));
+    HandOver(*result);
     ++handed_over;
   }
   return handed_over;
 }
 
-void CScanRunner::HandOver(CScanJobResult result) {
+void CScanRunner::HandOver(const CScanJobResult& result) {
   const Loc loc = result.job.loc;
   --_fInHand;
   // It counts as in hand until everything of it is handed over, so that what is asked for meanwhile

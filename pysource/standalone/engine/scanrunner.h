@@ -101,7 +101,7 @@ class CScanRunner final : public CDestroyable {
   void Want(Loc loc, TextView scope, TextView scan_name, int urgency);
   void Dispatch();
   void GiveJob(Loc loc, Wanted wanted);
-  void HandOver(CScanJobResult result);
+  void HandOver(const CScanJobResult& result);
   void Fail(Loc loc, uint64_t content, const std::string& message);
   void AddResults(const CScanJobResult& result, const Wanted& wanted);
   void AddWanted(const CScanJobResult& result, const Wanted& wanted);
