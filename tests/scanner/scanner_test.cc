@@ -346,9 +346,13 @@ TEST(ScannerTest, LargeProgramsAreReadInFull) {
   Text source;
   for (size_t i = 0; i < 9000; ++i) {
     const Text n = std::to_string(i);
-    source += "# " + n + "\n@d(')', f'{x[\"(\"]}')\nclass C" + n + ":\n    \"\"\"It's (\n\"\"\"\n" +
-              "    def m(self, a={'b': -" + n + "}):\n        if a: return [x for x in a]\n" +
-              "        else:\n            self.y" + n + " = a\n";
+    for (const TextView piece :
+         {TextView("# "), TextView(n), TextView("\n@d(')', f'{x[\"(\"]}')\nclass C"), TextView(n),
+          TextView(":\n    \"\"\"It's (\n\"\"\"\n    def m(self, a={'b': -"), TextView(n),
+          TextView("}):\n        if a: return [x for x in a]\n        else:\n            self.y"),
+          TextView(n), TextView(" = a\n")}) {
+      source += piece;
+    }
   }
   source += "big = [" + Repeat("-1, not x, ", 20000) + "]\n";
   source += "deep = " + Repeat("[", 190) + Repeat("]", 190) + "\n";
