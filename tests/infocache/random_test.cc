@@ -66,7 +66,7 @@ class CTwins {
       fFiles.push_back(fHost.File(name));
       fHost.TimeOf(fFiles.back()) = NextTime();
     }
-    const std::vector<CInfoCacheLimits> limits{{20000, 50}, {12, 4}, {20, 6}, {9, 3}, {30, 10}};
+    const std::vector<CInfoCacheLimits> limits{{20000, 50}, {12, 4}, {16, 2}, {24, 3}, {30, 5}};
     fLimits = fRandom.Of(limits);
     fAssertionsActive = fRandom.Below(3) != 0;
     SetAssertionsActive(fAssertionsActive);
