@@ -66,6 +66,7 @@ class CTwins {
       fFiles.push_back(fHost.File(name));
       fHost.TimeOf(fFiles.back()) = NextTime();
     }
+    fakes::CCacheHost::Fake(fFiles[3]).fAsync = true;  // looked at in the background
     const std::vector<CInfoCacheLimits> limits{{20000, 50}, {12, 4}, {16, 2}, {24, 3}, {30, 5}};
     fLimits = fRandom.Of(limits);
     fAssertionsActive = fRandom.Below(3) != 0;
@@ -515,6 +516,7 @@ void CTwins::ChangeOnDisk() {
     const bool exists = fIsCalm || !fRandom.OneIn(5);
     fakes::CCacheHost::Fake(loc).fExists = exists;
     fHost.TimeOf(loc) = exists ? NextTime() : 0.0;
+    loc->fInspectTime = fRandom.OneIn(2) ? 0 : 1;
     changed.Set(loc, exists ? fHost.TimeOf(loc) : fRandom.OneIn(2) ? 0.0 : -1.0);
     const auto buffer = fHost.fCacheMgr.fBuffers.find(loc);
     if (buffer != fHost.fCacheMgr.fBuffers.end() && !buffer->second.fModified) {
