@@ -24,6 +24,8 @@ struct COptions {
   size_t jobs = 1;
   bool json = false;
   bool verbose = false;
+  bool explain = false;
+  bool debug_dump = false;
 };
 
 int RunIndex(const COptions& options);

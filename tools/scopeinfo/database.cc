@@ -13,10 +13,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Nobody waits at a keyboard here, and a save that is refused fails the run: better to wait until
-// another process is through.
-constexpr int kLockWaitMs = 10000;
-
 std::string PathOf(const CDatabaseOptions& options) {
   return options.path.empty() ? DefaultDatabasePath() : options.path;
 }
@@ -49,20 +45,26 @@ std::string DefaultDatabasePath() {
       "neither XDG_CACHE_HOME nor HOME says where the database is; name one with --db FILE");
 }
 
-std::unique_ptr<standalone::CSqliteAnalysisDb> OpenDatabase(const CDatabaseOptions& options,
-                                                            CLocationCache& loc_cache) {
-  const std::string path = PathOf(options);
+std::string PrepareDatabasePath(const CDatabaseOptions& options) {
+  std::string path = PathOf(options);
   MakeCacheFolder(fs::path(path).parent_path());
-  auto db = std::make_unique<standalone::CSqliteAnalysisDb>(
-      standalone::CSqliteDbOptions{path, options.workspace, kLockWaitMs}, loc_cache);
-  Complain(db->Message());
-  return db;
+  return path;
+}
+
+bool DatabaseExists(const CDatabaseOptions& options) {
+  std::error_code error;
+  return fs::exists(PathOf(options), error) || error;
 }
 
 std::unique_ptr<standalone::CSqliteAnalysisDb> OpenExistingDatabase(const CDatabaseOptions& options,
                                                                     CLocationCache& loc_cache) {
-  std::error_code error;
-  return fs::exists(PathOf(options), error) || error ? OpenDatabase(options, loc_cache) : nullptr;
+  if (!DatabaseExists(options)) {
+    return nullptr;
+  }
+  auto db = std::make_unique<standalone::CSqliteAnalysisDb>(
+      standalone::CSqliteDbOptions{PathOf(options), options.workspace, kLockWaitMs}, loc_cache);
+  Complain(db->Message());
+  return db;
 }
 
 }  // namespace pysource::tools

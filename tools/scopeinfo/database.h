@@ -18,12 +18,17 @@ struct CDatabaseOptions {
 // environment names neither.
 std::string DefaultDatabasePath();
 
-// Opens the database, or makes it. A folder that is made for it marks itself as a cache. What the
-// database has to say (that it set a damaged file aside) goes to the standard error.
-std::unique_ptr<standalone::CSqliteAnalysisDb> OpenDatabase(const CDatabaseOptions& options,
-                                                            CLocationCache& loc_cache);
-// The same for commands that only look: null when there is no such file.
+// Where the options say it is; the folder is made if need be, and then marks itself as a cache.
+std::string PrepareDatabasePath(const CDatabaseOptions& options);
+
+// Opens the database for commands that only look: null when there is no such file. What it has to
+// say (that it set a damaged file aside) goes to the standard error.
 std::unique_ptr<standalone::CSqliteAnalysisDb> OpenExistingDatabase(const CDatabaseOptions& options,
                                                                     CLocationCache& loc_cache);
+bool DatabaseExists(const CDatabaseOptions& options);
+
+// How long an operation waits for other processes. Nobody waits at a keyboard here, and a save that
+// is refused fails the run: better to wait until another process is through.
+inline constexpr int kLockWaitMs = 10000;
 
 }  // namespace pysource::tools

@@ -10,9 +10,9 @@
 #include "pysource/standalone/engine/findfiles.h"
 #include "pysource/standalone/engine/indexer.h"
 #include "tools/scopeinfo/commands.h"
-#include "tools/scopeinfo/interrupt.h"
 #include "tools/scopeinfo/output.h"
 #include "tools/scopeinfo/progress.h"
+#include "tools/scopeinfo/session.h"
 
 namespace pysource::tools {
 namespace {
@@ -95,11 +95,14 @@ std::string Summary(const COptions& options, const standalone::CFoundFiles& foun
 }  // namespace
 
 int RunIndex(const COptions& options) {
-  WatchForInterrupt();
   const auto start = Clock::now();
-  CLocationCache loc_cache;
-  const standalone::CFoundFiles found = standalone::FindPythonFiles(options.paths, loc_cache);
-  const double find_seconds = SecondsSince(start);
+  CSession session(options);
+  standalone::CEngine& engine = session.Engine();
+  const auto find_start = Clock::now();
+  const standalone::CFoundFiles found =
+      standalone::FindPythonFiles(options.paths, engine.Locations());
+  const double find_seconds = SecondsSince(find_start);
+  engine.Resolver().SetRoots(found.roots);
   for (const standalone::CPathNote& bad : found.bad) {
     Complain(fmt::format("{}: {}", bad.path, bad.text));
   }
@@ -107,20 +110,20 @@ int RunIndex(const COptions& options) {
     Complain(fmt::format("{}: {}; what is in it is left out", error.path, error.text));
   }
 
-  const auto db = OpenDatabase(options.database, loc_cache);
   standalone::CIndexReport report;
   {
     CProgress progress("scanned");
-    standalone::CIndexer indexer(*db, loc_cache);
-    report = indexer.Run({found, options.jobs,
-                          [&progress](size_t done, size_t total, const std::string& path) {
-                            progress.Update(done, total, path);
-                          },
-                          IsInterrupted});
+    report = standalone::CIndexer(engine).Run(
+        {found,
+         [&progress](size_t done, size_t total, const std::string& path) {
+           progress.Update(done, total, path);
+         },
+         session.Between()});
   }
   // The pages, not the file: the last saves are still in the log beside it.
-  const size_t database_bytes = report.scanned > 0 ? db->Stats().database_bytes : 0;
+  const size_t database_bytes = report.scanned > 0 ? engine.Database().Stats().database_bytes : 0;
   Write(Summary(options, found, report, database_bytes, find_seconds, SecondsSince(start)));
+  session.DumpIfAsked();
   FlushOutput();
   for (const standalone::CPathNote& note : report.not_stored) {
     Complain("not stored: " + NoteLine(note.path, note.text));

@@ -67,6 +67,11 @@ void AddJson(CLI::App& command, COptions& options) {
   command.add_flag("--json", options.json, "JSON instead of a table");
 }
 
+void AddDebugDump(CLI::App& command, COptions& options) {
+  command.add_flag("--debug-dump", options.debug_dump,
+                   "Show what the cache holds after the answer, as text");
+}
+
 void AddFile(CLI::App& command, COptions& options) {
   command.add_option("FILE", options.file, "A Python file")->required()->type_name("");
 }
@@ -91,24 +96,32 @@ int Run(int argc, char** argv) {
   AddPaths(*command, options);
   AddJobs(*command, options);
   command->add_flag("--verbose", options.verbose, "Name every file that something is wrong with");
+  AddDebugDump(*command, options);
 
   command = add("show", "Show what a scope defines, merged from all its scans", RunShow);
   AddFile(*command, options);
   command->add_option("SCOPE", options.scope, "Class.method, for example; left out: the module")
       ->type_name("");
   AddJson(*command, options);
+  command->add_flag("--explain", options.explain,
+                    "Tell which records were merged and from which scans, what was stale and why, "
+                    "and what was read from the database");
+  AddDebugDump(*command, options);
 
   command = add("scopes", "Show the tree of the scopes of a file", RunScopes);
   AddFile(*command, options);
   AddJson(*command, options);
+  AddDebugDump(*command, options);
 
   command = add("classes", "List the classes of indexed files", RunClasses);
   AddPaths(*command, options);
   AddJson(*command, options);
+  AddDebugDump(*command, options);
 
   command = add("imports", "List the imports of indexed files", RunImports);
   AddPaths(*command, options);
   AddJson(*command, options);
+  AddDebugDump(*command, options);
 
   command = add("verify", "Scan files again and compare each record with the database", RunVerify);
   AddPaths(*command, options);

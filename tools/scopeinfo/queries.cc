@@ -2,7 +2,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <memory>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -17,6 +16,7 @@
 #include "tools/scopeinfo/commands.h"
 #include "tools/scopeinfo/describe.h"
 #include "tools/scopeinfo/output.h"
+#include "tools/scopeinfo/session.h"
 
 namespace pysource::tools {
 namespace {
@@ -25,14 +25,10 @@ using nlohmann::ordered_json;
 
 std::string FileOf(Loc loc) { return PathForLocation(loc).value_or(loc->fUrl); }
 
-// The database, and the files below the paths that it is to be asked about.
+// A session, and the files below the paths that it is to be asked about.
 struct CQueriedFiles {
-  explicit CQueriedFiles(const COptions& options)
-      : found(standalone::FindPythonFiles(options.paths, loc_cache)),
-        db(OpenExistingDatabase(options.database, loc_cache)) {
-    if (db == nullptr) {
-      throw CValueError("there is no database yet; make it with: scopeinfo index PATH");
-    }
+  explicit CQueriedFiles(const COptions& options) : session(Existing(options)) {
+    found = standalone::FindPythonFiles(options.paths, session.Engine().Locations());
     for (const standalone::CPathNote& bad : found.bad) {
       Complain(fmt::format("{}: {}", bad.path, bad.text));
     }
@@ -41,7 +37,7 @@ struct CQueriedFiles {
       times.Set(file.loc, file.disk_mtime);
       locs.push_back(file.loc);
     }
-    const CScansDoneDict done = times.empty() ? CScansDoneDict() : db->GetScansDone(times);
+    const CScansDoneDict done = Cache().GetScansDoneForMultipleFiles(times);
     const auto missing =
         static_cast<size_t>(std::count_if(locs.begin(), locs.end(), [&done](Loc loc) {
           const Text* scans = done.Find(loc);
@@ -55,11 +51,19 @@ struct CQueriedFiles {
     }
   }
 
+  // Where there is no database, an answer from an empty one would only mislead.
+  static const COptions& Existing(const COptions& options) {
+    if (!DatabaseExists(options.database)) {
+      throw CValueError("there is no database yet; make it with: scopeinfo index PATH");
+    }
+    return options;
+  }
+
+  scopeinfo::CInfoCache& Cache() { return session.Engine().Cache(); }
   int ExitCode() const { return found.bad.empty() ? kExitOk : kExitFailed; }
 
-  CLocationCache loc_cache;
+  CSession session;
   standalone::CFoundFiles found;
-  std::unique_ptr<standalone::CSqliteAnalysisDb> db;
   std::vector<Loc> locs;
 };
 
@@ -77,8 +81,8 @@ void WriteRows(const COptions& options, const ordered_json& json, const CTable& 
 }  // namespace
 
 int RunClasses(const COptions& options) {
-  const CQueriedFiles files(options);
-  std::vector<CClassEquiv> classes = files.db->GetAllClasses(files.locs, standalone::kNamesScan);
+  CQueriedFiles files(options);
+  std::vector<CClassEquiv> classes = files.Cache().GetAllClasses(files.locs);
   std::sort(classes.begin(), classes.end());
   ordered_json json = ordered_json::array();
   CTable table({"Class", "Bases", "File"});
@@ -95,12 +99,13 @@ int RunClasses(const COptions& options) {
     }
   }
   WriteRows(options, json, table, "classes");
+  files.session.DumpIfAsked();
   return files.ExitCode();
 }
 
 int RunImports(const COptions& options) {
-  const CQueriedFiles files(options);
-  std::vector<CImportEquiv> imports = files.db->GetAllImports(files.locs, standalone::kNamesScan);
+  CQueriedFiles files(options);
+  std::vector<CImportEquiv> imports = files.Cache().GetAllImports(files.locs);
   std::sort(imports.begin(), imports.end(), [](const CImportEquiv& a, const CImportEquiv& b) {
     return a.loc != b.loc ? a.loc < b.loc
                           : std::tie(a.scope_name, a.ibytes) < std::tie(b.scope_name, b.ibytes);
@@ -124,6 +129,7 @@ int RunImports(const COptions& options) {
     }
   }
   WriteRows(options, json, table, "imports");
+  files.session.DumpIfAsked();
   return files.ExitCode();
 }
 

@@ -13,8 +13,8 @@
 #include "pysource/scopeinfo/records/scopeinfo.h"
 #include "tools/scopeinfo/commands.h"
 #include "tools/scopeinfo/describe.h"
-#include "tools/scopeinfo/openfile.h"
 #include "tools/scopeinfo/output.h"
+#include "tools/scopeinfo/session.h"
 
 namespace pysource::tools {
 namespace {
@@ -33,8 +33,13 @@ struct CNode {
 
 class CTree {
  public:
-  explicit CTree(standalone::CScopeReader& reader) {
-    reader.VisitPrimaryInfos([this](const scopeinfo::CScopeInfo& info) { AddNode(info); });
+  explicit CTree(const std::vector<std::pair<Text, scopeinfo::CScopeInfoPtr>>& infos) {
+    for (const auto& [name, info] : infos) {
+      // A scope of which only others have something to say is none of this file.
+      if (info != nullptr) {
+        AddNode(*info);
+      }
+    }
     for (size_t i = 0; i < _fNodes.size(); ++i) {
       const auto line = _fLines.find(_fNodes[i].scope);
       _fNodes[i].line = line != _fLines.end() ? line->second : _fNodes[i].line;
@@ -160,16 +165,20 @@ std::string ToTable(const CTree& tree, const std::string& path) {
 }  // namespace
 
 int RunScopes(const COptions& options) {
-  COpenFile file(options);
-  const CTree tree(file.reader);
+  CSession session(options);
+  const Loc loc = session.OpenFile(options.file);
+  const auto infos = session.Engine().AskFile(loc, session.Between());
+  session.ThrowIfNotScanned(loc);
+  const CTree tree(infos);
   if (options.json) {
     ordered_json json;
-    json["file"] = PathForLocation(file.reader.GetLoc()).value_or(options.file);
+    json["file"] = PathForLocation(loc).value_or(options.file);
     json["scopes"] = ToJson(tree);
     WriteJson(json);
   } else {
     Write(ToTable(tree, options.file));
   }
+  session.DumpIfAsked();
   return kExitOk;
 }
 

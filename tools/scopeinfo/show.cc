@@ -14,8 +14,9 @@
 #include "pysource/scopeinfo/records/scopeinfo.h"
 #include "tools/scopeinfo/commands.h"
 #include "tools/scopeinfo/describe.h"
-#include "tools/scopeinfo/openfile.h"
+#include "tools/scopeinfo/explain.h"
 #include "tools/scopeinfo/output.h"
+#include "tools/scopeinfo/session.h"
 
 namespace pysource::tools {
 namespace {
@@ -89,22 +90,40 @@ std::vector<Text> NearMatches(TextView wanted, const std::vector<Text>& names) {
                                    : Text("?")));
 }
 
-std::vector<CScopeInfoKey> KeysOf(const CScopeInfo& info) {
-  if (info.merged_keys->begin() == info.merged_keys->end()) {
-    return {info.key};
-  }
-  std::vector<CScopeInfoKey> keys(info.merged_keys->begin(), info.merged_keys->end());
-  const auto rank = [&info](const CScopeInfoKey& key) {
-    return std::make_tuple(key.scanned_loc() != info.loc, key.scan_name() == ":attrs",
-                           key.scanned_loc() ? key.scanned_loc()->fUrl : Text(),
-                           Text(key.scanned_scope().value_or("")));
-  };
-  std::sort(keys.begin(), keys.end(),
-            [&rank](const auto& a, const auto& b) { return rank(a) < rank(b); });
-  return keys;
-}
-
 std::string FileOf(Loc loc) { return loc ? PathForLocation(loc).value_or(loc->fUrl) : ""; }
+
+// One scan whose record is part of the answer.
+struct CMergedScan {
+  Text scan;
+  Loc file;
+  Text scope;
+};
+
+// The primary one first, then by file.
+std::vector<CMergedScan> ScansOf(const CScopeInfo& info) {
+  std::vector<CMergedScan> scans;
+  const auto add = [&](const CScopeInfoKey& key) {
+    // The key of the answer itself says no longer which scan it began with: the primary one, of the
+    // scope itself.
+    scans.push_back(key.scan_name()
+                        ? CMergedScan{Text(*key.scan_name()), key.scanned_loc(),
+                                      Text(key.scanned_scope().value_or(""))}
+                        : CMergedScan{Text(standalone::kNamesScan), info.loc, Text(info.for_scope)});
+  };
+  if (info.merged_keys->begin() == info.merged_keys->end()) {
+    add(info.key);
+  }
+  for (const CScopeInfoKey& key : *info.merged_keys) {
+    add(key);
+  }
+  const auto rank = [&info](const CMergedScan& scan) {
+    return std::tuple(scan.file != info.loc, scan.scan == standalone::kAttrsScan,
+                      scan.file ? scan.file->fUrl : Text(), scan.scope);
+  };
+  std::sort(scans.begin(), scans.end(),
+            [&rank](const auto& a, const auto& b) { return rank(a) < rank(b); });
+  return scans;
+}
 
 struct CNameLine {
   TextView name;
@@ -152,7 +171,7 @@ ordered_json NamesToJson(const CStrDict& names, const std::optional<CStrDict>& d
   return array;
 }
 
-ordered_json ToJson(const CScopeInfo& info, const COpenFile& file) {
+ordered_json ToJson(const CScopeInfo& info, const CSession& session) {
   ordered_json json;
   json["file"] = FileOf(info.loc);
   json["scope"] = info.for_scope;
@@ -160,18 +179,15 @@ ordered_json ToJson(const CScopeInfo& info, const COpenFile& file) {
   json["info"] = info.scope_ibytes;
   json["exists"] = !info.does_not_exist;
   json["incomplete"] = info.incomplete;
-  json["disk_time"] = file.reader.GetDiskTime();
-  json["source"] =
-      file.source == standalone::CScopeReader::ESource::kDatabase ? "database" : "scan";
+  json["disk_time"] = info.disk_mtime ? ordered_json(*info.disk_mtime) : ordered_json();
+  json["source"] = session.FilesScanned() == 0 ? "database" : "scan";
   json["names"] = NamesToJson(info.type_equivs, info._domains);
   json["instance_names"] = info.inst_type_equivs
                                ? NamesToJson(*info.inst_type_equivs, info._inst_domains)
                                : ordered_json::array();
   ordered_json& scans = json["scans"] = ordered_json::array();
-  for (const CScopeInfoKey& key : KeysOf(info)) {
-    scans.push_back({{"scan", key.scan_name().value_or("")},
-                     {"file", FileOf(key.scanned_loc())},
-                     {"scope", key.scanned_scope().value_or("")}});
+  for (const CMergedScan& scan : ScansOf(info)) {
+    scans.push_back({{"scan", scan.scan}, {"file", FileOf(scan.file)}, {"scope", scan.scope}});
   }
   return json;
 }
@@ -209,9 +225,8 @@ std::string ToTable(const CScopeInfo& info) {
       title += fmt::format("({})", Printable(definition.inside));
     }
   }
-  const std::vector<CScopeInfoKey> keys = KeysOf(info);
-  std::string text =
-      fmt::format("{}\n{}, {}", title, Printable(FileOf(info.loc)), Counted(keys.size(), "scan"));
+  std::string text = fmt::format("{}\n{}, {}", title, Printable(FileOf(info.loc)),
+                                 Counted(ScansOf(info).size(), "scan"));
   text += info.incomplete ? ", incomplete" : "";
   text += info.does_not_exist ? ", does not exist" : "";
   text += "\n";
@@ -228,16 +243,36 @@ std::string ToTable(const CScopeInfo& info) {
 }  // namespace
 
 int RunShow(const COptions& options) {
-  COpenFile file(options);
-  const scopeinfo::CScopeInfoPtr info = file.reader.GetMergedInfo(options.scope);
+  CSession session(options);
+  standalone::CEngine& engine = session.Engine();
+  const Loc loc = session.OpenFile(options.file);
+  std::optional<CExplanation> explanation;
+  if (options.explain) {
+    explanation.emplace(engine, loc, options.scope);
+  }
+  const scopeinfo::CScopeInfoPtr info = engine.Ask(loc, options.scope, session.Between());
+  session.ThrowIfNotScanned(loc);
+  if (session.FilesScanned() != 0) {
+    Complain(fmt::format("{} not in the database as they are now; scanned for this answer",
+                         Counted(session.FilesScanned(), "file")));
+  }
+  if (explanation) {
+    explanation->NoteAnswer(info);
+  }
   if (info == nullptr) {
-    ThrowUnknownScope(options, file.reader.GetScopeNames());
+    const TextSet names = engine.Cache().GetAllScopeNames(loc);
+    ThrowUnknownScope(options, {names.begin(), names.end()});
   }
   if (options.json) {
-    WriteJson(ToJson(*info, file));
+    ordered_json json = ToJson(*info, session);
+    if (explanation) {
+      json["explanation"] = explanation->ToJson();
+    }
+    WriteJson(json);
   } else {
-    Write(ToTable(*info));
+    Write(ToTable(*info) + (explanation ? "\n" + explanation->ToText() : ""));
   }
+  session.DumpIfAsked();
   return kExitOk;
 }
 

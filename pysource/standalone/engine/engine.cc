@@ -1,5 +1,6 @@
 #include "pysource/standalone/engine/engine.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace pysource::standalone {
@@ -16,7 +17,9 @@ constexpr unsigned kWaitMs = 100;
 CEngine::CEngine(CEngineOptions options)
     : _fResolver(_fLocCache, options.import_roots), _fFactory(_fLocCache) {
   _fDb = std::make_unique<CSqliteAnalysisDb>(
-      CSqliteDbOptions{.path = options.db_path, .workspace_root = options.workspace_root},
+      CSqliteDbOptions{.path = options.db_path,
+                       .workspace_root = options.workspace_root,
+                       .lock_wait_ms = options.lock_wait_ms},
       _fLocCache);
   _fAnaMgr.fAnalysisDb = _fDb.get();
   _fAnaMgr.fAnalysisFactory = &_fFactory;
@@ -50,6 +53,27 @@ scopeinfo::CScopeInfoPtr CEngine::Ask(Loc loc, TextView scope_name,
     _fScans->RequestForReader(needs_scan);
     if (!_fScans->IsBusy() || !RunScans(between)) {
       return info;
+    }
+  }
+}
+
+std::vector<std::pair<Text, scopeinfo::CScopeInfoPtr>> CEngine::AskFile(
+    Loc loc, const std::function<bool()>& between) {
+  (void)Ask(loc, kModuleScopeName, between);
+  for (int round = 0;; ++round) {
+    const TextSet name_set = _fCache->GetAllScopeNames(loc);
+    const std::vector<Text> names(name_set.begin(), name_set.end());
+    // All of them from one database call; each again for what it lacks, from memory.
+    (void)_fCache->GetMultipleScopeInfos(loc, names, false);
+    std::vector<std::pair<Text, scopeinfo::CScopeInfoPtr>> infos;
+    for (const Text& name : names) {
+      scopeinfo::CNeedsScanDict needs_scan;
+      infos.emplace_back(name, _fCache->GetScopeInfo(loc, name, false, &needs_scan));
+      _fScans->RequestForReader(needs_scan);
+    }
+    if (!_fScans->IsBusy() || round == kMostRounds || !RunScans(between)) {
+      std::sort(infos.begin(), infos.end());
+      return infos;
     }
   }
 }

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "pysource/host/analysismgr.h"
@@ -26,6 +27,7 @@ struct CEngineOptions {
   std::string workspace_root;  // files below it are stored relative to it; empty for none
   std::vector<std::string> import_roots;  // folders where absolute imports are looked for
   size_t threads = 1;
+  int lock_wait_ms = 50;  // the longest that one database operation waits for other processes
   // Called from worker threads when results wait; may be empty for a host that calls RunScans.
   std::function<void()> notify = nullptr;
   scopeinfo::CInfoCacheLimits limits = {};
@@ -49,12 +51,20 @@ class CEngine {
   scopeinfo::CScopeInfoPtr Ask(Loc loc, TextView scope_name,
                                const std::function<bool()>& between = nullptr);
 
+  // What Ask answers for every scope of the file that is known after its scans, sorted by name,
+  // without its stubs. Reads the database once.
+  std::vector<std::pair<Text, scopeinfo::CScopeInfoPtr>> AskFile(
+      Loc loc, const std::function<bool()>& between = nullptr);
+
   // Runs all that is wanted to the end, with the cache's housekeeping in between. False if
   // `between` said to stop.
   bool RunScans(const std::function<bool()>& between = nullptr);
 
   // Closes an open buffer; what was not saved is forgotten, by the cache too.
   void CloseBuffer(Loc loc);
+
+  // The stubs that supply further information for the file.
+  std::vector<Loc> SecondaryFiles(Loc loc) { return _fFactory.GetSecondaryLocations(loc); }
 
   CLocationCache& Locations() { return _fLocCache; }
   scopeinfo::CInfoCache& Cache() { return *_fCache; }

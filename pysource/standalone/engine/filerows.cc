@@ -33,22 +33,6 @@ CDatabaseRecord MakeRow(const scopeinfo::CScopeInfo& info) {
   return row;
 }
 
-CFileRows MakeRows(Loc loc, const CFileScan& scan, CRowsByLoc& for_others) {
-  CFileRows result;
-  result.rows.reserve(scan.results.size());
-  for (const CScanResult& scan_result : scan.results) {
-    result.scopes += scan_result.scan_name == kNamesScan ? 1 : 0;
-    for (const scopeinfo::CScopeInfoPtr& info : scan_result.infos) {
-      ++result.records;
-      result.names += info->type_equivs.size();
-      result.names += info->inst_type_equivs ? info->inst_type_equivs->size() : 0;
-      result.encoded_bytes += info->_serialized_data->size();
-      (info->loc == loc ? result.rows : for_others[info->loc]).push_back(MakeRow(*info));
-    }
-  }
-  return result;
-}
-
 scopeinfo::CScopeInfoPtr ReadRow(scopeinfo::CScopeInfoSerializer& serializer,
                                  const CDatabaseRecord& row, DiskTime disk_mtime) {
   const scopeinfo::CScopeInfoKey key(row.for_loc, row.for_scope, ToView(row.scan_name),

@@ -4,10 +4,7 @@
 #include <chrono>
 #include <utility>
 
-#include "pysource/scopeinfo/records/vocabulary.h"
-#include "pysource/standalone/engine/scanfiles.h"
-#include "pysource/standalone/scanner/importresolver.h"
-#include "pysource/standalone/scanner/sourcefile.h"
+#include "pysource/scopeinfo/infocache/infocache.h"
 
 namespace pysource::standalone {
 namespace {
@@ -15,6 +12,9 @@ namespace {
 // A disk that is full stays so, and each save that meets a lock waits for it: after this many
 // refusals in a row the rest of a big tree is not tried any more.
 constexpr size_t kMostFailuresInARow = 3;
+
+// After so many files, what was filed under others than those scanned leaves memory too.
+constexpr size_t kFilesBetweenSweeps = 256;
 
 class CStopwatch {
  public:
@@ -34,41 +34,89 @@ std::string PathOf(Loc loc) { return PathForLocation(loc).value_or(loc->fUrl); }
 
 }  // namespace
 
+std::vector<CPathNote> ForgetForPlan(CEngine& engine, const CIndexPlan& plan) {
+  scopeinfo::CInfoCache& cache = engine.Cache();
+  const auto entry_of = [&cache](Loc loc) { return cache.DbgGetPerFileDict().Find(loc); };
+  std::vector<CPathNote> refused;
+  // First that their scans are done no longer: once the rows are cleared, nothing else says who has
+  // to be scanned again.
+  std::vector<Loc> to_forget;
+  for (const CFoundFile& file : plan.to_forget) {
+    (void)cache.GetAllScopeNames(file.loc);  // makes the entry
+    if (const auto* const entry = entry_of(file.loc)) {
+      (*entry)->SetScansDone("");
+      to_forget.push_back(file.loc);
+    }
+  }
+  cache.WriteToDatabase(to_forget);
+  for (const Loc loc : to_forget) {
+    const auto* const entry = entry_of(loc);
+    if (entry != nullptr && (*entry)->fScansDoneNeedsToBeWritten) {
+      refused.push_back({PathOf(loc), engine.Database().LastError()});
+      return refused;
+    }
+  }
+  if (!plan.to_clear.empty()) {
+    cache.ClearFiles(plan.to_clear, true);
+    for (const Loc loc : plan.to_clear) {
+      const auto* const entry = entry_of(loc);
+      if (entry != nullptr && (*entry)->clear_db) {
+        refused.push_back({PathOf(loc), engine.Database().LastError()});
+        return refused;
+      }
+    }
+  }
+  return refused;
+}
+
 CIndexReport CIndexer::Run(const CIndexRequest& request) {
   _fReport = {};
-  _fForOthers.clear();
   _fStored.clear();
+  _fDone = 0;
   _fFailuresInARow = 0;
 
   CIndexPlan plan;
   {
     const CStopwatch stopwatch(_fReport.plan_seconds);
-    plan = MakeIndexPlan(_fDb, request.found);
-    Prepare(plan);
+    plan = MakeIndexPlan(_fEngine.Database(), request.found);
+    _fReport.not_stored = ForgetForPlan(_fEngine, plan);
   }
   _fReport.unchanged = plan.unchanged;
   _fReport.removed = plan.removed;
+  if (!_fReport.not_stored.empty()) {
+    return std::move(_fReport);
+  }
 
+  CScanRunner& scans = _fEngine.Scans();
   {
     const CStopwatch stopwatch(_fReport.scan_seconds);
-    const CFileImportResolver resolver(_fLocCache, request.found.roots);
-    size_t done = 0;
     const auto progress = [&](const std::string& path) {
       if (request.on_progress != nullptr) {
-        request.on_progress(done, plan.to_scan.size(), path);
+        request.on_progress(std::min(_fDone, plan.to_scan.size()), plan.to_scan.size(), path);
       }
     };
     progress("");
-    _fReport.worker_times = ScanFiles({plan.to_scan, request.jobs, resolver, request.is_cancelled},
-                                      [&](const CScanJobResult& scanned) {
-                                        StoreFile(scanned);
-                                        ++done;
-                                        progress(PathOf(scanned.job.loc));
-                                        return !HasGivenUp();
-                                      });
-    _fReport.cancelled = done < plan.to_scan.size() && !HasGivenUp();
-    StoreRowsForOthers();
+    scans.fOnScanned = [&](const CScanJobResult& scanned) {
+      TakeScanned(scanned);
+      progress(PathOf(scanned.job.loc));
+    };
+    scans.fOnFailure = [&](const CScanRunner::Failure& failure) {
+      TakeFailure(failure);
+      progress(PathOf(failure.loc));
+    };
+    for (const CFoundFile& file : plan.to_scan) {
+      scans.RequestFile(file.loc);
+    }
+    const bool all = _fEngine.RunScans([&] {
+      return !HasGivenUp() && (request.between == nullptr || request.between());
+    });
+    scans.fOnScanned = nullptr;
+    scans.fOnFailure = nullptr;
+    _fReport.cancelled = !all && !HasGivenUp();
+    WriteAndForgetAll();
   }
+  _fReport.store_seconds = scans.GetCounts().hand_over_seconds;
+  _fReport.worker_times = scans.WorkTimes();
   _fReport.scanned_again = static_cast<size_t>(
       std::count_if(plan.to_forget.begin(), plan.to_forget.end(),
                     [this](const CFoundFile& file) { return _fStored.contains(file.loc); }));
@@ -79,76 +127,74 @@ CIndexReport CIndexer::Run(const CIndexRequest& request) {
   return std::move(_fReport);
 }
 
-// Forgets first what will be scanned again: if this run is cut short after the clearing, the next
-// one sees that these files have to be scanned.
-void CIndexer::Prepare(const CIndexPlan& plan) {
-  for (const CFoundFile& file : plan.to_forget) {
-    Save(file.loc, {}, "", file.disk_mtime);
-  }
-  if (!plan.to_clear.empty() && !HasGivenUp() && !_fDb.ClearInfoForFiles(plan.to_clear)) {
-    _fReport.not_stored.push_back({PathOf(plan.to_clear.front()), _fDb.LastError()});
-  }
-}
-
-void CIndexer::StoreFile(const CScanJobResult& scanned) {
+void CIndexer::TakeScanned(const CScanJobResult& scanned) {
   const Loc loc = scanned.job.loc;
-  if (!scanned.error.empty()) {
-    _fReport.unreadable.push_back({PathOf(loc), scanned.error});
-    return;
+  scopeinfo::CInfoCache& cache = _fEngine.Cache();
+  ++_fDone;
+  if (cache.DbgGetCrossFileData().GetToWriteInfoKeyCount(loc) != 0) {
+    Refuse(PathOf(loc), _fEngine.Database().LastError());
+  } else {
+    _fFailuresInARow = 0;
+    // A file that changes while the run goes on is scanned more than once.
+    if (_fStored.insert(loc).second) {
+      ++_fReport.scanned;
+      _fReport.source_bytes += scanned.source_bytes;
+      _fReport.encoded_bytes += scanned.encoded_bytes;
+      for (const CScanResult& result : scanned.scan.results) {
+        _fReport.scopes += result.scan_name == kNamesScan ? 1 : 0;
+        for (const scopeinfo::CScopeInfoPtr& info : result.infos) {
+          ++_fReport.records;
+          _fReport.names += info->type_equivs.size();
+          _fReport.names += info->inst_type_equivs ? info->inst_type_equivs->size() : 0;
+        }
+      }
+      if (scanned.scan.error_count > 0) {
+        _fReport.syntax_errors.push_back(
+            {PathOf(loc), scanned.scan.error_count, scanned.scan.first_error_line});
+      }
+    }
   }
-  const CFileRows rows = MakeRows(loc, scanned.scan, _fForOthers);
-  const size_t refused = _fReport.not_stored.size();
-  Save(loc, rows.rows, kAllScansDone, scanned.disk_mtime);
-  if (_fReport.not_stored.size() > refused) {
-    return;
-  }
-  _fStored[loc] = scanned.disk_mtime;
-  ++_fReport.scanned;
-  _fReport.scopes += rows.scopes;
-  _fReport.names += rows.names;
-  _fReport.records += rows.records;
-  _fReport.encoded_bytes += rows.encoded_bytes;
-  _fReport.source_bytes += scanned.source_bytes;
-  if (scanned.scan.error_count > 0) {
-    _fReport.syntax_errors.push_back(
-        {PathOf(loc), scanned.scan.error_count, scanned.scan.first_error_line});
+  cache.ClearFiles({loc}, false);
+  if (_fDone % kFilesBetweenSweeps == 0) {
+    WriteAndForgetAll();
   }
 }
 
-// After all rows of the files themselves, since saving a file under a new time drops what was there
-// before. A file that is not indexed gets its rows all the same: when it is, they are kept.
-void CIndexer::StoreRowsForOthers() {
-  CLocMtimeDict times;
-  for (const auto& [loc, rows] : _fForOthers) {
-    const auto stored = _fStored.find(loc);
-    const auto path = PathForLocation(loc);
-    const DiskTime time = stored != _fStored.end() ? stored->second
-                          : path                   ? GetFileDiskTime(*path)
-                                                   : scopeinfo::kFileUnknownOnDiskMtime;
-    // A file that is gone by now has no rows.
-    if (time > static_cast<DiskTime>(scopeinfo::kFileUnknownOnDiskMtime)) {
-      times.Set(loc, time);
-    }
-  }
-  const CScansDoneDict scans_done = times.empty() ? CScansDoneDict() : _fDb.GetScansDone(times);
-  for (const auto& [loc, time] : times) {
-    if (HasGivenUp()) {
-      return;
-    }
-    const Text* done = scans_done.Find(loc);
-    Save(loc, _fForOthers[loc], done != nullptr ? TextView(*done) : TextView(), time);
+void CIndexer::TakeFailure(const CScanRunner::Failure& failure) {
+  ++_fDone;
+  if (failure.was_scanned) {
+    Refuse(PathOf(failure.loc), failure.message);
+  } else {
+    _fReport.unreadable.push_back({PathOf(failure.loc), failure.message});
   }
 }
 
-void CIndexer::Save(Loc loc, const std::vector<CDatabaseRecord>& rows, TextView scans_done,
-                    DiskTime disk_mtime) {
-  const CStopwatch stopwatch(_fReport.store_seconds);
-  if (!HasGivenUp() && !_fDb.SaveDataForFile(loc, rows, scans_done, disk_mtime)) {
-    _fReport.not_stored.push_back({PathOf(loc), _fDb.LastError()});
-    ++_fFailuresInARow;
-    return;
+void CIndexer::Refuse(const std::string& path, const std::string& why) {
+  if (!HasGivenUp()) {
+    _fReport.not_stored.push_back({path, why});
   }
-  _fFailuresInARow = HasGivenUp() ? _fFailuresInARow : 0;
+  ++_fFailuresInARow;
+}
+
+// Records that a scan made for other files wait until these are scanned, or until here.
+void CIndexer::WriteAndForgetAll() {
+  scopeinfo::CInfoCache& cache = _fEngine.Cache();
+  std::vector<Loc> locs;
+  for (const auto& [loc, entry] : cache.DbgGetPerFileDict()) {
+    locs.push_back(loc);
+  }
+  if (!HasGivenUp()) {
+    cache.WriteToDatabase();
+    for (const Loc loc : locs) {
+      const scopeinfo::CPerFilePtr* const entry = cache.DbgGetPerFileDict().Find(loc);
+      // Records for a file that is gone by now have nowhere to go.
+      if (entry != nullptr && (*entry)->disk_mtime > 0 &&
+          cache.DbgGetCrossFileData().GetToWriteInfoKeyCount(loc) != 0) {
+        Refuse(PathOf(loc), _fEngine.Database().LastError());
+      }
+    }
+  }
+  cache.ClearFiles(locs, false);
 }
 
 bool CIndexer::HasGivenUp() const { return _fFailuresInARow >= kMostFailuresInARow; }

@@ -1,32 +1,31 @@
-// Bringing the analysis database up to date with a tree of files.
+// Bringing the analysis database up to date with a tree of files, through the info cache.
 //
-// Scans what is new or changed in worker threads and stores it, one save a file, on the calling
-// thread. What was stored stays when a run is cut short, by a cancel, a kill or a full disk: the
-// next run goes on from there.
+// Asks the engine for the scans of what is new or changed, and leaves the rest to it: each file is
+// handed to the cache and written as soon as it is scanned. What was stored stays when a run is cut
+// short, by a cancel, a kill or a full disk: the next run goes on from there.
 #pragma once
 
 #include <cstddef>
 #include <functional>
 #include <string>
-#include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "pysource/host/location.h"
-#include "pysource/standalone/engine/filerows.h"
+#include "pysource/standalone/engine/engine.h"
 #include "pysource/standalone/engine/findfiles.h"
 #include "pysource/standalone/engine/indexplan.h"
+#include "pysource/standalone/engine/scanrunner.h"
 #include "pysource/standalone/engine/scanworkers.h"
-#include "pysource/standalone/sqlitedb/sqliteanalysisdb.h"
 
 namespace pysource::standalone {
 
 struct CIndexRequest {
   const CFoundFiles& found;
-  size_t jobs = 1;  // worker threads
   // Called before the first scan, and after each file.
   std::function<void(size_t done, size_t total, const std::string& path)> on_progress;
-  // Asked now and then; may be null.
-  std::function<bool()> is_cancelled;
+  // Called after each piece of work, for the idle calls of the main loop; false gives up.
+  std::function<bool()> between;
 };
 
 // Places in a file that the parser could not make sense of.
@@ -44,7 +43,7 @@ struct CIndexReport {
   bool cancelled = false;
 
   size_t scopes = 0;
-  size_t names = 0;
+  size_t names = 0;  // names of the scopes, and attributes of instances
   size_t records = 0;
   size_t source_bytes = 0;
   size_t encoded_bytes = 0;
@@ -55,32 +54,37 @@ struct CIndexReport {
 
   double plan_seconds = 0;   // comparing with the database
   double scan_seconds = 0;   // from the first scan to the last save, scanning and storing together
-  double store_seconds = 0;  // of that: in saves
+  double store_seconds = 0;  // of that: in the cache and its database
   CScanWorkTimes worker_times;  // processor time
 };
 
+// Forgets what the plan says is no longer true, in such an order that a run that is cut short
+// anywhere is made up for by the next one. Returns what the database refused. The scans themselves
+// are for the caller to ask for.
+std::vector<CPathNote> ForgetForPlan(CEngine& engine, const CIndexPlan& plan);
+
+// For a process that indexes and ends: nobody reads from the cache meanwhile, so what is written
+// leaves memory at once, and memory stays small whatever the size of the tree.
 class CIndexer {
  public:
-  // Both must outlive the indexer.
-  CIndexer(CSqliteAnalysisDb& db, CLocationCache& loc_cache) : _fDb(db), _fLocCache(loc_cache) {}
+  // The engine must outlive the indexer, which is the only one to use it while Run goes on.
+  explicit CIndexer(CEngine& engine) : _fEngine(engine) {}
 
   CIndexReport Run(const CIndexRequest& request);
 
  private:
-  void Prepare(const CIndexPlan& plan);
-  void StoreFile(const CScanJobResult& scanned);
-  void StoreRowsForOthers();
-  void Save(Loc loc, const std::vector<CDatabaseRecord>& rows, TextView scans_done,
-            DiskTime disk_mtime);
+  void TakeScanned(const CScanJobResult& scanned);
+  void TakeFailure(const CScanRunner::Failure& failure);
+  void Refuse(const std::string& path, const std::string& why);
+  void WriteAndForgetAll();
   bool HasGivenUp() const;
 
-  CSqliteAnalysisDb& _fDb;
-  CLocationCache& _fLocCache;
+  CEngine& _fEngine;
 
   // Of the run that goes on.
   CIndexReport _fReport;
-  CRowsByLoc _fForOthers;
-  std::unordered_map<Loc, DiskTime> _fStored;  // at which time each file was stored
+  std::unordered_set<Loc> _fStored;
+  size_t _fDone = 0;
   size_t _fFailuresInARow = 0;
 };
 

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <string>
 #include <unordered_map>
-#include <unordered_set>
 #include <utility>
 
 #include "pysource/scopeinfo/records/vocabulary.h"
@@ -13,38 +12,7 @@
 namespace pysource::standalone {
 namespace {
 
-// What the database holds, reduced to what a plan rests on.
-struct CStored {
-  CLocSet files;                          // that have rows
-  std::unordered_map<Loc, CLocSet> from;  // B to the files A that have rows in it
-  std::unordered_map<Loc, CLocSet> seen;  // B to the files A whose scans looked at it
-};
-
-CStored ReadStored(CSqliteAnalysisDb& db) {
-  CStored stored;
-  Loc last;
-  db.VisitAllRecords([&](const CStoredRow& row) {
-    const Loc loc = row.record.for_loc;
-    if (!loc) {
-      return;
-    }
-    if (loc.get() != last.get()) {  // rows come file by file
-      stored.files.insert(loc);
-      last = loc;
-    }
-    if (row.record.scanned_loc && row.record.scanned_loc != loc) {
-      stored.from[loc].insert(row.record.scanned_loc);
-    }
-    if (row.record.scanned_loc && row.record.scopes_seen != nullptr) {
-      for (const auto& [ref, time] : *row.record.scopes_seen) {
-        if (ref.loc.get() != row.record.scanned_loc.get()) {
-          stored.seen[ref.loc].insert(row.record.scanned_loc);
-        }
-      }
-    }
-  });
-  return stored;
-}
+constexpr auto kGone = static_cast<DiskTime>(scopeinfo::kFileDoesNotExistMtime);
 
 bool IsBelow(const std::string& path, const std::vector<std::string>& folders) {
   return std::any_of(folders.begin(), folders.end(), [&path](const std::string& folder) {
@@ -53,92 +21,132 @@ bool IsBelow(const std::string& path, const std::vector<std::string>& folders) {
   });
 }
 
-bool IsGone(const std::string& path) {
-  return GetFileDiskTime(path) == static_cast<DiskTime>(scopeinfo::kFileDoesNotExistMtime);
-}
-
-bool IsAllDone(const CScansDoneDict& scans_done, Loc loc) {
-  const Text* done = scans_done.Find(loc);
-  return done != nullptr && *done == kAllScansDone;
-}
-
-// Those of `locs` that are indexed as they are on the disk now.
-std::vector<CFoundFile> FilesIndexedNow(CSqliteAnalysisDb& db, const CLocSet& locs) {
-  CLocMtimeDict times;
-  for (const Loc loc : locs) {
-    if (const auto path = PathForLocation(loc)) {
-      times.Set(loc, GetFileDiskTime(*path));
+class CPlanner {
+ public:
+  CPlanner(CSqliteAnalysisDb& db, const CFoundFiles& found) : _fDb(db), _fFound(found) {
+    for (const CFoundFile& file : found.files) {
+      _fTimes.emplace(file.loc, file.disk_mtime);
+      _fFoundLocs.insert(file.loc);
     }
+    _fDb.VisitFiles([this](const CStoredFile& file) { _fStored.emplace(file.loc, file); });
   }
-  const CScansDoneDict scans_done = times.empty() ? CScansDoneDict() : db.GetScansDone(times);
-  std::vector<CFoundFile> files;
-  for (const auto& [loc, time] : times) {
-    if (IsAllDone(scans_done, loc)) {
-      files.push_back({*PathForLocation(loc), loc, time});
+
+  CIndexPlan Make() {
+    for (const CFoundFile& file : _fFound.files) {
+      if (IsIndexed(file.loc)) {
+        ++_fPlan.unchanged;
+      } else {
+        _fChanged.insert(file.loc);
+        _fPlan.to_scan.push_back(file);
+      }
     }
-  }
-  std::sort(files.begin(), files.end(),
-            [](const CFoundFile& a, const CFoundFile& b) { return a.path < b.path; });
-  return files;
-}
-
-}  // namespace
-
-CIndexPlan MakeIndexPlan(CSqliteAnalysisDb& db, const CFoundFiles& found) {
-  CIndexPlan plan;
-  CLocMtimeDict times;
-  for (const CFoundFile& file : found.files) {
-    times.Set(file.loc, file.disk_mtime);
-  }
-  const CScansDoneDict scans_done = times.empty() ? CScansDoneDict() : db.GetScansDone(times);
-  CLocSet changed;  // or removed
-  for (const CFoundFile& file : found.files) {
-    if (IsAllDone(scans_done, file.loc)) {
-      ++plan.unchanged;
-    } else {
-      changed.insert(file.loc);
-      plan.to_scan.push_back(file);
+    for (const auto& [loc, unused] : _fStored) {
+      const auto path = PathForLocation(loc);
+      if (path && !_fFoundLocs.contains(loc) && IsBelow(*path, _fFound.paths) && TimeOf(loc) == kGone) {
+        ++_fPlan.removed;
+        _fChanged.insert(loc);
+        _fPlan.to_clear.push_back(loc);
+      }
     }
+    ReadTies();
+    FollowTies();
+    AddFilesToScanAgain();
+    std::sort(_fPlan.to_clear.begin(), _fPlan.to_clear.end());
+    return std::move(_fPlan);
   }
 
-  const CStored stored = ReadStored(db);
-  CLocSet again;
-  for (const Loc loc : stored.files) {
-    if (const auto path = PathForLocation(loc);
-        path && !times.Contains(loc) && IsBelow(*path, found.paths) && IsGone(*path)) {
-      ++plan.removed;
-      changed.insert(loc);
-      plan.to_clear.push_back(loc);
-      if (const auto seen = stored.seen.find(loc); seen != stored.seen.end()) {
-        again.insert(seen->second.begin(), seen->second.end());
+ private:
+  // The present time of the file; asked of the disk once.
+  DiskTime TimeOf(Loc loc) {
+    const auto known = _fTimes.find(loc);
+    if (known != _fTimes.end()) {
+      return known->second;
+    }
+    const auto path = PathForLocation(loc);
+    return _fTimes.emplace(loc, path ? GetFileDiskTime(*path) : kGone).first->second;
+  }
+
+  // Whether it is stored as it is on the disk now, with both scans.
+  bool IsIndexed(Loc loc) {
+    const auto stored = _fStored.find(loc);
+    return stored != _fStored.end() && stored->second.scans_done == kAllScansDone &&
+           stored->second.disk_time == TimeOf(loc);
+  }
+
+  void ReadTies() {
+    _fDb.VisitTiedRecords([this](const CStoredRow& row) {
+      const Loc loc = row.record.for_loc;
+      const Loc source = row.record.scanned_loc;
+      if (!loc || !source) {
+        return;
+      }
+      bool is_stale = row.record.scopes_seen == nullptr;
+      if (row.record.scopes_seen != nullptr) {
+        for (const auto& [scope, time] : *row.record.scopes_seen) {
+          is_stale = is_stale || TimeOf(scope.loc) != time;
+        }
+      }
+      if (source != loc) {
+        _fSources[loc].insert(source);
+        if (is_stale) {
+          _fMisinformed.insert(loc);
+        }
+      } else if (is_stale) {
+        _fAgain.insert(loc);
+      }
+    });
+  }
+
+  void FollowTies() {
+    for (const auto& [loc, sources] : _fSources) {
+      const bool is_misinformed =
+          _fMisinformed.contains(loc) ||
+          std::any_of(sources.begin(), sources.end(), [this](Loc source) {
+            return _fChanged.contains(source) || TimeOf(source) == kGone;
+          });
+      if (is_misinformed) {
+        // Also of a file that is scanned anyway: if it is there at its old time, after a run that
+        // was cut short, saving it keeps the rows of others.
+        _fPlan.to_clear.push_back(loc);
+        _fAgain.insert(loc);
+      }
+      if (is_misinformed || _fChanged.contains(loc)) {
+        _fAgain.insert(sources.begin(), sources.end());
       }
     }
   }
 
-  for (const auto& [loc, sources] : stored.from) {
-    const bool is_stale = std::any_of(sources.begin(), sources.end(), [&](Loc source) {
-      const auto path = PathForLocation(source);
-      return changed.contains(source) || (path && IsBelow(*path, found.paths) && IsGone(*path));
-    });
-    if (is_stale) {
-      // Also of a file that is scanned anyway: if it is there at its old time, after a run that was
-      // cut short, saving it keeps the rows of others.
-      plan.to_clear.push_back(loc);
-      again.insert(loc);
+  void AddFilesToScanAgain() {
+    for (const Loc loc : _fAgain) {
+      if (!_fChanged.contains(loc) && IsIndexed(loc)) {
+        _fPlan.to_forget.push_back({*PathForLocation(loc), loc, TimeOf(loc)});
+      }
     }
-    if (is_stale || changed.contains(loc)) {
-      again.insert(sources.begin(), sources.end());
+    std::sort(_fPlan.to_forget.begin(), _fPlan.to_forget.end(),
+              [](const CFoundFile& a, const CFoundFile& b) { return a.path < b.path; });
+    for (const CFoundFile& file : _fPlan.to_forget) {
+      _fPlan.unchanged -= _fFoundLocs.contains(file.loc) ? 1 : 0;
+      _fPlan.to_scan.push_back(file);
     }
   }
-  for (const Loc loc : changed) {
-    again.erase(loc);
-  }
-  plan.to_forget = FilesIndexedNow(db, again);
-  for (const CFoundFile& file : plan.to_forget) {
-    plan.unchanged -= times.Contains(file.loc) ? 1 : 0;
-    plan.to_scan.push_back(file);
-  }
-  return plan;
+
+  CSqliteAnalysisDb& _fDb;
+  const CFoundFiles& _fFound;
+  CIndexPlan _fPlan;
+
+  CLocSet _fFoundLocs;
+  std::unordered_map<Loc, DiskTime> _fTimes;  // on the disk now
+  std::unordered_map<Loc, CStoredFile> _fStored;
+  CLocSet _fChanged;                          // new, changed or removed
+  std::unordered_map<Loc, CLocSet> _fSources;  // B to the files A that have rows in it
+  CLocSet _fMisinformed;                      // B with such a row that is no longer true
+  CLocSet _fAgain;
+};
+
+}  // namespace
+
+CIndexPlan MakeIndexPlan(CSqliteAnalysisDb& db, const CFoundFiles& found) {
+  return CPlanner(db, found).Make();
 }
 
 }  // namespace pysource::standalone

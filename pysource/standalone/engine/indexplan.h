@@ -2,12 +2,19 @@
 // new or changed, which are gone, and what hangs together with these.
 //
 // A scan of file A can make records for another file B (A sets an attribute on the module B); they
-// are filed under B, at B's disk time. So a change of one file can touch the other's rows:
+// are filed under B, at B's disk time. And A's own records can rest on B (A imports all names of
+// B). So a change of one file can touch the other's rows:
 //
 //   B changed     its old rows go when the new ones are saved, those from A among them
 //                 -> A is scanned again, though it did not change
 //   A changed     what it said of B before may no longer hold, and a single row cannot be taken out
 //   or is gone    -> B's rows are cleared, and B and all files that have rows in B scanned again
+//   A rests on B  and B has another time by now, or is gone
+//                 -> A is scanned again
+//
+// All of this is read off the rows and the disk alone, so it does not matter what became of earlier
+// runs. One thing is not noticed: a new file that makes an import of an unchanged file resolve. The
+// importer is scanned again when it changes.
 #pragma once
 
 #include <vector>
@@ -27,7 +34,8 @@ struct CIndexPlan {
 };
 
 // Files below the named paths that are in the database and gone from the disk are removed ones; of
-// files elsewhere nothing is said.
+// files elsewhere nothing is said. Reads what the database says of its files, and those rows that
+// tie one file to another: a small part of what it holds.
 CIndexPlan MakeIndexPlan(CSqliteAnalysisDb& db, const CFoundFiles& found);
 
 }  // namespace pysource::standalone

@@ -1,6 +1,7 @@
 #include "pysource/standalone/engine/scanrunner.h"
 
 #include <bit>
+#include <chrono>
 #include <optional>
 
 #include "pysource/host/symbolinfo.h"
@@ -153,7 +154,10 @@ void CScanRunner::GiveJob(Loc loc, Wanted wanted) {
 size_t CScanRunner::HandOverReady(unsigned wait_ms) {
   size_t handed_over = 0;
   while (auto result = _fWorkers.Take(handed_over == 0 ? wait_ms : 0)) {
+    const auto start = std::chrono::steady_clock::now();
     HandOver(*result);
+    _fCounts.hand_over_seconds +=
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     ++handed_over;
   }
   return handed_over;
@@ -181,7 +185,7 @@ void CScanRunner::HandOver(const CScanJobResult& result) {
     // Another content by now: that one may be readable.
     Want(loc, kWildcardScope, kNamesScan, wanted.urgency);
   } else if (!result.error.empty()) {
-    Fail(loc, content, result.error);
+    Fail(content, {loc, result.error});
   } else {
     try {
       AddResults(result, wanted);
@@ -192,22 +196,23 @@ void CScanRunner::HandOver(const CScanJobResult& result) {
       state.ran = wanted;
       state.failed_content = 0;
       if (fOnScanned) {
-        fOnScanned(loc, result.scan);
+        fOnScanned(result);
       }
     } catch (const std::exception& error) {
       // The database, or a handler of the cache's signals. What was added is; the rest is tried
       // again when the file has changed.
-      Fail(loc, content, std::string("its scan could not be taken in: ") + error.what());
+      Fail(content,
+           {loc, std::string("its scan could not be taken in: ") + error.what(), true});
     }
   }
   _fStates[loc].in_hand = false;
   Dispatch();
 }
 
-void CScanRunner::Fail(Loc loc, uint64_t content, const std::string& message) {
-  FileState& state = _fStates[loc];
+void CScanRunner::Fail(uint64_t content, const Failure& failure) {
+  FileState& state = _fStates[failure.loc];
   if (std::exchange(state.failed_content, content) != content && fOnFailure) {
-    fOnFailure({loc, message});
+    fOnFailure(failure);
   }
 }
 
@@ -215,6 +220,7 @@ void CScanRunner::AddResults(const CScanJobResult& result, const Wanted& wanted)
   const Loc loc = result.job.loc;
   ++_fCounts.files_scanned;
   _fCounts.source_bytes += result.source_bytes;
+  _fCounts.encoded_bytes += result.encoded_bytes;
   _fCounts.syntax_errors += result.scan.error_count;
   _fCounts.files_with_syntax_errors += result.scan.error_count != 0 ? 1 : 0;
   AddWanted(result, wanted);
@@ -259,10 +265,7 @@ void CScanRunner::AddWanted(const CScanJobResult& result, const Wanted& wanted) 
           (!wanted.all && !wanted.scans.contains({scan.scanned_scope, scan.scan_name}))) {
         continue;
       }
-      for (const scopeinfo::CScopeInfoPtr& info : scan.infos) {
-        ++_fCounts.records;
-        _fCounts.encoded_bytes += info->GetSerializedData().size();
-      }
+      _fCounts.records += scan.infos.size();
       _fCache.AddScopeInfoListForSingleScan(loc, scan.scanned_scope, scan.scan_name, scan.infos);
     }
   };

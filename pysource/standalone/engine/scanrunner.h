@@ -39,6 +39,8 @@ class CScanRunner final : public CDestroyable {
   struct Failure {
     Loc loc;
     std::string message;
+    // The scan was made, but the cache or its database did not take it in.
+    bool was_scanned = false;
   };
   struct Options {
     size_t threads = 1;
@@ -54,7 +56,8 @@ class CScanRunner final : public CDestroyable {
     size_t encoded_bytes = 0;
     size_t syntax_errors = 0;
     size_t files_with_syntax_errors = 0;
-    size_t dropped = 0;  // results that came too late for their content
+    size_t dropped = 0;           // results that came too late for their content
+    double hand_over_seconds = 0;  // in the cache and its database
   };
 
   CScanRunner(scopeinfo::CInfoCache& cache, CFileManager& files, COpenBuffers& buffers,
@@ -76,8 +79,8 @@ class CScanRunner final : public CDestroyable {
   CScanWorkTimes WorkTimes() const { return _fWorkers.Times(); }
   // Called with each failure, as it happens.
   std::function<void(const Failure&)> fOnFailure;
-  // Called with each file whose scan has been handed over; for progress and counting.
-  std::function<void(Loc, const CFileScan&)> fOnScanned;
+  // Called with each result that has been handed over and, if it was of the whole file, written.
+  std::function<void(const CScanJobResult&)> fOnScanned;
 
  private:
   // Which scans of a file are wanted. An empty set with `all` is everything.
@@ -102,7 +105,7 @@ class CScanRunner final : public CDestroyable {
   void Dispatch();
   void GiveJob(Loc loc, Wanted wanted);
   void HandOver(const CScanJobResult& result);
-  void Fail(Loc loc, uint64_t content, const std::string& message);
+  void Fail(uint64_t content, const Failure& failure);
   void AddResults(const CScanJobResult& result, const Wanted& wanted);
   void AddWanted(const CScanJobResult& result, const Wanted& wanted);
   void WithdrawClaim(const CNeedsScan& scan);

@@ -55,6 +55,7 @@ struct CWorker {
       for (const CScanResult& each : result.scan.results) {
         for (const scopeinfo::CScopeInfoPtr& info : each.infos) {
           info->_serialized_data = serializer.WriteScopeInfo(*info);
+          result.encoded_bytes += info->_serialized_data->size();
         }
       }
       lap(times.encode);

@@ -38,6 +38,7 @@ struct CScanJobResult {
   std::string error;        // why there is no scan; empty when there is one
   DiskTime disk_mtime = 0;  // of the content that was scanned
   size_t source_bytes = 0;
+  size_t encoded_bytes = 0;  // of all its records
 };
 
 // Processor seconds of all workers together.

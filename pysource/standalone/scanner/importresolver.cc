@@ -72,6 +72,11 @@ DiskTime CFileImportResolver::GetDiskTime(Loc loc) const {
   return path ? GetFileDiskTime(*path) : DiskTime{scopeinfo::kFileUnknownOnDiskMtime};
 }
 
+void CFileImportResolver::SetRoots(std::vector<std::string> roots) {
+  _fRoots = std::move(roots);
+  Clear();
+}
+
 void CFileImportResolver::Clear() {
   for (CShard& shard : *_fShards) {
     const std::lock_guard lock(shard.mutex);

@@ -51,6 +51,8 @@ class CFileImportResolver final : public CImportResolver {
   // Asks the file system each time: a time that is remembered is a time that is wrong.
   DiskTime GetDiskTime(Loc loc) const override;
 
+  // Takes other roots, and forgets all answers. Not while a scan runs.
+  void SetRoots(std::vector<std::string> roots);
   // Forgets all answers: files have come or gone.
   void Clear();
 
@@ -71,7 +73,7 @@ class CFileImportResolver final : public CImportResolver {
   std::string PackageRoot(const std::string& folder) const;
 
   CLocationCache& _fLocCache;
-  const std::vector<std::string> _fRoots;
+  std::vector<std::string> _fRoots;
   const std::unique_ptr<std::array<CShard, 16>> _fShards;
 };
 

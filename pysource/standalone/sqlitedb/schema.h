@@ -4,6 +4,8 @@
 //   scans     id, name                                   scan names, as small numbers
 //   records   id, scope, scan, scanned_file, scanned_scope, seen, classes, imports, data
 //   changes   seq, file                                  which file each save or clear was of
+//   ties      an index of the records that hang together with other files than their own: made from
+//             another one, or resting on one. They are few, and an index run asks for all of them.
 //
 // A file's id is its number in scopes-seen bytes and in scanned_file, so a row of `files` is never
 // deleted; a file without data has no disk time. The id is a hash of the name, or the next free
@@ -43,7 +45,7 @@
 
 namespace pysource::standalone::sqlitedb {
 
-inline constexpr int kSchemaVersion = 1;
+inline constexpr int kSchemaVersion = 2;
 // "PySI", in the header of the file: tells our databases from those of other programs.
 inline constexpr int kApplicationId = 0x50795349;
 
@@ -55,6 +57,7 @@ inline constexpr const char* kSchema = R"(
                        scanned_file INTEGER, scanned_scope, seen BLOB, classes TEXT, imports TEXT,
                        data BLOB NOT NULL);
   CREATE TABLE changes(seq INTEGER PRIMARY KEY, file INTEGER NOT NULL);
+  CREATE INDEX ties ON records(id) WHERE scanned_file IS NOT NULL OR seen IS NOT NULL;
 )";
 inline constexpr int kTableCount = 4;
 

@@ -473,6 +473,47 @@ class CSqliteAnalysisDb::CImpl {
     }
   }
 
+  void VisitFiles(const std::function<void(const CStoredFile&)>& visit) {
+    const auto statement = _fConnection->Prepare(
+        "SELECT name, disk_time, scans_done FROM files WHERE disk_time IS NOT NULL");
+    CQuery query(statement.get());
+    while (query.Step()) {
+      // A file in a workspace that was not given has no location.
+      if (const auto url = _fNames.UrlOf(Text(query.ViewAt(0)))) {
+        visit({_fLocCache.GetLocation(*url), query.DoubleAt(1), Text(query.ViewAt(2))});
+      }
+    }
+  }
+
+  void VisitTiedRecords(const std::function<void(const CStoredRow&)>& visit) {
+    struct CPlace {
+      Text file;
+      DiskTime disk_time;
+    };
+    std::unordered_map<int64_t, CPlace> places;
+    const auto files =
+        _fConnection->Prepare("SELECT place, name, disk_time FROM files WHERE place IS NOT NULL");
+    for (CQuery query(files.get()); query.Step();) {
+      places[query.IntAt(0)] = {Text(query.ViewAt(1)), query.DoubleAt(2)};
+    }
+    const auto statement = _fConnection->Prepare(
+        "SELECT id, scope, scan, scanned_file, scanned_scope, seen, NULL, NULL, x'' FROM records "
+        "WHERE scanned_file IS NOT NULL OR seen IS NOT NULL");
+    for (CQuery query(statement.get()); query.Step();) {
+      const auto place = places.find(query.IntAt(0) & ~(sqlitedb::kPlaceSpan - 1));
+      if (place == places.end()) {
+        continue;  // Verify() tells of it
+      }
+      CStoredRow row;
+      row.file = place->second.file;
+      row.disk_time = place->second.disk_time;
+      const auto url = _fNames.UrlOf(row.file);
+      const Loc loc = url ? _fLocCache.GetLocation(*url) : Loc();
+      row.error = ReadRow(query, 1, loc, row.disk_time, row.record);
+      visit(row);
+    }
+  }
+
   CSqliteDbStats Stats() {
     CSqliteDbStats stats;
     const auto count = [this](const char* sql) {
@@ -1086,38 +1127,58 @@ CSqliteAnalysisDb::~CSqliteAnalysisDb() { destroy(); }
 
 void CSqliteAnalysisDb::_destroy_impl() { _fImpl->Close(); }
 
+void CSqliteAnalysisDb::Tell(const char* operation, Loc loc, const std::vector<Text>* scopes,
+                             size_t count) const {
+  if (fOnCall) {
+    fOnCall({operation, loc, scopes != nullptr ? *scopes : std::vector<Text>(), count});
+  }
+}
+
 std::vector<Text> CSqliteAnalysisDb::ReadScopeNames(Loc loc, TextView primary_scan_name,
                                                     DiskTime disk_mtime) {
-  return _fImpl->Reading<std::vector<Text>>("reading scope names", [&] {
+  auto names = _fImpl->Reading<std::vector<Text>>("reading scope names", [&] {
     return _fImpl->ReadScopeNames(loc, primary_scan_name, disk_mtime);
   });
+  Tell("ReadScopeNames", loc, nullptr, names.size());
+  return names;
 }
 
 std::vector<CDatabaseRecord> CSqliteAnalysisDb::ReadScopeDataRecords(
     Loc loc, const std::vector<Text>& scan_names, const std::vector<Text>& scope_names,
     DiskTime disk_mtime) {
-  return _fImpl->Reading<std::vector<CDatabaseRecord>>("reading records", [&] {
+  auto records = _fImpl->Reading<std::vector<CDatabaseRecord>>("reading records", [&] {
     return _fImpl->ReadScopeDataRecords(loc, scan_names, scope_names, disk_mtime);
   });
+  Tell("ReadScopeDataRecords", loc, &scope_names, records.size());
+  return records;
 }
 
 CScansDoneDict CSqliteAnalysisDb::GetScansDone(const CLocMtimeDict& loc_mtime_dict) {
-  return _fImpl->Reading<CScansDoneDict>("reading scans done",
-                                         [&] { return _fImpl->GetScansDone(loc_mtime_dict); });
+  auto scans_done = _fImpl->Reading<CScansDoneDict>(
+      "reading scans done", [&] { return _fImpl->GetScansDone(loc_mtime_dict); });
+  Tell("GetScansDone", loc_mtime_dict.size() == 1 ? (*loc_mtime_dict.begin()).first : Loc(),
+       nullptr, scans_done.size());
+  return scans_done;
 }
 
 bool CSqliteAnalysisDb::SaveDataForFile(Loc loc, const std::vector<CDatabaseRecord>& records,
                                         TextView scans_done, DiskTime disk_mtime) {
-  return _fImpl->Changing("saving", [&] { _fImpl->Save(loc, records, scans_done, disk_mtime); });
+  const bool saved =
+      _fImpl->Changing("saving", [&] { _fImpl->Save(loc, records, scans_done, disk_mtime); });
+  Tell("SaveDataForFile", loc, nullptr, saved ? records.size() : 0);
+  return saved;
 }
 
 bool CSqliteAnalysisDb::ClearInfoForFiles(const std::vector<Loc>& loc_list) {
-  return _fImpl->Changing("clearing", [&] { _fImpl->Clear(loc_list); });
+  const bool cleared = _fImpl->Changing("clearing", [&] { _fImpl->Clear(loc_list); });
+  Tell("ClearInfoForFiles", loc_list.size() == 1 ? loc_list.front() : Loc(), nullptr,
+       cleared ? loc_list.size() : 0);
+  return cleared;
 }
 
 std::vector<CImportEquiv> CSqliteAnalysisDb::GetAllImports(const std::vector<Loc>& db_locs,
                                                            TextView primary_scan_name) {
-  return _fImpl->Reading<std::vector<CImportEquiv>>("reading imports", [&] {
+  auto all_imports = _fImpl->Reading<std::vector<CImportEquiv>>("reading imports", [&] {
     std::vector<CImportEquiv> imports;
     _fImpl->GetEquivs(EStatement::kImports, db_locs, primary_scan_name,
                       [&](size_t index, const Text& scope, const Bytes& equivs) {
@@ -1127,11 +1188,13 @@ std::vector<CImportEquiv> CSqliteAnalysisDb::GetAllImports(const std::vector<Loc
                       });
     return imports;
   });
+  Tell("GetAllImports", Loc(), nullptr, all_imports.size());
+  return all_imports;
 }
 
 std::vector<CClassEquiv> CSqliteAnalysisDb::GetAllClasses(const std::vector<Loc>& db_locs,
                                                           TextView primary_scan_name) {
-  return _fImpl->Reading<std::vector<CClassEquiv>>("reading classes", [&] {
+  auto all_classes = _fImpl->Reading<std::vector<CClassEquiv>>("reading classes", [&] {
     std::vector<CClassEquiv> classes;
     _fImpl->GetEquivs(EStatement::kClasses, db_locs, primary_scan_name,
                       [&](size_t index, const Text&, const Bytes& equivs) {
@@ -1141,6 +1204,8 @@ std::vector<CClassEquiv> CSqliteAnalysisDb::GetAllClasses(const std::vector<Loc>
                       });
     return classes;
   });
+  Tell("GetAllClasses", Loc(), nullptr, all_classes.size());
+  return all_classes;
 }
 
 Text CSqliteAnalysisDb::CheckForExternalChanges() {
@@ -1158,6 +1223,20 @@ const std::string& CSqliteAnalysisDb::Message() const { return _fImpl->Message()
 const std::string& CSqliteAnalysisDb::LastError() const { return _fImpl->LastError(); }
 const std::string& CSqliteAnalysisDb::Path() const { return _fImpl->Shown(); }
 bool CSqliteAnalysisDb::ReadOnly() const { return _fImpl->ReadOnly(); }
+
+void CSqliteAnalysisDb::VisitFiles(const std::function<void(const CStoredFile&)>& visit) {
+  _fImpl->Looking<bool>("reading all files", [&] {
+    _fImpl->VisitFiles(visit);
+    return true;
+  });
+}
+
+void CSqliteAnalysisDb::VisitTiedRecords(const std::function<void(const CStoredRow&)>& visit) {
+  _fImpl->Looking<bool>("reading tied records", [&] {
+    _fImpl->VisitTiedRecords(visit);
+    return true;
+  });
+}
 
 void CSqliteAnalysisDb::VisitAllRecords(const std::function<void(const CStoredRow&)>& visit) {
   _fImpl->Looking<bool>("reading all records", [&] {

@@ -51,6 +51,21 @@ struct CStoredRow {
   Text error;              // what is wrong with the row; empty when nothing is
 };
 
+// One file that has rows, or had some at that time.
+struct CStoredFile {
+  Loc loc;
+  DiskTime disk_time = 0;
+  Text scans_done;
+};
+
+// One call of the service, told when it is done: for tools that show what a question costs.
+struct CDbCall {
+  const char* operation = "";  // its name
+  Loc loc;                     // the file; absent where it is about several
+  std::vector<Text> scopes;    // that were asked for
+  size_t count = 0;            // rows read or written, names, files
+};
+
 // What the database holds and what room it takes.
 struct CSqliteDbStats {
   uint64_t files = 0;        // files with a disk time
@@ -100,6 +115,14 @@ class CSqliteAnalysisDb final : public CAnalysisDb {
   bool ReadOnly() const;
   const std::string& Path() const;
 
+  // Called after each call of the service, if set.
+  std::function<void(const CDbCall&)> fOnCall;
+
+  // Every file that has a disk time.
+  void VisitFiles(const std::function<void(const CStoredFile&)>& visit);
+  // Every row that was made from another file than the one it is for, or rests on one, without its
+  // equivalences and data. Costs as much as there are such rows.
+  void VisitTiedRecords(const std::function<void(const CStoredRow&)>& visit);
   // Every row, those that no read would hand out included, file by file.
   void VisitAllRecords(const std::function<void(const CStoredRow&)>& visit);
   CSqliteDbStats Stats();
@@ -108,6 +131,8 @@ class CSqliteAnalysisDb final : public CAnalysisDb {
 
  private:
   class CImpl;
+
+  void Tell(const char* operation, Loc loc, const std::vector<Text>* scopes, size_t count) const;
 
   // Ends the connection. Reads then answer nothing, and saves false.
   void _destroy_impl() override;
