@@ -14,12 +14,15 @@
 #include <string>
 #include <vector>
 
-#include "pysource/scopeinfo/records/scopeinfo.h"
+#include "pysource/host/manualloop.h"
+#include "pysource/standalone/engine/engine.h"
 #include "pysource/standalone/engine/filerows.h"
 #include "pysource/standalone/engine/findfiles.h"
 #include "pysource/standalone/engine/indexcheck.h"
 #include "pysource/standalone/engine/indexer.h"
-#include "pysource/standalone/engine/reader.h"
+#include "pysource/standalone/engine/mergecheck.h"
+#include "pysource/standalone/engine/rowcheck.h"
+#include "pysource/standalone/scanner/sourcefile.h"
 #include "tests/fakes/random.h"
 
 namespace pysource::standalone {
@@ -36,17 +39,20 @@ class IndexTest : public ::testing::Test {
     std::string pattern = fs::temp_directory_path() / "scopeinfo_index_XXXXXX";
     _fFolder = mkdtemp(pattern.data());
     fs::create_directory(Path("tree"));
-    OpenDb();
+    velk::SetMainLoop(&_fLoop);
   }
   ~IndexTest() override {
-    _fDb.reset();
+    velk::SetMainLoop(nullptr);
     fs::remove_all(_fFolder);
   }
 
-  void OpenDb() {
-    _fDb.reset();
-    _fDb =
-        std::make_unique<CSqliteAnalysisDb>(CSqliteDbOptions{Path("index.db"), "", 1}, _fLocCache);
+  // Each run, and each look, is a process of its own.
+  std::unique_ptr<CEngine> Start() {
+    return std::make_unique<CEngine>(CEngineOptions{.db_path = Path("index.db"),
+                                                    .workspace_root = "",
+                                                    .import_roots = {Path("tree")},
+                                                    .threads = 2,
+                                                    .lock_wait_ms = 1});
   }
 
   std::string Path(const std::string& name) const { return _fFolder + "/" + name; }
@@ -58,30 +64,48 @@ class IndexTest : public ::testing::Test {
   }
   void Remove(const std::string& name) { fs::remove(Path("tree/" + name)); }
 
-  CFoundFiles Find() { return FindPythonFiles({Path("tree")}, _fLocCache); }
-  CIndexReport Index(const std::function<bool()>& is_cancelled = nullptr) {
-    const CFoundFiles found = Find();
-    return CIndexer(*_fDb, _fLocCache).Run({found, 2, nullptr, is_cancelled});
+  CFoundFiles Find(CEngine& engine) { return FindPythonFiles({Path("tree")}, engine.Locations()); }
+  CIndexReport Index(const std::function<bool()>& between = nullptr,
+                     const std::function<void()>& after_find = nullptr) {
+    const auto engine = Start();
+    const CFoundFiles found = Find(*engine);
+    if (after_find) {
+      after_find();
+    }
+    CIndexReport report = CIndexer(*engine).Run({found, nullptr, [&] {
+                                                   _fLoop.RunIdle();
+                                                   return between == nullptr || between();
+                                                 }});
+    engine->Cache().CheckInvariants();
+    return report;
   }
-  CCheckReport Check() {
-    const CFoundFiles found = Find();
-    return CheckIndex(*_fDb, _fLocCache, {found, 2, nullptr, nullptr});
+  static CCheckReport Check(CEngine& engine, const CFoundFiles& found) {
+    return CheckIndex(engine.Database(), engine.Locations(), {found, 2, nullptr, nullptr});
   }
   // Nothing is missing, wrong or left over.
   void ExpectExact() {
-    const CCheckReport report = Check();
-    EXPECT_EQ(report.files, Find().files.size());
+    const auto engine = Start();
+    const CFoundFiles found = Find(*engine);
+    const CCheckReport report = Check(*engine, found);
+    EXPECT_EQ(report.files, found.files.size());
     EXPECT_EQ(report.equal, report.records);
     EXPECT_EQ(report.from_elsewhere, 0U);
-    for (const CPathNote& note : report.differences) {
-      ADD_FAILURE() << note.path << ": " << note.text;
+    const CMergeCheckReport merged = CheckMerged(*engine, {found, 2, nullptr, nullptr});
+    EXPECT_EQ(merged.equal, merged.scopes);
+    const CRowCheckReport rows = CheckRows(engine->Database());
+    EXPECT_EQ(rows.records, report.records);
+    for (const auto* const notes :
+         {&report.differences, &merged.differences, &rows.damaged, &rows.stale}) {
+      for (const CPathNote& note : *notes) {
+        ADD_FAILURE() << note.path << ": " << note.text;
+      }
     }
+    engine->Cache().CheckInvariants();
   }
 
   std::string _fFolder;
   time_t _fNow = 1700000000;
-  CLocationCache _fLocCache;
-  std::unique_ptr<CSqliteAnalysisDb> _fDb;
+  velk::CManualLoop _fLoop;
 };
 
 // Files come, change and go, set attributes on each other's modules, and runs are cut short; after
@@ -119,7 +143,7 @@ TEST_F(IndexTest, RandomChangesLeaveTheDatabaseAsAFreshScanMakesIt) {
     }
     if (random.OneIn(4)) {
       std::atomic<int> left(static_cast<int>(random.Below(4)));
-      Index([&left] { return left-- <= 0; });
+      Index([&left] { return left-- > 0; });
       write(random.Of(alive));
     }
     const CIndexReport report = Index();
@@ -127,7 +151,7 @@ TEST_F(IndexTest, RandomChangesLeaveTheDatabaseAsAFreshScanMakesIt) {
     ASSERT_EQ(report.scanned + report.unchanged, alive.size());
     ExpectExact();
     ASSERT_FALSE(HasFailure());
-    _fDb->VisitAllRecords([&](const CStoredRow& row) {
+    Start()->Database().VisitTiedRecords([&](const CStoredRow& row) {
       rows_for_others += row.record.for_loc == row.record.scanned_loc ? 0 : 1;
     });
     const CIndexReport again = Index();
@@ -143,16 +167,16 @@ TEST_F(IndexTest, TheCheckFindsEachKindOfDifference) {
   ASSERT_THAT(Index().not_stored, IsEmpty());
   ExpectExact();
 
-  const Loc a = _fLocCache.GetLocationForPath(Path("tree/a.py"));
-  const Loc b = _fLocCache.GetLocationForPath(Path("tree/b.py"));
+  const auto engine = Start();
+  CSqliteAnalysisDb& db = engine->Database();
+  const CFoundFiles found = Find(*engine);
+  const Loc a = engine->Locations().GetLocationForPath(Path("tree/a.py"));
+  const Loc b = engine->Locations().GetLocationForPath(Path("tree/b.py"));
   const auto time_of = [this](const char* name) {
-    CScopeReader reader(_fDb.get(), _fLocCache);
-    reader.Open(Path(std::string("tree/") + name));
-    return reader.GetDiskTime();
+    return GetFileDiskTime(Path(std::string("tree/") + name));
   };
   const auto rows_of = [&](Loc loc, const char* name) {
-    return _fDb->ReadScopeDataRecords(loc, {Text(kNamesScan), Text(kAttrsScan)}, {"*"},
-                                      time_of(name));
+    return db.ReadScopeDataRecords(loc, {Text(kNamesScan), Text(kAttrsScan)}, {"*"}, time_of(name));
   };
   struct {
     const char* what;
@@ -183,13 +207,13 @@ TEST_F(IndexTest, TheCheckFindsEachKindOfDifference) {
     const auto good_a = of_a;
     const auto good_b = of_b;
     const auto store = [&](const auto& rows_of_a, const auto& rows_of_b) {
-      ASSERT_TRUE(_fDb->ClearInfoForFiles({a, b}));
-      ASSERT_TRUE(_fDb->SaveDataForFile(a, rows_of_a, kAllScansDone, time_of("a.py")));
-      ASSERT_TRUE(_fDb->SaveDataForFile(b, rows_of_b, kAllScansDone, time_of("b.py")));
+      ASSERT_TRUE(db.ClearInfoForFiles({a, b}));
+      ASSERT_TRUE(db.SaveDataForFile(a, rows_of_a, kAllScansDone, time_of("a.py")));
+      ASSERT_TRUE(db.SaveDataForFile(b, rows_of_b, kAllScansDone, time_of("b.py")));
     };
     test.damage(of_a, of_b);
     store(of_a, of_b);
-    const CCheckReport report = Check();
+    const CCheckReport report = Check(*engine, found);
     EXPECT_THAT(report.differences,
                 ::testing::Contains(::testing::Field(&CPathNote::text, HasSubstr(test.expected))));
     store(good_a, good_b);
@@ -201,9 +225,7 @@ TEST_F(IndexTest, AFileThatVanishesOnTheWayIsNamedAndTheOthersAreStored) {
   for (int i = 0; i < 20; ++i) {
     Write("m" + std::to_string(i) + ".py", "x = 1\n");
   }
-  const CFoundFiles found = Find();
-  Remove("m7.py");
-  const CIndexReport report = CIndexer(*_fDb, _fLocCache).Run({found, 2, nullptr, nullptr});
+  const CIndexReport report = Index(nullptr, [this] { Remove("m7.py"); });
   EXPECT_EQ(report.scanned, 19U);
   ASSERT_THAT(report.unreadable, SizeIs(1));
   EXPECT_EQ(report.unreadable[0].path, Path("tree/m7.py"));
@@ -214,6 +236,7 @@ TEST_F(IndexTest, ARunGivesUpOnADatabaseThatRefusesAndTheNextOneMakesUpForIt) {
   for (int i = 0; i < 20; ++i) {
     Write("m" + std::to_string(i) + ".py", "x = 1\n");
   }
+  Start();  // makes the database
   sqlite3* other = nullptr;
   ASSERT_EQ(sqlite3_open(Path("index.db").c_str(), &other), SQLITE_OK);
   ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
@@ -226,35 +249,6 @@ TEST_F(IndexTest, ARunGivesUpOnADatabaseThatRefusesAndTheNextOneMakesUpForIt) {
 
   EXPECT_EQ(Index().scanned, 20U);
   ExpectExact();
-}
-
-// The answers of the database and those of a scan on the spot are the same, scope by scope.
-TEST_F(IndexTest, TheReaderAnswersAlikeFromBothItsSources) {
-  const std::string folder = std::string(SCOPEINFO_SOURCE_DIR) + "/examples/notebook";
-  for (const char* name : {"model.py", "store.py", "commands.py", "settings.pyi"}) {
-    fs::copy_file(folder + "/" + name, Path(std::string("tree/") + name));
-  }
-  Index();
-  size_t scopes = 0;
-  for (const CFoundFile& file : Find().files) {
-    CScopeReader stored(_fDb.get(), _fLocCache);
-    CScopeReader scanned(nullptr, _fLocCache);
-    ASSERT_EQ(stored.Open(file.path), CScopeReader::ESource::kDatabase);
-    ASSERT_EQ(scanned.Open(file.path), CScopeReader::ESource::kScan);
-    ASSERT_EQ(stored.GetScopeNames(), scanned.GetScopeNames());
-    for (const Text& scope : stored.GetScopeNames()) {
-      const auto a = stored.GetMergedInfo(scope);
-      const auto b = scanned.GetMergedInfo(scope);
-      ASSERT_TRUE(a != nullptr && b != nullptr) << scope;
-      EXPECT_EQ(a->type_equivs, b->type_equivs) << scope;
-      EXPECT_EQ(a->scope_ibytes, b->scope_ibytes) << scope;
-      EXPECT_EQ(a->inst_type_equivs.value_or(CStrDict()), b->inst_type_equivs.value_or(CStrDict()))
-          << scope;
-      ++scopes;
-    }
-    EXPECT_EQ(stored.GetMergedInfo("no such scope"), nullptr);
-  }
-  EXPECT_GT(scopes, 25U);
 }
 
 }  // namespace

@@ -52,7 +52,9 @@ says cache/scopeinfo/CACHEDIR.TAG 'Signature: 8a477f597d28d172789f06886806bc55'
 run 0 index notebook
 says out '0 scanned, 6 unchanged'
 run 0 verify notebook
-says out 'Compared 6 files of 6' 'differences  0' 'sound'
+says out 'Compared 6 files of 6' 'differences  0' 'damaged      0' 'stale        0'
+run 0 verify notebook --merged
+says out '36 to a merge of what the scans find'
 
 # commands.py sets attributes of settings.py, so it is scanned again when that changes.
 echo 'colour = "blue"' >>notebook/settings.py
@@ -80,11 +82,25 @@ json 'j["kind"] == "class" and j["source"] == "database" and len(j["scans"]) == 
 json '[n for n in j["names"] if n["name"] == "suffix"][0]["alternatives"] ==
   [{"line": 19, "kind": "literal", "value": "str"}]'
 cp out from_database
-run 0 show notebook/store.py Store --json --db none.db
-says err 'scanned it for this answer'
-[[ ! -e none.db ]] || fail "looking makes a database"
+run 0 show notebook/store.py Store --json --db new.db
+says err '1 file not in the database as they are now; scanned for this answer'
 sed 's/"source": "scan"/"source": "database"/' out | diff - from_database ||
   fail "a scan on the spot answers otherwise than the database"
+run 0 show notebook/store.py Store --json --db new.db
+silent err
+diff out from_database || fail "what one process scanned, the next does not read"
+# Why, before and after a change.
+run 0 show notebook/store.py Store --explain
+says out 'Merged into the answer: 3 records' 'ReadScopeDataRecords of all scopes' 'Scanned: 0 files'
+run 0 show notebook/store.py Store --json --explain --db new.db
+json '[c["call"] for c in j["explanation"]["database_calls"]] ==
+  ["ReadScopeNames", "GetScansDone", "ReadScopeDataRecords"] and not j["explanation"]["scanned"]'
+touch -d '1 hour ago' notebook/store.py
+run 0 show notebook/store.py Store --json --explain --db new.db
+json 'len(j["explanation"]["scanned"]) == 1 and "no scan of the file" in j["explanation"]["wanted"][0]["why"]'
+run 0 index notebook
+run 0 show notebook/store.py Store --debug-dump
+says out 'in database (11)' 'used scopes, most recently used first' 'merged records (1)'
 run 1 show notebook/store.py Stroe
 silent out
 says err 'scopeinfo: notebook/store.py has no scope "Stroe"; did you mean Store?'

@@ -24,6 +24,7 @@ struct COptions {
   size_t jobs = 1;
   bool json = false;
   bool verbose = false;
+  bool merged = false;
   bool explain = false;
   bool debug_dump = false;
 };

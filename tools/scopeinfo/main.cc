@@ -28,7 +28,8 @@ constexpr const char* kFooter = R"(Examples:
   scopeinfo show app.py Window.close      what one of its scopes defines
   scopeinfo show app.py Window --json     the same, for programs
   scopeinfo classes ~/project             all classes of a tree
-  scopeinfo verify ~/project              is the database as a fresh scan would make it?
+  scopeinfo verify                        is every row of the database sound?
+  scopeinfo verify ~/project              and is it as a fresh scan would make it?
 
 The database is $XDG_CACHE_HOME/scopeinfo/index.db (~/.cache where that is not set) unless --db
 names another. It can be deleted at any time; the next index makes it anew.
@@ -46,14 +47,15 @@ void AddDatabaseOptions(CLI::App& command, COptions& options) {
       ->type_name("DIR");
 }
 
-void AddPaths(CLI::App& command, COptions& options) {
-  command.add_option("PATH", options.paths, "Files, and folders to search for .py and .pyi")
-      ->required()
-      ->type_name("");
+CLI::Option* AddPaths(CLI::App& command, COptions& options) {
+  CLI::Option* const paths =
+      command.add_option("PATH", options.paths, "Files, and folders to search for .py and .pyi");
+  paths->required()->type_name("");
   command.footer(
       "What is named is taken whatever its name. Below a named folder these are left out: hidden "
       "files\nand folders, node_modules, site-packages, __pycache__ and other caches, virtual "
       "environments.");
+  return paths;
 }
 
 void AddJobs(CLI::App& command, COptions& options) {
@@ -123,9 +125,15 @@ int Run(int argc, char** argv) {
   AddJson(*command, options);
   AddDebugDump(*command, options);
 
-  command = add("verify", "Scan files again and compare each record with the database", RunVerify);
-  AddPaths(*command, options);
+  command = add("verify",
+                "Read and decode every row of the database; of named files also scan again and "
+                "compare each record",
+                RunVerify);
+  AddPaths(*command, options)->required(false);
   AddJobs(*command, options);
+  command->add_flag("--merged", options.merged,
+                    "Also ask the cache for every scope of the named files, and compare with a "
+                    "merge of what the scans find; keeps all records in memory");
   command->add_flag("--verbose", options.verbose, "Name every difference");
 
   try {

@@ -1,7 +1,8 @@
-// scopeinfo verify: whether the database is sound, and holds what scans of the files find.
+// scopeinfo verify: whether every row of the database is sound; of named files also whether it
+// holds what scans of them find, and whether the cache answers with it.
 #include <fmt/format.h>
 
-#include <algorithm>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -9,10 +10,13 @@
 #include "pysource/host/errors.h"
 #include "pysource/standalone/engine/findfiles.h"
 #include "pysource/standalone/engine/indexcheck.h"
+#include "pysource/standalone/engine/mergecheck.h"
+#include "pysource/standalone/engine/rowcheck.h"
 #include "tools/scopeinfo/commands.h"
 #include "tools/scopeinfo/interrupt.h"
 #include "tools/scopeinfo/output.h"
 #include "tools/scopeinfo/progress.h"
+#include "tools/scopeinfo/session.h"
 
 namespace pysource::tools {
 namespace {
@@ -30,68 +34,137 @@ void ComplainOfAll(const std::vector<standalone::CPathNote>& notes, std::string_
   }
 }
 
+class CVerification {
+ public:
+  explicit CVerification(const COptions& options)
+      : _fOptions(options), _fDb(OpenExistingDatabase(options.database, _fLocCache)) {
+    if (_fDb == nullptr) {
+      throw CValueError("there is no database yet; make it with: scopeinfo index PATH");
+    }
+  }
+
+  int Run() {
+    WatchForInterrupt();
+    CheckRows();
+    if (!_fOptions.paths.empty()) {
+      _fFound = standalone::FindPythonFiles(_fOptions.paths, _fLocCache);
+      for (const standalone::CPathNote& bad : _fFound.bad) {
+        Complain(fmt::format("{}: {}", bad.path, bad.text));
+        _fIsGood = false;
+      }
+      CheckFiles();
+    }
+    _fDb.reset();
+    if (!_fOptions.paths.empty() && _fOptions.merged && !_fInterrupted) {
+      CheckMerged();
+    }
+    if (_fInterrupted) {
+      Complain("interrupted");
+      return kExitInterrupted;
+    }
+    return _fIsGood ? kExitOk : kExitFailed;
+  }
+
+ private:
+  static void Line(std::string_view name, const std::string& value) {
+    Write(fmt::format("  {:<12} {}\n", name, value));
+  }
+  void Tell(const std::vector<standalone::CPathNote>& notes, std::string_view what) const {
+    FlushOutput();
+    ComplainOfAll(notes, what, _fOptions.verbose);
+  }
+
+  void CheckRows() {
+    const standalone::CRowCheckReport report = standalone::CheckRows(*_fDb);
+    Write(fmt::format("Read {} of {} in the database\n", Counted(report.records, "record"),
+                      Counted(report.files, "file")));
+    Line("decoded", ByteSize(report.bytes));
+    Line("damaged", Grouped(report.damaged.size()));
+    Line("stale", Grouped(report.stale.size()));
+    Tell(report.damaged, "damaged");
+    Tell(report.stale, "that are stale");
+    _fIsGood = _fIsGood && report.damaged.empty();
+  }
+
+  void CheckFiles() {
+    standalone::CCheckReport report;
+    {
+      CProgress progress("compared");
+      report =
+          standalone::CheckIndex(*_fDb, _fLocCache,
+                                 {_fFound, _fOptions.jobs,
+                                  [&progress](size_t done, size_t total, const std::string& path) {
+                                    progress.Update(done, total, path);
+                                  },
+                                  IsInterrupted});
+    }
+    if (report.cancelled) {
+      _fInterrupted = true;
+      return;
+    }
+    Write(fmt::format("Compared {} of {} with what a scan finds\n", Counted(report.files, "file"),
+                      Grouped(_fFound.files.size())));
+    Line("records", fmt::format("{}, {}; {} equal", Grouped(report.records), ByteSize(report.bytes),
+                                Grouped(report.equal)));
+    Line("differences", Grouped(report.differences.size()));
+    Line("not indexed", Counted(report.not_indexed.size(), "file"));
+    Line("unreadable", Counted(report.unreadable.size(), "file"));
+    if (report.resting_on_changed > 0) {
+      Line("stale", fmt::format("{} made from files that have changed since",
+                                Counted(report.resting_on_changed, "record")));
+    }
+    if (report.from_elsewhere > 0) {
+      Line("not checked",
+           fmt::format("{} that files elsewhere made", Counted(report.from_elsewhere, "record")));
+    }
+    Tell(report.unreadable, "unreadable files");
+    Tell(report.not_indexed, "files that are not indexed");
+    Tell(report.differences, "differences");
+    _fIsGood = _fIsGood && report.not_indexed.empty() && report.differences.empty();
+  }
+
+  void CheckMerged() {
+    CSession session(_fOptions);
+    standalone::CEngine& engine = session.Engine();
+    const standalone::CFoundFiles found =
+        standalone::FindPythonFiles(_fOptions.paths, engine.Locations());
+    engine.Resolver().SetRoots(found.roots);
+    standalone::CMergeCheckReport report;
+    {
+      CProgress progress("scanned");
+      report = standalone::CheckMerged(
+          engine, {found, _fOptions.jobs,
+                   [&progress](size_t done, size_t total, const std::string& path) {
+                     progress.Update(done, total, path);
+                   },
+                   IsInterrupted});
+    }
+    if (report.cancelled) {
+      _fInterrupted = true;
+      return;
+    }
+    Write(fmt::format("Asked the cache for {}\n", Counted(report.scopes, "scope")));
+    Line("equal", fmt::format("{} to a merge of what the scans find; {} of more than one record",
+                              Grouped(report.equal), Grouped(report.merged)));
+    Line("differences", Grouped(report.differences.size()));
+    if (report.from_elsewhere > 0) {
+      Line("not checked", fmt::format("{} in which files elsewhere have a part",
+                                      Counted(report.from_elsewhere, "scope")));
+    }
+    Tell(report.differences, "differences");
+    _fIsGood = _fIsGood && report.differences.empty();
+  }
+
+  const COptions& _fOptions;
+  CLocationCache _fLocCache;
+  std::unique_ptr<standalone::CSqliteAnalysisDb> _fDb;
+  standalone::CFoundFiles _fFound;
+  bool _fIsGood = true;
+  bool _fInterrupted = false;
+};
+
 }  // namespace
 
-int RunVerify(const COptions& options) {
-  WatchForInterrupt();
-  CLocationCache loc_cache;
-  const standalone::CFoundFiles found = standalone::FindPythonFiles(options.paths, loc_cache);
-  const auto db = OpenExistingDatabase(options.database, loc_cache);
-  if (db == nullptr) {
-    throw CValueError("there is no database yet; make it with: scopeinfo index PATH");
-  }
-  standalone::CCheckReport report;
-  {
-    CProgress progress("compared");
-    report =
-        standalone::CheckIndex(*db, loc_cache,
-                               {found, options.jobs,
-                                [&progress](size_t done, size_t total, const std::string& path) {
-                                  progress.Update(done, total, path);
-                                },
-                                IsInterrupted});
-  }
-  if (report.cancelled) {
-    Complain("interrupted");
-    return kExitInterrupted;
-  }
-  const std::vector<Text> faults = db->Verify();
-
-  std::string text = fmt::format("Compared {} of {} with the database\n",
-                                 Counted(report.files, "file"), Grouped(found.files.size()));
-  const auto line = [&text](std::string_view name, const std::string& value) {
-    text += fmt::format("  {:<12} {}\n", name, value);
-  };
-  line("records",
-       fmt::format("{} read back, {}; {} equal to what a scan finds", Grouped(report.records),
-                   ByteSize(report.bytes), Grouped(report.equal)));
-  line("differences", Grouped(report.differences.size()));
-  line("not indexed", Counted(report.not_indexed.size(), "file"));
-  line("unreadable", Counted(report.unreadable.size(), "file"));
-  if (report.resting_on_changed > 0) {
-    line("stale", fmt::format("{} made from files that have changed since",
-                              Counted(report.resting_on_changed, "record")));
-  }
-  if (report.from_elsewhere > 0) {
-    line("not checked",
-         fmt::format("{} that files elsewhere made", Counted(report.from_elsewhere, "record")));
-  }
-  line("database", faults.empty() ? "sound" : Counted(faults.size(), "fault"));
-  Write(text);
-  FlushOutput();
-
-  for (const standalone::CPathNote& bad : found.bad) {
-    Complain(fmt::format("{}: {}", bad.path, bad.text));
-  }
-  ComplainOfAll(report.unreadable, "unreadable files", options.verbose);
-  ComplainOfAll(report.not_indexed, "files that are not indexed", options.verbose);
-  ComplainOfAll(report.differences, "differences", options.verbose);
-  for (const Text& fault : faults) {
-    Complain(fault);
-  }
-  const bool is_good = found.bad.empty() && report.not_indexed.empty() &&
-                       report.differences.empty() && faults.empty();
-  return is_good ? kExitOk : kExitFailed;
-}
+int RunVerify(const COptions& options) { return CVerification(options).Run(); }
 
 }  // namespace pysource::tools

@@ -7,6 +7,12 @@
 namespace pysource::standalone {
 namespace {
 
+bool SameDict(const std::optional<CStrDict>& a, const std::optional<CStrDict>& b) {
+  const bool a_empty = !a || a->empty();
+  const bool b_empty = !b || b->empty();
+  return a_empty || b_empty ? a_empty == b_empty : *a == *b;
+}
+
 std::optional<Text> ToText(std::optional<TextView> view) {
   return view ? std::optional<Text>(*view) : std::nullopt;
 }
@@ -42,6 +48,13 @@ scopeinfo::CScopeInfoPtr ReadRow(scopeinfo::CScopeInfoSerializer& serializer,
     info->scope_seen_dict = row.scopes_seen;
   }
   return info;
+}
+
+bool SameContent(const scopeinfo::CScopeInfo& a, const scopeinfo::CScopeInfo& b) {
+  return a.type_equivs == b.type_equivs && SameDict(a._domains, b._domains) &&
+         SameDict(a.inst_type_equivs, b.inst_type_equivs) &&
+         SameDict(a._inst_domains, b._inst_domains) && a.scope_ibytes == b.scope_ibytes &&
+         a.scope_kind == b.scope_kind && a.does_not_exist == b.does_not_exist;
 }
 
 }  // namespace pysource::standalone

@@ -19,4 +19,8 @@ CDatabaseRecord MakeRow(const scopeinfo::CScopeInfo& info);
 scopeinfo::CScopeInfoPtr ReadRow(scopeinfo::CScopeInfoSerializer& serializer,
                                  const CDatabaseRecord& row, DiskTime disk_mtime);
 
+// Whether the two say the same, whatever their keys. An absent dictionary is encoded like an empty
+// one, so the two count as equal.
+bool SameContent(const scopeinfo::CScopeInfo& a, const scopeinfo::CScopeInfo& b);
+
 }  // namespace pysource::standalone

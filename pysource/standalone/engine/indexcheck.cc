@@ -30,13 +30,6 @@ struct CExpected {
 };
 using CExpectedByKey = std::unordered_map<CScopeInfoKey, CExpected>;
 
-// An absent dictionary is encoded like an empty one.
-bool SameDict(const std::optional<CStrDict>& a, const std::optional<CStrDict>& b) {
-  const bool a_empty = !a || a->empty();
-  const bool b_empty = !b || b->empty();
-  return a_empty || b_empty ? a_empty == b_empty : *a == *b;
-}
-
 // The database keeps one time a file.
 std::optional<std::map<Text, DiskTime>> SeenFiles(const CScopesSeenPtr& seen) {
   if (seen == nullptr) {
@@ -178,13 +171,6 @@ class CChecker {
       ++_fReport.equal;
       _fReport.resting_on_changed += seen == seen_now ? 0 : 1;
     }
-  }
-
-  static bool SameContent(const CScopeInfo& a, const CScopeInfo& b) {
-    return a.type_equivs == b.type_equivs && SameDict(a._domains, b._domains) &&
-           SameDict(a.inst_type_equivs, b.inst_type_equivs) &&
-           SameDict(a._inst_domains, b._inst_domains) && a.scope_ibytes == b.scope_ibytes &&
-           a.scope_kind == b.scope_kind && a.does_not_exist == b.does_not_exist;
   }
 
   void ReportMissing(const std::string& path, const CExpectedByKey& expected) {

@@ -13,7 +13,7 @@ namespace {
 // refusals in a row the rest of a big tree is not tried any more.
 constexpr size_t kMostFailuresInARow = 3;
 
-// After so many files, what was filed under others than those scanned leaves memory too.
+// After so many files, those that could not leave memory at once are tried again.
 constexpr size_t kFilesBetweenSweeps = 256;
 
 class CStopwatch {
@@ -107,13 +107,12 @@ CIndexReport CIndexer::Run(const CIndexRequest& request) {
     for (const CFoundFile& file : plan.to_scan) {
       scans.RequestFile(file.loc);
     }
-    const bool all = _fEngine.RunScans([&] {
-      return !HasGivenUp() && (request.between == nullptr || request.between());
-    });
+    const bool all = _fEngine.RunScans(
+        [&] { return !HasGivenUp() && (request.between == nullptr || request.between()); });
     scans.fOnScanned = nullptr;
     scans.fOnFailure = nullptr;
     _fReport.cancelled = !all && !HasGivenUp();
-    WriteAndForgetAll();
+    WriteTheRest();
   }
   _fReport.store_seconds = scans.GetCounts().hand_over_seconds;
   _fReport.worker_times = scans.WorkTimes();
@@ -131,6 +130,8 @@ void CIndexer::TakeScanned(const CScanJobResult& scanned) {
   const Loc loc = scanned.job.loc;
   scopeinfo::CInfoCache& cache = _fEngine.Cache();
   ++_fDone;
+  // Written already, unless only some of its scans were run again.
+  cache.WriteToDatabase({loc});
   if (cache.DbgGetCrossFileData().GetToWriteInfoKeyCount(loc) != 0) {
     Refuse(PathOf(loc), _fEngine.Database().LastError());
   } else {
@@ -154,9 +155,12 @@ void CIndexer::TakeScanned(const CScanJobResult& scanned) {
       }
     }
   }
-  cache.ClearFiles({loc}, false);
+  // Also what was refused: the next run makes up for it.
+  if (IsSettled(loc) || cache.DbgGetCrossFileData().GetToWriteInfoKeyCount(loc) != 0) {
+    cache.ClearFiles({loc}, false);
+  }
   if (_fDone % kFilesBetweenSweeps == 0) {
-    WriteAndForgetAll();
+    Sweep();
   }
 }
 
@@ -176,25 +180,44 @@ void CIndexer::Refuse(const std::string& path, const std::string& why) {
   ++_fFailuresInARow;
 }
 
-// Records that a scan made for other files wait until these are scanned, or until here.
-void CIndexer::WriteAndForgetAll() {
-  scopeinfo::CInfoCache& cache = _fEngine.Cache();
-  std::vector<Loc> locs;
-  for (const auto& [loc, entry] : cache.DbgGetPerFileDict()) {
-    locs.push_back(loc);
+// Whether all that the file holds, and all that was scanned from it, is written and up to date.
+bool CIndexer::IsSettled(Loc loc) const {
+  const scopeinfo::CCrossFileData& data = _fEngine.Cache().DbgGetCrossFileData();
+  if (data.GetToWriteInfoKeyCount(loc) != 0 || !data.GetScannedLocNeedsScanInfoKeys(loc).empty()) {
+    return false;
   }
-  if (!HasGivenUp()) {
-    cache.WriteToDatabase();
-    for (const Loc loc : locs) {
-      const scopeinfo::CPerFilePtr* const entry = cache.DbgGetPerFileDict().Find(loc);
-      // Records for a file that is gone by now have nowhere to go.
-      if (entry != nullptr && (*entry)->disk_mtime > 0 &&
-          cache.DbgGetCrossFileData().GetToWriteInfoKeyCount(loc) != 0) {
-        Refuse(PathOf(loc), _fEngine.Database().LastError());
-      }
+  const scopeinfo::CScopeInfoKeySet from_here = data.GetScannedLocInfoKeys(loc);
+  const scopeinfo::CScopeInfoKeySet for_here = data.GetInfoKeysByForLoc(loc);
+  return std::none_of(from_here.begin(), from_here.end(),
+                      [&](const auto& key) { return data._fAllToWriteInfoKeys.contains(key); }) &&
+         std::none_of(for_here.begin(), for_here.end(),
+                      [&](const auto& key) { return data._fAllNeedsScanInfoKeys.contains(key); });
+}
+
+void CIndexer::Sweep() {
+  scopeinfo::CInfoCache& cache = _fEngine.Cache();
+  std::vector<Loc> settled;
+  for (const auto& [loc, entry] : cache.DbgGetPerFileDict()) {
+    if (IsSettled(loc)) {
+      settled.push_back(loc);
     }
   }
-  cache.ClearFiles(locs, false);
+  cache.ClearFiles(settled, false);
+}
+
+// Records for files that are not scanned in this run, or were made stale and made again.
+void CIndexer::WriteTheRest() {
+  if (HasGivenUp()) {
+    return;
+  }
+  scopeinfo::CInfoCache& cache = _fEngine.Cache();
+  cache.WriteToDatabase();
+  for (const auto& [loc, entry] : cache.DbgGetPerFileDict()) {
+    // Records for a file that is gone by now have nowhere to go.
+    if (entry->disk_mtime > 0 && cache.DbgGetCrossFileData().GetToWriteInfoKeyCount(loc) != 0) {
+      Refuse(PathOf(loc), _fEngine.Database().LastError());
+    }
+  }
 }
 
 bool CIndexer::HasGivenUp() const { return _fFailuresInARow >= kMostFailuresInARow; }

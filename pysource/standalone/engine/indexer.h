@@ -63,8 +63,9 @@ struct CIndexReport {
 // are for the caller to ask for.
 std::vector<CPathNote> ForgetForPlan(CEngine& engine, const CIndexPlan& plan);
 
-// For a process that indexes and ends: nobody reads from the cache meanwhile, so what is written
-// leaves memory at once, and memory stays small whatever the size of the tree.
+// For a process that indexes and ends: nobody reads from the cache meanwhile, so a file leaves
+// memory as soon as it is written and no scan of it is wanted again, and memory stays small
+// whatever the size of the tree.
 class CIndexer {
  public:
   // The engine must outlive the indexer, which is the only one to use it while Run goes on.
@@ -76,7 +77,9 @@ class CIndexer {
   void TakeScanned(const CScanJobResult& scanned);
   void TakeFailure(const CScanRunner::Failure& failure);
   void Refuse(const std::string& path, const std::string& why);
-  void WriteAndForgetAll();
+  bool IsSettled(Loc loc) const;
+  void Sweep();
+  void WriteTheRest();
   bool HasGivenUp() const;
 
   CEngine& _fEngine;

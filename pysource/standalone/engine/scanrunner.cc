@@ -1,5 +1,6 @@
 #include "pysource/standalone/engine/scanrunner.h"
 
+#include <algorithm>
 #include <bit>
 #include <chrono>
 #include <optional>
@@ -201,8 +202,7 @@ void CScanRunner::HandOver(const CScanJobResult& result) {
     } catch (const std::exception& error) {
       // The database, or a handler of the cache's signals. What was added is; the rest is tried
       // again when the file has changed.
-      Fail(content,
-           {loc, std::string("its scan could not be taken in: ") + error.what(), true});
+      Fail(content, {loc, std::string("its scan could not be taken in: ") + error.what(), true});
     }
   }
   _fStates[loc].in_hand = false;
@@ -239,14 +239,40 @@ void CScanRunner::AddResults(const CScanJobResult& result, const Wanted& wanted)
   if (!wanted.all) {
     return;
   }
-  // Only now: the primary scan is claimed done after its module scope is there.
+  const bool is_complete = WriteForOthers(result);
   for (const TextView scan_name : {kNamesScan, kAttrsScan}) {
-    _fCache.ChangeScansDone(loc, scan_name, true);
+    if (is_complete) {
+      // Only now: the primary scan is claimed done after its module scope is there.
+      _fCache.ChangeScansDone(loc, scan_name, true);
+    }
     _fCache.FinishedWithScans(loc, kWildcardScope, scan_name);
   }
   // Written at once, one transaction a file. What is written can be trimmed, so a long run stays
   // small, and a kill loses the file in hand at most.
   _fCache.WriteToDatabase({loc});
+}
+
+// What the file says of others is written before it claims to be scanned: whoever is killed in
+// between leaves a file that is scanned again, never one that claims to be scanned and lacks a
+// record. False if the database refused; then the file is stored without the claim.
+bool CScanRunner::WriteForOthers(const CScanJobResult& result) {
+  std::vector<Loc> others;
+  for (const CScanResult& scan : result.scan.results) {
+    for (const scopeinfo::CScopeInfoPtr& info : scan.infos) {
+      if (info->loc != result.job.loc &&
+          std::find(others.begin(), others.end(), info->loc) == others.end()) {
+        others.push_back(info->loc);
+      }
+    }
+  }
+  if (others.empty()) {
+    return true;
+  }
+  _fCache.WriteToDatabase(others);
+  return std::none_of(others.begin(), others.end(), [this](Loc loc) {
+    const auto time = _fCache.GetDiskModTimeUsed(loc, false);
+    return time && *time > 0 && _fCache.DbgGetCrossFileData().GetToWriteInfoKeyCount(loc) != 0;
+  });
 }
 
 // Hands over what is wanted of the result: classes last, and names before attributes. What a method

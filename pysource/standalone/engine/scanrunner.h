@@ -56,7 +56,7 @@ class CScanRunner final : public CDestroyable {
     size_t encoded_bytes = 0;
     size_t syntax_errors = 0;
     size_t files_with_syntax_errors = 0;
-    size_t dropped = 0;           // results that came too late for their content
+    size_t dropped = 0;            // results that came too late for their content
     double hand_over_seconds = 0;  // in the cache and its database
   };
 
@@ -107,6 +107,7 @@ class CScanRunner final : public CDestroyable {
   void HandOver(const CScanJobResult& result);
   void Fail(uint64_t content, const Failure& failure);
   void AddResults(const CScanJobResult& result, const Wanted& wanted);
+  bool WriteForOthers(const CScanJobResult& result);
   void AddWanted(const CScanJobResult& result, const Wanted& wanted);
   void WithdrawClaim(const CNeedsScan& scan);
   // Tells the contents of a file apart; never 0.
