@@ -74,11 +74,9 @@ struct CWorker {
 
 CScanWorkers::CScanWorkers(size_t threads, const CImportResolver& resolver,
                            std::function<void()> notify)
-    : _fResolver(resolver), _fNotify(std::move(notify)) {
-  for (size_t i = 0; i < std::max<size_t>(threads, 1); ++i) {
-    _fThreads.emplace_back([this] { Work(); });
-  }
-}
+    : _fResolver(resolver),
+      _fNotify(std::move(notify)),
+      _fMostThreads(std::max<size_t>(threads, 1)) {}
 
 CScanWorkers::~CScanWorkers() {
   {
@@ -94,6 +92,10 @@ CScanWorkers::~CScanWorkers() {
 }
 
 void CScanWorkers::Give(CScanJob job, int urgency) {
+  // A process that finds everything in its database never needs one.
+  if (_fThreads.size() < _fMostThreads) {
+    _fThreads.emplace_back([this] { Work(); });
+  }
   {
     const std::lock_guard lock(_fMutex);
     _fJobs.emplace(std::pair(-urgency, _fGiven++), std::move(job));

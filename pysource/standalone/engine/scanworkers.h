@@ -53,7 +53,7 @@ struct CScanWorkTimes {
 // stays small, whatever the number of jobs.
 class CScanWorkers {
  public:
-  // `resolver` must outlive this. `notify` is called from a worker thread when a result is ready;
+  // At most `threads` threads, begun as jobs come. `resolver` must outlive this. `notify` is called from a worker thread when a result is ready;
   // it must only wake the receiver.
   CScanWorkers(size_t threads, const CImportResolver& resolver, std::function<void()> notify);
   // Drops the jobs that wait and waits for those in hand.
@@ -76,6 +76,7 @@ class CScanWorkers {
 
   const CImportResolver& _fResolver;
   const std::function<void()> _fNotify;
+  const size_t _fMostThreads;
 
   mutable std::mutex _fMutex;  // guards all that follows but the threads
   std::condition_variable _fJobAdded;
