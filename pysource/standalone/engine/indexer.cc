@@ -202,7 +202,12 @@ void CIndexer::Sweep() {
       settled.push_back(loc);
     }
   }
+  const bool all = settled.size() == cache.DbgGetPerFileDict().size();
   cache.ClearFiles(settled, false);
+  if (all) {
+    // The cache remembers of every record that it ever held that nothing depends on it any more.
+    cache.Clear();
+  }
 }
 
 // Records for files that are not scanned in this run, or were made stale and made again.
