@@ -125,6 +125,15 @@ echo 'class Late: pass' >notebook/late.py
 run 0 classes notebook
 says err '1 of 7 files not in the database as they are now'
 
+run 0 stats
+says out '6, of these 0 changed since and 0 gone' 'by :names'
+touch -d '2 hours ago' notebook/model.py
+run 0 stats --json
+json 'j["files"] == 6 and j["files_changed"] == 1 and j["records"] == sum(j["records_by_scan"].values())'
+run 0 verify
+says err 'model.py: has changed since it was stored'
+run 0 index notebook
+
 # ---- What is found: named folders whatever they are, others not; loops of links end.
 mkdir -p tree/{.hidden,node_modules,site-packages/p,venv/lib,cache,real}
 for folder in . .hidden node_modules site-packages/p venv/lib cache real; do

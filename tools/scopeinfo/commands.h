@@ -34,6 +34,7 @@ int RunShow(const COptions& options);
 int RunScopes(const COptions& options);
 int RunClasses(const COptions& options);
 int RunImports(const COptions& options);
+int RunStats(const COptions& options);
 int RunVerify(const COptions& options);
 
 }  // namespace pysource::tools

@@ -125,6 +125,9 @@ int Run(int argc, char** argv) {
   AddJson(*command, options);
   AddDebugDump(*command, options);
 
+  command = add("stats", "Tell what the database holds, and what room it takes", RunStats);
+  AddJson(*command, options);
+
   command = add("verify",
                 "Read and decode every row of the database; of named files also scan again and "
                 "compare each record",

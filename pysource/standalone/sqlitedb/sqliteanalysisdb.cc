@@ -521,6 +521,8 @@ class CSqliteAnalysisDb::CImpl {
     };
     stats.files = count("SELECT count(*) FROM files WHERE disk_time IS NOT NULL");
     stats.known_files = count("SELECT count(*) FROM files");
+    // Rows of one scope lie side by side, in the place of their file.
+    stats.scopes = count("SELECT count(*) FROM (SELECT DISTINCT id >> 38, scope FROM records)");
     const auto statement = _fConnection->Prepare(
         "SELECT s.name, count(*), sum(length(r.data)), "
         "sum(coalesce(length(CAST(r.classes AS BLOB)), 0) + "

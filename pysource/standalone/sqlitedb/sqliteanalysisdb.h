@@ -70,6 +70,7 @@ struct CDbCall {
 struct CSqliteDbStats {
   uint64_t files = 0;        // files with a disk time
   uint64_t known_files = 0;  // those, and the ones that rows merely refer to
+  uint64_t scopes = 0;       // scopes with records
   uint64_t records = 0;      //
   std::map<Text, uint64_t> records_by_scan;
   uint64_t data_bytes = 0;         // encoded records
