@@ -8,6 +8,7 @@
 #include <set>
 
 #include "pysource/host/errors.h"
+#include "tests/fakes/random.h"
 #include "tests/fakes/world.h"
 
 namespace pysource::scopeinfo {

@@ -1,6 +1,12 @@
 // Random choices for the tests that compare a thing with a naive model of it.
 //
-// Every run has another seed, which is printed; see TestSeed in world.h for how to repeat one.
+// A test has a seed of its own that does not change from run to run, so that what passes goes on
+// passing. Other walks are taken by hand:
+//
+//   test_engine --gtest_filter='*Random*' --seed=12345 --steps=100000
+//
+// or by the environment variables SCOPEINFO_TEST_SEED and SCOPEINFO_TEST_STEPS, which ctest hands
+// on.
 #pragma once
 
 #include <cstddef>
@@ -10,9 +16,12 @@
 #include <string>
 #include <string_view>
 
-#include "tests/fakes/world.h"
-
 namespace pysource::fakes {
+
+// The seed that was asked for, otherwise `usual`. Printed, so that a failure names it.
+uint64_t TestSeed(uint64_t usual = 1);
+// How many steps a random walk takes: the number that was asked for, otherwise `usual`.
+size_t TestSteps(size_t usual);
 
 class CRandom {
  public:

@@ -1,9 +1,5 @@
 #include "tests/fakes/world.h"
 
-#include <cstdlib>
-#include <iostream>
-#include <random>
-
 #include "pysource/host/assertions.h"
 #include "pysource/host/velk.h"
 
@@ -21,14 +17,6 @@ CWorld::~CWorld() {
   SetAssertionsActive(_fAssertionsBefore);
   velk::SetMainLoop(_fOldLoop);
   singleton::SetSingletons(_fOldSingletons);
-}
-
-uint64_t TestSeed() {
-  const char* const given = std::getenv("SCOPEINFO_TEST_SEED");
-  const uint64_t seed =
-      given != nullptr ? std::strtoull(given, nullptr, 10) : std::random_device()();
-  std::cout << "SCOPEINFO_TEST_SEED=" << seed << std::endl;
-  return seed;
 }
 
 }  // namespace pysource::fakes

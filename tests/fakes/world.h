@@ -9,8 +9,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdint>
-
 #include "pysource/host/infocachebase.h"
 #include "pysource/host/location.h"
 #include "pysource/host/manualloop.h"
@@ -50,9 +48,5 @@ class CFakeInfoCache final : public CInfoCacheBase {
   CFakeInfoCache() : CInfoCacheBase({kScopesModified.name, kNeedsScanAdded.name}) {}
   Bytes EncodeScopeInfo(const scopeinfo::CScopeInfo&) override { return "encoded"; }
 };
-
-// The seed of a random test, printed so that a failure can be had again: that of the environment
-// variable SCOPEINFO_TEST_SEED, or else a new one.
-uint64_t TestSeed();
 
 }  // namespace pysource::fakes

@@ -6,6 +6,7 @@
 #include "pysource/host/repr.h"
 #include "pysource/scopeinfo/filestate/keysbyaddress.h"
 #include "tests/fakes/random.h"
+#include "tests/fakes/world.h"
 
 namespace pysource::scopeinfo {
 namespace {

@@ -8,7 +8,6 @@
 // then it breaks one whose consequences are defined.
 #include <algorithm>
 #include <array>
-#include <cstdlib>
 #include <iostream>
 
 #include "pysource/host/assertions.h"
@@ -726,8 +725,7 @@ void CTwins::Step() {
 
 TEST(InfoCacheRandomTest, CacheAndModelAgree) {
   const uint64_t seed = fakes::TestSeed();
-  const char* const given = std::getenv("SCOPEINFO_TEST_STEPS");
-  const size_t steps = given != nullptr ? std::strtoull(given, nullptr, 10) : 8000;
+  const size_t steps = fakes::TestSteps(8000);
   const bool development_run = kDevelopmentRun();
   std::array<size_t, 16> roads{};
   Text failure;

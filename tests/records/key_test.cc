@@ -14,6 +14,7 @@
 #include "pysource/scopeinfo/records/scopeinfokeyset.h"
 #include "pysource/scopeinfo/records/vocabulary.h"
 #include "tests/fakes/random.h"
+#include "tests/fakes/world.h"
 
 namespace pysource::scopeinfo {
 namespace {

@@ -16,6 +16,7 @@
 #include "pysource/host/errors.h"
 #include "pysource/host/repr.h"
 #include "tests/fakes/random.h"
+#include "tests/fakes/world.h"
 
 namespace pysource::scopeinfo {
 namespace {

@@ -11,6 +11,7 @@
 
 #include "pysource/host/strutils.h"
 #include "pysource/host/symbolinfo.h"
+#include "tests/fakes/random.h"
 #include "tests/scanner/scan_helper.h"
 
 namespace pysource::standalone {
@@ -248,8 +249,8 @@ void CheckItems(const CFileScan& scan, BytesView source) {
 }
 
 TEST(ScannerTest, ItemsSurviveSplittingWhateverTheSource) {
-  const unsigned seed = std::random_device()();
-  std::mt19937 random(seed);
+  const uint64_t seed = fakes::TestSeed();
+  std::mt19937_64 random(seed);
   SCOPED_TRACE("seed " + std::to_string(seed));
   const std::vector<Text> pieces{"x",        "self.a",
                                  "=",        "= ",

@@ -11,6 +11,7 @@
 #include "pysource/host/assertions.h"
 #include "pysource/host/errors.h"
 #include "pysource/host/repr.h"
+#include "tests/fakes/random.h"
 #include "tests/fakes/world.h"
 #include "tests/serialized/naivecodec.h"
 

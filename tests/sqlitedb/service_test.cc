@@ -8,6 +8,7 @@
 
 #include "pysource/host/repr.h"
 #include "tests/fakes/memorydb.h"
+#include "tests/fakes/random.h"
 #include "tests/sqlitedb/dbworld.h"
 
 namespace pysource::standalone {
@@ -236,9 +237,9 @@ TEST_P(DbService, OthersAreToldOfJustTheFilesThatChanged) {
 class DbRandomWalk : public CDbWorld {};
 
 TEST_F(DbRandomWalk, SqliteAnswersAsTheModelDoes) {
-  const unsigned seed = std::random_device{}();
+  const uint64_t seed = fakes::TestSeed();
   SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
+  std::mt19937_64 random(seed);
   const auto below = [&random](size_t n) { return static_cast<size_t>(random() % n); };
 
   const std::vector<Loc> locs{File("a.py"), File("pkg/b.py"), File("c.pyi"),
