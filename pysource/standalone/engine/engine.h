@@ -26,7 +26,7 @@ struct CEngineOptions {
   std::string db_path;
   std::string workspace_root;  // files below it are stored relative to it; empty for none
   std::vector<std::string> import_roots;  // folders where absolute imports are looked for
-  size_t threads = 1;
+  size_t threads = 1;     // that scan; 0 to scan on the main thread
   int lock_wait_ms = 50;  // the longest that one database operation waits for other processes
   // Called from worker threads when results wait; may be empty for a host that calls RunScans.
   std::function<void()> notify = nullptr;

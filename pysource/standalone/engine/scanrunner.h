@@ -43,7 +43,7 @@ class CScanRunner final : public CDestroyable {
     bool was_scanned = false;
   };
   struct Options {
-    size_t threads = 1;
+    size_t threads = 1;  // 0 to scan on the main thread; see scanworkers.h
     // Called from a worker thread when a result waits; must do no more than wake the main thread,
     // which then calls HandOverReady.
     std::function<void()> notify;
@@ -72,6 +72,9 @@ class CScanRunner final : public CDestroyable {
   // Takes in the results that are ready; returns how many. With `wait_ms` it waits so long for a
   // first.
   size_t HandOverReady(unsigned wait_ms = 0);
+  // With no threads: runs one scan, whose result then waits to be handed over; false when none is
+  // to be run.
+  bool RunOneJob() { return _fWorkers.RunOneJob(); }
   // True while anything is wanted or in hand.
   bool IsBusy() const { return !_fWanted.empty() || _fInHand != 0; }
 

@@ -24,8 +24,11 @@ double ThreadSeconds() {
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
+}  // namespace
+
 // What one worker keeps from file to file.
-struct CWorker {
+class CScanWorkers::CWorker {
+ public:
   explicit CWorker(const CImportResolver& resolver) : scanner(resolver) {}
 
   void Run(CScanJobResult& result, CScanWorkTimes& times) {
@@ -66,17 +69,18 @@ struct CWorker {
     }
   }
 
+ private:
   CScanner scanner;
   scopeinfo::CScopeInfoSerializer serializer;
 };
 
-}  // namespace
-
 CScanWorkers::CScanWorkers(size_t threads, const CImportResolver& resolver,
                            std::function<void()> notify)
-    : _fResolver(resolver),
-      _fNotify(std::move(notify)),
-      _fMostThreads(std::max<size_t>(threads, 1)) {}
+    : _fResolver(resolver), _fNotify(std::move(notify)), _fMostThreads(threads) {
+  if (threads == 0) {
+    _fOwnWorker = std::make_unique<CWorker>(resolver);
+  }
+}
 
 CScanWorkers::~CScanWorkers() {
   {
@@ -105,8 +109,11 @@ void CScanWorkers::Give(CScanJob job, int urgency) {
 
 std::optional<CScanJobResult> CScanWorkers::Take(unsigned wait_ms) {
   std::unique_lock lock(_fMutex);
-  if (!_fResultAdded.wait_for(lock, std::chrono::milliseconds(wait_ms),
-                              [this] { return !_fResults.empty(); })) {
+  if (_fOwnWorker != nullptr && wait_ms != 0 && _fResults.empty() && !_fJobs.empty()) {
+    RunFirst(*_fOwnWorker, lock);
+  }
+  const std::chrono::milliseconds wait(_fOwnWorker == nullptr ? wait_ms : 0);
+  if (!_fResultAdded.wait_for(lock, wait, [this] { return !_fResults.empty(); })) {
     return std::nullopt;
   }
   CScanJobResult result = std::move(_fResults.front());
@@ -116,6 +123,15 @@ std::optional<CScanJobResult> CScanWorkers::Take(unsigned wait_ms) {
   lock.unlock();
   _fRoomMade.notify_one();
   return result;
+}
+
+bool CScanWorkers::RunOneJob() {
+  std::unique_lock lock(_fMutex);
+  if (_fOwnWorker == nullptr || _fJobs.empty()) {
+    return false;
+  }
+  RunFirst(*_fOwnWorker, lock);
+  return true;
 }
 
 size_t CScanWorkers::Outstanding() const {
@@ -143,24 +159,28 @@ void CScanWorkers::Work() {
       // Another worker took it while this one waited for room.
       continue;
     }
-    CScanJobResult result;
-    result.job = std::move(_fJobs.begin()->second);
-    _fJobs.erase(_fJobs.begin());
+    RunFirst(worker, lock);
+  }
+}
+
+void CScanWorkers::RunFirst(CWorker& worker, std::unique_lock<std::mutex>& lock) {
+  CScanJobResult result;
+  result.job = std::move(_fJobs.begin()->second);
+  _fJobs.erase(_fJobs.begin());
+  lock.unlock();
+  CScanWorkTimes times;
+  worker.Run(result, times);
+  lock.lock();
+  _fTimes.read += times.read;
+  _fTimes.scan += times.scan;
+  _fTimes.encode += times.encode;
+  _fResultBytes += result.source_bytes;
+  _fResults.push_back(std::move(result));
+  _fResultAdded.notify_one();
+  if (_fNotify) {
     lock.unlock();
-    CScanWorkTimes times;
-    worker.Run(result, times);
+    _fNotify();
     lock.lock();
-    _fTimes.read += times.read;
-    _fTimes.scan += times.scan;
-    _fTimes.encode += times.encode;
-    _fResultBytes += result.source_bytes;
-    _fResults.push_back(std::move(result));
-    _fResultAdded.notify_one();
-    if (_fNotify) {
-      lock.unlock();
-      _fNotify();
-      lock.lock();
-    }
   }
 }
 

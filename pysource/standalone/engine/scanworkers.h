@@ -7,6 +7,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -51,6 +52,9 @@ struct CScanWorkTimes {
 // Jobs and results cross threads as a whole; nothing in them is shared with a worker once it is
 // handed over. Workers that are ahead of the receiver wait, so what is scanned and not yet taken
 // stays small, whatever the number of jobs.
+//
+// With no threads, jobs run on the receiver's own: when it waits for a result, or calls RunOneJob.
+// That is for hosts that must not start threads, and for tests that must go the same way each time.
 class CScanWorkers {
  public:
   // At most `threads` threads, begun as jobs come. `resolver` must outlive this. `notify` is called from a worker thread when a result is ready;
@@ -67,12 +71,20 @@ class CScanWorkers {
   // A result if one is ready; with `wait_ms` it waits for one that long.
   std::optional<CScanJobResult> Take(unsigned wait_ms = 0);
 
+  // Runs the most urgent job here, whose result then waits to be taken; false when there is none.
+  // Only with no threads.
+  bool RunOneJob();
+
   // Jobs given whose results were not taken yet.
   size_t Outstanding() const;
   CScanWorkTimes Times() const;
 
  private:
+  class CWorker;
+
   void Work();
+  // Takes the most urgent job out, runs it without the lock and puts its result in line.
+  void RunFirst(CWorker& worker, std::unique_lock<std::mutex>& lock);
 
   const CImportResolver& _fResolver;
   const std::function<void()> _fNotify;
@@ -90,6 +102,7 @@ class CScanWorkers {
   bool _fStopped = false;
   CScanWorkTimes _fTimes;
 
+  std::unique_ptr<CWorker> _fOwnWorker;  // of the receiver's thread; null with others
   std::vector<std::thread> _fThreads;
 };
 
