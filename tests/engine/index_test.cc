@@ -5,6 +5,7 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
@@ -134,10 +135,17 @@ TEST_F(IndexTest, RandomChangesLeaveTheDatabaseAsAFreshScanMakesIt) {
   for (int step = 0; step < 60; ++step) {
     SCOPED_TRACE(step);
     if (random.OneIn(12) && alive.size() > 2) {
-      // It stays away: see the header on files that come into being.
       const size_t which = random.Below(alive.size());
       Remove(name_of(alive[which]));
       alive.erase(alive.begin() + static_cast<ptrdiff_t>(which));
+    } else if (alive.size() < kFiles && random.OneIn(3)) {
+      // One that was gone comes back, and with it what the others say of it.
+      size_t missing = 0;
+      while (std::find(alive.begin(), alive.end(), missing) != alive.end()) {
+        ++missing;
+      }
+      alive.push_back(missing);
+      write(missing);
     } else {
       write(random.Of(alive));
     }

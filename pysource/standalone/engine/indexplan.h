@@ -9,12 +9,11 @@
 //                 -> A is scanned again, though it did not change
 //   A changed     what it said of B before may no longer hold, and a single row cannot be taken out
 //   or is gone    -> B's rows are cleared, and B and all files that have rows in B scanned again
-//   A rests on B  and B has another time by now, or is gone
+//   A rests on B  and B has another time by now, is gone, or was not there and has come
 //                 -> A is scanned again
 //
 // All of this is read off the rows and the disk alone, so it does not matter what became of earlier
-// runs. One thing is not noticed: a new file that makes an import of an unchanged file resolve. The
-// importer is scanned again when it changes.
+// runs.
 #pragma once
 
 #include <vector>

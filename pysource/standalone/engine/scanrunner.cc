@@ -116,6 +116,11 @@ void CScanRunner::Want(Loc loc, TextView scope, TextView scan_name, int urgency)
     wanted.scans.clear();
   } else if (!wanted.all) {
     wanted.scans.emplace(scope, scan_name);
+    if (scan_name == kNamesScan) {
+      // What made this one stale may concern the other one, which has no record of its own as long
+      // as it finds nothing (see the scanner).
+      wanted.scans.emplace(scope, kAttrsScan);
+    }
   }
 }
 

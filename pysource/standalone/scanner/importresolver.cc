@@ -30,9 +30,40 @@ std::optional<std::string> FolderAbove(const std::string& folder) {
   return slash == 0 ? "/" : folder.substr(0, slash);
 }
 
+// The files that the dotted `name` can be below `folder`, in the order in which they count; none
+// for what is no module name.
+std::vector<std::string> FilesOfModule(const std::string& folder, TextView name) {
+  std::string path = folder;
+  while (!name.empty()) {
+    const size_t dot = name.find('.');
+    const TextView part = name.substr(0, dot);
+    // Source can say anything: a name that is no file name must not lead out of the folder.
+    if (part.empty() || part.find('/') != TextView::npos || part.find('\0') != TextView::npos) {
+      return {};
+    }
+    path += '/';
+    path += part;
+    name = dot == TextView::npos ? TextView() : name.substr(dot + 1);
+    if (dot != TextView::npos && name.empty()) {
+      return {};
+    }
+  }
+  std::vector<std::string> files;
+  for (const char* const extension : {".py", ".pyi"}) {
+    // A module first, then a package; `folder` itself can only be a package.
+    if (path.size() != folder.size()) {
+      files.push_back(path + extension);
+    }
+    files.push_back(path + "/__init__" + extension);
+  }
+  return files;
+}
+
 }  // namespace
 
 CImportResolver::~CImportResolver() = default;
+
+std::vector<Loc> CImportResolver::LookedForInVain(Loc, TextView, Loc) const { return {}; }
 
 CFileImportResolver::CFileImportResolver(CLocationCache& loc_cache, std::vector<std::string> roots)
     : _fLocCache(loc_cache),
@@ -45,26 +76,46 @@ CFileImportResolver::CShard& CFileImportResolver::ShardOf(TextView text) const {
   return (*_fShards)[HashBytes(text) % _fShards->size()];
 }
 
-Loc CFileImportResolver::Resolve(Loc from, TextView module) const {
+std::vector<std::string> CFileImportResolver::FoldersToLookIn(Loc from, TextView& module) const {
   const std::optional<std::string> path = PathForLocation(from);
-  if (!path) {
-    return nullptr;
+  std::optional<std::string> folder = path ? FolderAbove(*path) : std::nullopt;
+  if (!folder || module.empty()) {
+    return {};
   }
-  std::optional<std::string> folder = FolderAbove(*path);
   if (module.starts_with('.')) {
     module.remove_prefix(1);
     while (folder && module.starts_with('.')) {
       folder = FolderAbove(*folder);
       module.remove_prefix(1);
     }
-    return folder ? Find(*folder, module) : nullptr;
+    return folder ? std::vector{*folder} : std::vector<std::string>();
   }
-  for (const std::string& root : _fRoots) {
-    if (const Loc found = Find(root, module)) {
+  std::vector<std::string> folders = _fRoots;
+  folders.push_back(PackageRoot(*folder));
+  return folders;
+}
+
+Loc CFileImportResolver::Resolve(Loc from, TextView module) const {
+  for (const std::string& folder : FoldersToLookIn(from, module)) {
+    if (const Loc found = Find(folder, module)) {
       return found;
     }
   }
-  return folder && !module.empty() ? Find(PackageRoot(*folder), module) : nullptr;
+  return nullptr;
+}
+
+std::vector<Loc> CFileImportResolver::LookedForInVain(Loc from, TextView module, Loc found) const {
+  std::vector<Loc> in_vain;
+  for (const std::string& folder : FoldersToLookIn(from, module)) {
+    for (const std::string& file : FilesOfModule(folder, module)) {
+      const Loc loc = _fLocCache.GetLocationForPath(file);
+      if (loc == found) {
+        return in_vain;
+      }
+      in_vain.push_back(loc);
+    }
+  }
+  return in_vain;
 }
 
 DiskTime CFileImportResolver::GetDiskTime(Loc loc) const {
@@ -105,31 +156,9 @@ Loc CFileImportResolver::Find(const std::string& folder, TextView name) const {
 }
 
 Loc CFileImportResolver::FindOnDisk(const std::string& folder, TextView name) const {
-  std::string path = folder;
-  while (!name.empty()) {
-    const size_t dot = name.find('.');
-    const TextView part = name.substr(0, dot);
-    // Source can say anything: a name that is no file name must not lead out of the folder.
-    if (part.empty() || part.find('/') != TextView::npos || part.find('\0') != TextView::npos) {
-      return nullptr;
-    }
-    path += '/';
-    path += part;
-    name = dot == TextView::npos ? TextView() : name.substr(dot + 1);
-    if (dot != TextView::npos && name.empty()) {
-      return nullptr;
-    }
-  }
-  for (const char* const extension : {".py", ".pyi"}) {
-    // A module first, then a package; `folder` itself can only be a package.
-    for (const bool is_package : {false, true}) {
-      if (!is_package && path.size() == folder.size()) {
-        continue;
-      }
-      const std::string file = path + (is_package ? "/__init__" : "") + extension;
-      if (IsFile(file)) {
-        return _fLocCache.GetLocationForPath(file);
-      }
+  for (const std::string& file : FilesOfModule(folder, name)) {
+    if (IsFile(file)) {
+      return _fLocCache.GetLocationForPath(file);
     }
   }
   return nullptr;

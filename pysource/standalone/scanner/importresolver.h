@@ -32,6 +32,10 @@ class CImportResolver {
   // for.
   virtual Loc Resolve(Loc from, TextView module) const = 0;
 
+  // The files that were looked for in vain before `found` was answered (absent: all that were
+  // looked for): if one of them comes into being, the answer is another one.
+  virtual std::vector<Loc> LookedForInVain(Loc from, TextView module, Loc found) const;
+
   // The present disk time of a file that Resolve answered: kFileDoesNotExistMtime when it is gone.
   virtual DiskTime GetDiskTime(Loc loc) const = 0;
 };
@@ -48,6 +52,7 @@ class CFileImportResolver final : public CImportResolver {
   ~CFileImportResolver() override;
 
   Loc Resolve(Loc from, TextView module) const override;
+  std::vector<Loc> LookedForInVain(Loc from, TextView module, Loc found) const override;
   // Asks the file system each time: a time that is remembered is a time that is wrong.
   DiskTime GetDiskTime(Loc loc) const override;
 
@@ -69,6 +74,8 @@ class CFileImportResolver final : public CImportResolver {
   // The file of the dotted `name` below `folder`; absent when there is none. Remembered.
   Loc Find(const std::string& folder, TextView name) const;
   Loc FindOnDisk(const std::string& folder, TextView name) const;
+  // The folders in which the module is looked for, in order; takes leading dots off its name.
+  std::vector<std::string> FoldersToLookIn(Loc from, TextView& module) const;
   // The folder above the outermost package that `folder` is in; `folder` itself outside of one.
   std::string PackageRoot(const std::string& folder) const;
 

@@ -144,6 +144,7 @@ class CScanner::CImpl {
   // binds it.
   uint32_t Lookup(uint32_t scope, TextView name) const;
   CScopesSeenPtr MakeScopesSeen(uint32_t scope) const;
+  void AddLookedForInVain(TextView module, Loc found, CScopesSeenDict& seen) const;
 
   const CImportResolver& _fResolver;
   const CScanRequest* _fRequest = nullptr;
@@ -154,7 +155,15 @@ class CScanner::CImpl {
   CVisitor _fVisitor;
   std::vector<uint32_t> _fNames;  // scratch: of one scope
   std::vector<CResolved> _fResolved;
-  Bytes _fValue;  // scratch
+  // The modules that scopes set attributes on, in the order of the scopes.
+  struct CModuleSetOn {
+    uint32_t scanned_scope;
+    Text module;
+    Loc found;  // absent when there is no such file
+  };
+  std::vector<CModuleSetOn> _fModulesSetOn;
+  size_t _fNextSetOn = 0;  // of the scope whose record is made next
+  Bytes _fValue;           // scratch
 };
 
 CFileScan CScanner::CImpl::Scan(const CScanRequest& request) {
@@ -201,6 +210,14 @@ CScopesSeenPtr CScanner::CImpl::MakeScopesSeen(uint32_t scope) const {
   auto seen = std::make_shared<CScopesSeenDict>();
   seen->Set(CScopeRef{_fRequest->loc, _fBindings.Scope(scope).name}, _fRequest->disk_mtime);
   return seen;
+}
+
+// A file that comes into being changes what an import means.
+void CScanner::CImpl::AddLookedForInVain(TextView module, Loc found, CScopesSeenDict& seen) const {
+  for (const Loc loc : _fResolver.LookedForInVain(_fRequest->loc, module, found)) {
+    seen.Set(CScopeRef{loc, Text(kModuleScopeName)},
+             static_cast<DiskTime>(scopeinfo::kFileDoesNotExistMtime));
+  }
 }
 
 // One block of memory for all of the record: its size is known.
@@ -260,10 +277,21 @@ CScopeInfoPtr CScanner::CImpl::MakeNamesInfo(uint32_t scope) {
     if (star.scope != scope) {
       continue;
     }
-    if (const Loc loc = _fResolver.Resolve(_fRequest->loc, star.module)) {
+    const Loc loc = _fResolver.Resolve(_fRequest->loc, star.module);
+    if (loc) {
       info->scope_seen_dict->Set(CScopeRef{loc, Text(kModuleScopeName)},
                                  _fResolver.GetDiskTime(loc));
     }
+    AddLookedForInVain(star.module, loc, *info->scope_seen_dict);
+  }
+  // What the scope's other scan says of other files: it may have no record to note this in, when
+  // there is no such file. Whoever repeats this scan repeats that one too.
+  for (; _fNextSetOn < _fModulesSetOn.size(); ++_fNextSetOn) {
+    const CModuleSetOn& set_on = _fModulesSetOn[_fNextSetOn];
+    if (set_on.scanned_scope != scope) {
+      break;
+    }
+    AddLookedForInVain(set_on.module, set_on.found, *info->scope_seen_dict);
   }
   info->FinishedBuilding();
   return info;
@@ -293,6 +321,8 @@ uint32_t CScanner::CImpl::Lookup(uint32_t scope, TextView name) const {
 
 void CScanner::CImpl::ResolveAttributes() {
   _fResolved.clear();
+  _fModulesSetOn.clear();
+  _fNextSetOn = 0;
   for (uint32_t scope = 0; scope < _fBindings.ScopeCount(); ++scope) {
     for (uint32_t i = _fBindings.Scope(scope).first_name; i != kNoIndex;
          i = _fBindings.Name(i).next_in_scope) {
@@ -329,6 +359,10 @@ void CScanner::CImpl::ResolveAttribute(uint32_t name) {
   _fBindings.ForEachItem(_fBindings.Name(found), [&](BytesView item) {
     const std::optional<Text> module = ModuleOf(item, object);
     const Loc loc = module ? _fResolver.Resolve(_fRequest->loc, *module) : nullptr;
+    if (module && (_fModulesSetOn.empty() || _fModulesSetOn.back().scanned_scope != entry.scope ||
+                   _fModulesSetOn.back().module != *module)) {
+      _fModulesSetOn.push_back({entry.scope, *module, loc});
+    }
     const bool is_known =
         std::any_of(_fResolved.begin() + static_cast<ptrdiff_t>(begin), _fResolved.end(),
                     [&](const CResolved& r) { return r.for_loc == loc; });
