@@ -224,9 +224,34 @@ TEST_F(IndexTest, TheCheckFindsEachKindOfDifference) {
     const CCheckReport report = Check(*engine, found);
     EXPECT_THAT(report.differences,
                 ::testing::Contains(::testing::Field(&CPathNote::text, HasSubstr(test.expected))));
+    // What cannot be decoded shows without a scan to compare with, too.
+    const auto rows = CheckRows(db).damaged;
+    EXPECT_EQ(test.expected == std::string("cannot be decoded"),
+              std::any_of(rows.begin(), rows.end(), [](const CPathNote& note) {
+                return note.text.find("cannot be decoded") != std::string::npos;
+              }));
     store(good_a, good_b);
     ExpectExact();
   }
+}
+
+TEST_F(IndexTest, RowsThatRestOnAChangedFileOrClaimTooMuchAreNamed) {
+  Write("a.py", "from b import *\n");
+  Write("b.py", "x = 1\n");
+  Write("c.py", "");
+  ASSERT_THAT(Index().not_stored, IsEmpty());
+  Write("b.py", "y = 1\n");
+  Remove("c.py");
+  const auto engine = Start();
+  CRowCheckReport report = CheckRows(engine->Database());
+  EXPECT_THAT(report.damaged, IsEmpty());
+  EXPECT_THAT(report.stale, SizeIs(3));  // b.py, c.py, and what a.py has seen of b.py
+
+  const Loc c = engine->Locations().GetLocationForPath(Path("tree/c.py"));
+  ASSERT_TRUE(engine->Database().SaveDataForFile(c, {}, kAllScansDone, 5));
+  report = CheckRows(engine->Database());
+  ASSERT_THAT(report.damaged, SizeIs(1));
+  EXPECT_THAT(report.damaged[0].text, HasSubstr("without a record of its module"));
 }
 
 TEST_F(IndexTest, AFileThatVanishesOnTheWayIsNamedAndTheOthersAreStored) {
