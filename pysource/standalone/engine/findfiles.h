@@ -1,12 +1,7 @@
 // Finding the Python files of a tree.
 //
 // What is named is always taken: a file whatever its suffix, a folder whatever its name. Below a
-// named folder, files that end in .py or .pyi are taken, and these are passed over:
-//
-//   hidden files and folders (.git, .venv, .mypy_cache, the lock files of editors)
-//   folders of other people's code: node_modules, site-packages, dist-packages, __pypackages__
-//   __pycache__, and any folder that marks itself as a cache with a CACHEDIR.TAG
-//   virtual environments: folders that hold a pyvenv.cfg
+// named folder, Python files are taken; files/treefolder.h says which folders are passed over.
 //
 // Symbolic links are followed, but every real folder is read once, under its own name if the tree
 // has it, so that loops of links do no harm.
