@@ -242,6 +242,11 @@ TEST(TreeWatcher, WhatIsNamedIsWatchedWhateverItsNameAndWhileItIsNotThere) {
   world.DoInTree("mkdir .d; echo 1 > .d/a.py");
   world.WaitFor("~.d/a.py +far/away");
   world.told.clear();
+  world.DoInTree("rm new; mkdir new; echo 1 > new/a.py");
+  world.WaitFor("-new +new/a.py");
+  world.DoInTree("rm -r new; echo 1 > new");
+  world.WaitFor("~new");
+  world.told.clear();
   // Nothing above what is named is watched.
   world.Do("mv tree old");
   world.WaitFor("-.d/a.py -far/away -new -run -zz_last.py");

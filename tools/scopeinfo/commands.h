@@ -36,5 +36,6 @@ int RunClasses(const COptions& options);
 int RunImports(const COptions& options);
 int RunStats(const COptions& options);
 int RunVerify(const COptions& options);
+int RunWatch(const COptions& options);
 
 }  // namespace pysource::tools

@@ -23,6 +23,7 @@ constexpr const char* kAbout =
 
 constexpr const char* kFooter = R"(Examples:
   scopeinfo index ~/project               index a tree; again: only what has changed
+  scopeinfo watch ~/project               the same, and go on as files change
   scopeinfo scopes ~/project/app.py       the scopes of a file, as a tree
   scopeinfo show ~/project/app.py         what the module defines
   scopeinfo show app.py Window.close      what one of its scopes defines
@@ -37,6 +38,21 @@ names another. It can be deleted at any time; the next index makes it anew.
 Exit code: 0 done; 1 something that was named is not there, or could not be stored; 2 bad usage;
 130 interrupted. Source files that cannot be read or decoded do not fail an index run: they are
 named in the summary, and tried again in the next run.)";
+
+constexpr const char* kWatchFooter = R"(Events, one a line, with their fields in JSON:
+  ready             the database is in step with the files: scanned (files, since the last
+                    ready), files (all of them)
+  scanned           a file was scanned, in whole or in part: file
+  scopes-modified   what is known of scopes has changed: file, scopes ("*" for all, "" the module)
+  needs-scan-added  scans that have become stale, and are about to run: file, scopes, scan,
+                    priority (1 an open file, 2 a file on the disk, null what rests on others)
+  scan-failed       a file could not be read or decoded: file, message
+  file-removed      a file is gone, from the database too: file
+  database-changed  another process has stored something: files (null for any)
+  statistics        numbers of the cache and its memory, when SIGUSR1 asks for them
+
+Troubles with the database or the disk go to the standard error, and are tried again. SIGTERM ends
+it with 0, SIGINT with 130; what is unwritten is written first.)";
 
 void AddDatabaseOptions(CLI::App& command, COptions& options) {
   command.add_option("--db", options.database.path, "The database file")->type_name("FILE");
@@ -99,6 +115,12 @@ int Run(int argc, char** argv) {
   AddJobs(*command, options);
   command->add_flag("--verbose", options.verbose, "Name every file that something is wrong with");
   AddDebugDump(*command, options);
+
+  command = add("watch", "Index files, stay, and follow every change", RunWatch);
+  AddPaths(*command, options);
+  AddJobs(*command, options);
+  command->add_flag("--json", options.json, "Each event as an object of JSON, one a line");
+  command->footer(kWatchFooter);
 
   command = add("show", "Show what a scope defines, merged from all its scans", RunShow);
   AddFile(*command, options);

@@ -83,8 +83,10 @@ class CScopeDependantCache final : public CScopeDependency {
     const auto slot = _fCache.SlotOf(key);
     if (slot == Dict::kNoSlot) {
       static const CDependedScopes kNoScopes;
+      ++fMisses;
       return {nullptr, kNoScopes};
     }
+    ++fHits;
     _fCache.MarkUsed(slot);
     Entry& entry = _fCache.ValueAt(slot);
     return {&entry.value, entry.scopes};

@@ -107,6 +107,9 @@ class CScopeDependency {
   const std::optional<Text> fName;
   // Set by every store that changes an entry, never cleared here.
   bool fModified = false;
+  // Look-ups that found their key, and those that did not, ever since.
+  uint64_t fHits = 0;
+  uint64_t fMisses = 0;
   // When a debugger sets it: operations on keys whose text form contains it print a line.
   std::optional<Text> fLogIfInKeyRepr;
   // Switches the self-check on.

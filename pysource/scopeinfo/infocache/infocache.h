@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -180,6 +181,8 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
   // Sizes, for reports.
   size_t UsedScopeCount() const { return _fUsedScopesDict.size(); }
   size_t MergedInfoCount() const { return _fMergedInfoCache.Size(); }
+  uint64_t MergedInfoHits() const { return _fMergedInfoCache.fHits; }
+  uint64_t MergedInfoMisses() const { return _fMergedInfoCache.fMisses; }
 
   // For CScopeInfo::GetSerializedData.
   Bytes EncodeScopeInfo(const CScopeInfo& info) override;

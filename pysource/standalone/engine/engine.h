@@ -73,6 +73,7 @@ class CEngine {
   COpenBuffers& Buffers() { return _fBuffers; }
   CScanRunner& Scans() { return *_fScans; }
   CFileImportResolver& Resolver() { return _fResolver; }
+  CAnalysisFactory& Factory() { return _fFactory; }
 
  private:
   CLocationCache _fLocCache;

@@ -86,6 +86,15 @@ void CScanRunner::RequestFile(Loc loc, Priority priority) {
   Dispatch();
 }
 
+void CScanRunner::RequestFileLast(Loc loc) {
+  const bool is_new = !_fWanted.contains(loc);
+  Want(loc, kWildcardScope, kNamesScan, kBulkUrgency);
+  if (is_new) {
+    _fWanted[loc].is_last = true;
+  }
+  Dispatch();
+}
+
 void CScanRunner::RequestForReader(const scopeinfo::CNeedsScanDict& needs_scan_dict) {
   for (const auto& [scope, scan_names] : needs_scan_dict) {
     const FileState& state = _fStates[scope.loc];
@@ -99,6 +108,7 @@ void CScanRunner::RequestForReader(const scopeinfo::CNeedsScanDict& needs_scan_d
       const bool never_scanned = state.content == 0;
       Want(scope.loc, never_scanned ? kWildcardScope : TextView(scope.scope), scan_name,
            kReaderUrgency);
+      _fWanted[scope.loc].is_last = false;
     }
   }
   Dispatch();
@@ -124,11 +134,17 @@ void CScanRunner::Want(Loc loc, TextView scope, TextView scan_name, int urgency)
   }
 }
 
+bool CScanRunner::IsOnlyLastWanted() const {
+  return _fInHand == 0 && std::all_of(_fWanted.begin(), _fWanted.end(),
+                                      [](const auto& wanted) { return wanted.second.is_last; });
+}
+
 void CScanRunner::Dispatch() {
+  const bool with_last = IsOnlyLastWanted();
   for (auto it = _fWanted.begin(); it != _fWanted.end();) {
     // A file in hand is given again when its result is there: two results could overtake each
     // other.
-    if (_fStates[it->first].in_hand) {
+    if (_fStates[it->first].in_hand || (it->second.is_last && !with_last)) {
       ++it;
       continue;
     }
@@ -157,9 +173,13 @@ void CScanRunner::GiveJob(Loc loc, Wanted wanted) {
   _fWorkers.Give(std::move(job), urgency);
 }
 
-size_t CScanRunner::HandOverReady(unsigned wait_ms) {
+size_t CScanRunner::HandOverReady(unsigned wait_ms, size_t most) {
   size_t handed_over = 0;
-  while (auto result = _fWorkers.Take(handed_over == 0 ? wait_ms : 0)) {
+  while (handed_over < most) {
+    const auto result = _fWorkers.Take(handed_over == 0 ? wait_ms : 0);
+    if (!result) {
+      break;
+    }
     const auto start = std::chrono::steady_clock::now();
     HandOver(*result);
     _fCounts.hand_over_seconds +=
@@ -205,8 +225,8 @@ void CScanRunner::HandOver(const CScanJobResult& result) {
         fOnScanned(result);
       }
     } catch (const std::exception& error) {
-      // The database, or a handler of the cache's signals. What was added is; the rest is tried
-      // again when the file has changed.
+      // The database, or a handler of the cache's signals. What was added is; the rest is for the
+      // next scan of the file.
       Fail(content, {loc, std::string("its scan could not be taken in: ") + error.what(), true});
     }
   }
@@ -215,8 +235,10 @@ void CScanRunner::HandOver(const CScanJobResult& result) {
 }
 
 void CScanRunner::Fail(uint64_t content, const Failure& failure) {
-  FileState& state = _fStates[failure.loc];
-  if (std::exchange(state.failed_content, content) != content && fOnFailure) {
+  // What the database refused is no fault of the content: whoever asks again may have more luck.
+  const bool is_news = failure.was_scanned ||
+                       std::exchange(_fStates[failure.loc].failed_content, content) != content;
+  if (is_news && fOnFailure) {
     fOnFailure(failure);
   }
 }

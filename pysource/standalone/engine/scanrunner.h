@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <set>
 #include <string>
@@ -66,12 +67,15 @@ class CScanRunner final : public CDestroyable {
 
   // Asks for scans of the whole file.
   void RequestFile(Loc loc, Priority priority = {});
+  // The same, but only when all other scans are through: of a file that rests on others which are
+  // about to be scanned, and may make some of its scans stale. So it is scanned once.
+  void RequestFileLast(Loc loc);
   // What a read asked for.
   void RequestForReader(const scopeinfo::CNeedsScanDict& needs_scan_dict);
 
-  // Takes in the results that are ready; returns how many. With `wait_ms` it waits so long for a
-  // first.
-  size_t HandOverReady(unsigned wait_ms = 0);
+  // Takes in the results that are ready, `most` at most; returns how many. With `wait_ms` it waits
+  // so long for a first.
+  size_t HandOverReady(unsigned wait_ms = 0, size_t most = SIZE_MAX);
   // With no threads: runs one scan, whose result then waits to be handed over; false when none is
   // to be run.
   bool RunOneJob() { return _fWorkers.RunOneJob(); }
@@ -91,6 +95,7 @@ class CScanRunner final : public CDestroyable {
     bool all = false;
     std::set<std::pair<Text, Text>> scans;  // (scope, scan name)
     int urgency = 0;
+    bool is_last = false;  // waits until nothing else is wanted or in hand
   };
   struct FileState {
     bool in_hand = false;
@@ -106,6 +111,7 @@ class CScanRunner final : public CDestroyable {
   void CB_NeedsScanAdded(const CNeedsScanSet& needs_scan, Priority priority);
   void Want(Loc loc, TextView scope, TextView scan_name, int urgency);
   void Dispatch();
+  bool IsOnlyLastWanted() const;
   void GiveJob(Loc loc, Wanted wanted);
   void HandOver(const CScanJobResult& result);
   void Fail(uint64_t content, const Failure& failure);

@@ -342,6 +342,7 @@ class CTreeWatcher::CImpl {
       folder.told_error = 0;
     }
     CompareFiles(folder, now.files, is_first_look && _fIsInWatch);
+    FollowNamedFolders(folder);
     CompareFolders(folder, now.folders);
     folder.touched.clear();
   }
@@ -360,6 +361,21 @@ class CTreeWatcher::CImpl {
       }
     }
     return now;
+  }
+
+  // What was named and not there can turn out to be a folder.
+  void FollowNamedFolders(const CFolder& folder) {
+    for (const std::string& name : folder.named) {
+      const std::string path = PathInFolder(folder.path, name);
+      struct stat status;
+      if (stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
+        CFolder& named = FolderAt(path);
+        if (!std::exchange(named.is_root, true)) {
+          named.is_whole = true;
+          _fToLookAt.push_back(path);
+        }
+      }
+    }
   }
 
   static std::optional<CTreeFolder::Entry> NamedFile(const CFolder& folder,

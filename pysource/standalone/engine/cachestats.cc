@@ -1,0 +1,56 @@
+#include "pysource/standalone/engine/cachestats.h"
+
+#include <unistd.h>
+
+#include <fstream>
+
+namespace pysource::standalone {
+namespace {
+
+size_t ResidentBytes() {
+  std::ifstream statm("/proc/self/statm");
+  size_t all_pages = 0;
+  size_t resident_pages = 0;
+  statm >> all_pages >> resident_pages;
+  return statm ? resident_pages * static_cast<size_t>(sysconf(_SC_PAGESIZE)) : 0;
+}
+
+}  // namespace
+
+double CCacheStats::MergedHitRate() const {
+  const auto all = static_cast<double>(merged_hits + merged_misses);
+  return all == 0 ? 0 : static_cast<double>(merged_hits) / all;
+}
+
+std::vector<std::pair<std::string_view, uint64_t>> CCacheStats::Items() const {
+  return {{"files", files},
+          {"known", known},
+          {"needs_scan", needs_scan},
+          {"in_database", in_database},
+          {"to_write", to_write},
+          {"could_not_write", could_not_write},
+          {"used_scopes", used_scopes},
+          {"live_records", live_records},
+          {"merged_records", merged_records},
+          {"merged_hits", merged_hits},
+          {"merged_misses", merged_misses},
+          {"resident_bytes", resident_bytes}};
+}
+
+CCacheStats GetCacheStats(scopeinfo::CInfoCache& cache) {
+  const scopeinfo::CCrossFileData& keys = cache.DbgGetCrossFileData();
+  return {.files = cache.DbgGetPerFileDict().size(),
+          .known = keys._fAllInfoKeys.size(),
+          .needs_scan = keys._fAllNeedsScanInfoKeys.size(),
+          .in_database = keys._fAllInDatabaseInfoKeys.size(),
+          .to_write = keys._fAllToWriteInfoKeys.size(),
+          .could_not_write = keys._fAllCouldNotWriteInfoKeys.size(),
+          .used_scopes = cache.UsedScopeCount(),
+          .live_records = keys._fExistingScopeInfo.size(),
+          .merged_records = cache.MergedInfoCount(),
+          .merged_hits = cache.MergedInfoHits(),
+          .merged_misses = cache.MergedInfoMisses(),
+          .resident_bytes = ResidentBytes()};
+}
+
+}  // namespace pysource::standalone
