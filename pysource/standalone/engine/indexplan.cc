@@ -48,6 +48,9 @@ class CPlanner {
         _fPlan.to_clear.push_back(loc);
       }
     }
+    for (const Loc loc : _fDb.LostSources()) {
+      _fAgain.insert(loc);
+    }
     ReadTies();
     FollowTies();
     AddFilesToScanAgain();

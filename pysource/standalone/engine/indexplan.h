@@ -12,6 +12,9 @@
 //   A rests on B  and B has another time by now, is gone, or was not there and has come
 //                 -> A is scanned again
 //
+//   a row from A in B was dropped by another process, after A was scanned
+//                 -> A is scanned again
+//
 // All of this is read off the rows and the disk alone, so it does not matter what became of earlier
 // runs.
 #pragma once

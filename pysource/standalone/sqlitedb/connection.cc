@@ -44,6 +44,14 @@ const char* SqlOf(EStatement statement) {
              "classes, imports, data) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?)";
     case EStatement::kDropRecords:
       return "DELETE FROM records WHERE id BETWEEN ? AND ?";
+    case EStatement::kNoteLost:
+      return "INSERT OR IGNORE INTO lost SELECT DISTINCT f.id, ?3 FROM records r "
+             "JOIN files f ON f.id = r.scanned_file "
+             "WHERE r.id BETWEEN ?1 AND ?2 AND f.scans_done <> ''";
+    case EStatement::kForgetLostOf:
+      return "DELETE FROM lost WHERE source = ?";
+    case EStatement::kForgetLost:
+      return "DELETE FROM lost WHERE source = ? AND target = ?";
     case EStatement::kLogChange:
       return "INSERT INTO changes(file) VALUES(?)";
     case EStatement::kCutChanges:

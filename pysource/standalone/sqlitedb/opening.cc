@@ -37,8 +37,8 @@ CInspection Inspect(CSqliteConnection& connection) {
   int64_t ours = 0;
   {
     const auto statement = connection.Prepare(
-        "SELECT count(*), sum(type = 'table' AND name IN ('files', 'scans', 'records', 'changes')) "
-        "FROM sqlite_master");
+        "SELECT count(*), sum(type = 'table' AND name IN ('files', 'scans', 'records', 'changes', "
+        "'lost')) FROM sqlite_master");
     CQuery query(statement.get());
     query.Step();
     tables = query.IntAt(0);
@@ -59,7 +59,8 @@ CInspection Inspect(CSqliteConnection& connection) {
   // The first page of each: what is damaged there would fail every operation.
   connection.IntOf(
       "SELECT EXISTS(SELECT id FROM files) + EXISTS(SELECT id FROM scans) + "
-      "EXISTS(SELECT id FROM records) + EXISTS(SELECT seq FROM changes)");
+      "EXISTS(SELECT id FROM records) + EXISTS(SELECT seq FROM changes) + "
+      "EXISTS(SELECT source FROM lost)");
   return {EContent::kOurs, version};
 }
 

@@ -4,6 +4,7 @@
 //   scans     id, name                                   scan names, as small numbers
 //   records   id, scope, scan, scanned_file, scanned_scope, seen, classes, imports, data
 //   changes   seq, file                                  which file each save or clear was of
+//   lost      source, target                             what a file has said of another, and is gone
 //   ties      an index of the records that hang together with other files than their own: made from
 //             another one, or resting on one. They are few, and an index run asks for all of them.
 //
@@ -32,6 +33,13 @@
 //   classes, imports  NULL: none
 //   scan            NULL: absent
 //
+// `lost` is what makes up for a race that no order of saves avoids. The rows of a target go when it
+// is saved at another time or cleared, and with them what was scanned from other files, its sources.
+// Whoever does it scans the sources again; but another process may have added one meanwhile, which
+// claims to be scanned, and nothing else would say that a row of it is missing. So the pair is noted
+// in the transaction that drops the row, and goes when the source claims to be scanned anew, or says
+// something of the target again.
+//
 // `changes` is a log. A process that looks for changes reads what came since it last looked; the
 // log keeps the last kChangesKept, and who looks too late is told that everything changed.
 //
@@ -45,7 +53,7 @@
 
 namespace pysource::standalone::sqlitedb {
 
-inline constexpr int kSchemaVersion = 2;
+inline constexpr int kSchemaVersion = 3;
 // "PySI", in the header of the file: tells our databases from those of other programs.
 inline constexpr int kApplicationId = 0x50795349;
 
@@ -57,9 +65,11 @@ inline constexpr const char* kSchema = R"(
                        scanned_file INTEGER, scanned_scope, seen BLOB, classes TEXT, imports TEXT,
                        data BLOB NOT NULL);
   CREATE TABLE changes(seq INTEGER PRIMARY KEY, file INTEGER NOT NULL);
+  CREATE TABLE lost(source INTEGER NOT NULL, target INTEGER NOT NULL, PRIMARY KEY(source, target))
+                    WITHOUT ROWID;
   CREATE INDEX ties ON records(id) WHERE scanned_file IS NOT NULL OR seen IS NOT NULL;
 )";
-inline constexpr int kTableCount = 4;
+inline constexpr int kTableCount = 5;
 
 inline constexpr int kRunningBits = 20;
 inline constexpr int kScopeBits = 18;

@@ -192,6 +192,25 @@ class CSqliteAnalysisDb::CImpl {
     }
     CUncommitted uncommitted(*this);
     try {
+      if (IsInBatch()) {
+        _fOwnSaves.clear();
+        _fConnection->Execute("SAVEPOINT one");
+        try {
+          change();
+        } catch (...) {
+          if (IsInBatch()) {
+            _fConnection->Execute("ROLLBACK TO one");
+            _fConnection->Execute("RELEASE one");
+          }
+          throw;
+        }
+        _fConnection->Execute("RELEASE one");
+        uncommitted.Keep();
+        for (const int64_t seq : _fOwnSaves) {
+          NoteOwnChange(seq);
+        }
+        return true;
+      }
       if (!_fConnection || Replaced()) {
         Reconnect();
       }
@@ -325,7 +344,10 @@ class CSqliteAnalysisDb::CImpl {
     CFileRow file = FindFile(loc);
     const bool same_time = file.disk_time && *file.disk_time == disk_mtime;
     if (!same_time && file.place != 0) {
-      DropRecords(file.place);
+      DropRecords(file.id, file.place);
+    }
+    if (!scans_done.empty() && (!same_time || file.scans_done.value_or("").empty())) {
+      _fConnection->Use(EStatement::kForgetLostOf).Int(file.id).Run();
     }
     // Without rows, the place is free: the next file may get it.
     int64_t place = records.empty() && !same_time ? 0 : file.place;
@@ -348,8 +370,13 @@ class CSqliteAnalysisDb::CImpl {
       (place == 0 ? query.Null() : query.Int(place)).Run();
       NoteFile(loc, file.id, true);
     }
+    Loc source;
     for (const CDatabaseRecord& record : records) {
       Assert(record.for_loc == loc);
+      if (record.scanned_loc && record.scanned_loc != loc && record.scanned_loc != source) {
+        source = record.scanned_loc;
+        _fConnection->Use(EStatement::kForgetLost).Int(FileIdToStore(source)).Int(file.id).Run();
+      }
     }
     PutRecords(loc, file.id, place, same_time && file.place != 0, records, disk_mtime);
     LogChange(file.id);
@@ -362,8 +389,9 @@ class CSqliteAnalysisDb::CImpl {
         continue;
       }
       if (file.place != 0) {
-        DropRecords(file.place);
+        DropRecords(file.id, file.place);
       }
+      _fConnection->Use(EStatement::kForgetLostOf).Int(file.id).Run();
       _fConnection->Use(EStatement::kSetFile).Int(file.id).Null().Null().Null().Run();
       LogChange(file.id);
     }
@@ -473,6 +501,37 @@ class CSqliteAnalysisDb::CImpl {
     }
   }
 
+  bool Together(const std::function<void()>& work) {
+    if (_fClosed || _fBatch != nullptr) {
+      work();
+      return true;
+    }
+    try {
+      if (!_fConnection || Replaced()) {
+        Reconnect();
+      }
+      if (!_fConnection->ReadOnly()) {
+        _fConnection->LimitWaiting(_fOptions.lock_wait_ms);
+        _fConnection->RollBack();
+        _fConnection->Use(EStatement::kBegin).Run();
+        _fBatch = _fConnection.get();
+      }
+    } catch (const CError&) {
+      // Each operation is then on its own, and says what is wrong.
+    }
+    if (_fBatch == nullptr) {
+      work();
+      return true;
+    }
+    try {
+      work();
+    } catch (...) {
+      EndBatch(false);
+      throw;
+    }
+    return EndBatch(true);
+  }
+
   void VisitFiles(const std::function<void(const CStoredFile&)>& visit) {
     const auto statement = _fConnection->Prepare(
         "SELECT name, disk_time, scans_done FROM files WHERE disk_time IS NOT NULL");
@@ -483,6 +542,17 @@ class CSqliteAnalysisDb::CImpl {
         visit({_fLocCache.GetLocation(*url), query.DoubleAt(1), Text(query.ViewAt(2))});
       }
     }
+  }
+
+  std::vector<Loc> LostSources() {
+    std::vector<Loc> sources;
+    const auto statement = _fConnection->Prepare("SELECT DISTINCT source FROM lost");
+    for (CQuery query(statement.get()); query.Step();) {
+      if (const Loc loc = FileLoc(query.IntAt(0))) {
+        sources.push_back(loc);
+      }
+    }
+    return sources;
   }
 
   void VisitTiedRecords(const std::function<void(const CStoredRow&)>& visit) {
@@ -617,6 +687,36 @@ class CSqliteAnalysisDb::CImpl {
     CImpl& _fImpl;
     bool _fKept = false;
   };
+
+  // ---- The batch.
+
+  // Some failures end a transaction, or the whole connection.
+  bool IsInBatch() const {
+    return _fBatch != nullptr && _fBatch == _fConnection.get() &&
+           sqlite3_get_autocommit(_fConnection->Handle()) == 0;
+  }
+
+  bool EndBatch(bool commit) {
+    bool committed = false;
+    if (IsInBatch()) {
+      try {
+        if (commit) {
+          _fConnection->Use(EStatement::kCommit).Run();
+          committed = true;
+        }
+      } catch (const CSqliteFailure& failure) {
+        _fLastError = Shown() + ": saving: " + failure.what();
+      }
+      _fConnection->RollBack();
+    }
+    _fBatch = nullptr;
+    if (!committed) {
+      // The tables hold what was undone, and the log may get other entries under the same numbers.
+      Forget();
+      _fEverythingChanged = true;
+    }
+    return committed;
+  }
 
   // ---- The connection.
 
@@ -926,11 +1026,10 @@ class CSqliteAnalysisDb::CImpl {
     return SameBits(time, disk_mtime);
   }
 
-  void DropRecords(int64_t place) {
-    _fConnection->Use(EStatement::kDropRecords)
-        .Int(place)
-        .Int(place + sqlitedb::kPlaceSpan - 1)
-        .Run();
+  void DropRecords(int64_t file, int64_t place) {
+    const int64_t last = place + sqlitedb::kPlaceSpan - 1;
+    _fConnection->Use(EStatement::kNoteLost).Int(place).Int(last).Int(file).Run();
+    _fConnection->Use(EStatement::kDropRecords).Int(place).Int(last).Run();
   }
 
   int64_t NewPlace() {
@@ -1115,6 +1214,7 @@ class CSqliteAnalysisDb::CImpl {
   int64_t _fChangesSeen = 0;
   // The database was replaced, or continuity was lost otherwise: to be told at the next check.
   bool _fEverythingChanged = false;
+  CSqliteConnection* _fBatch = nullptr;  // that the batch began on; null: no batch
   // Numbers in the log, after _fChangesSeen, of what this process did: runs from first to last.
   std::vector<std::pair<int64_t, int64_t>> _fOwnChanges;
   std::vector<int64_t> _fOwnSaves;  // those of the running transaction
@@ -1225,6 +1325,15 @@ const std::string& CSqliteAnalysisDb::Message() const { return _fImpl->Message()
 const std::string& CSqliteAnalysisDb::LastError() const { return _fImpl->LastError(); }
 const std::string& CSqliteAnalysisDb::Path() const { return _fImpl->Shown(); }
 bool CSqliteAnalysisDb::ReadOnly() const { return _fImpl->ReadOnly(); }
+
+bool CSqliteAnalysisDb::Together(const std::function<void()>& work) {
+  return _fImpl->Together(work);
+}
+
+std::vector<Loc> CSqliteAnalysisDb::LostSources() {
+  return _fImpl->Looking<std::vector<Loc>>("reading lost sources",
+                                           [&] { return _fImpl->LostSources(); });
+}
 
 void CSqliteAnalysisDb::VisitFiles(const std::function<void(const CStoredFile&)>& visit) {
   _fImpl->Looking<bool>("reading all files", [&] {

@@ -119,6 +119,15 @@ class CSqliteAnalysisDb final : public CAnalysisDb {
   // Called after each call of the service, if set.
   std::function<void(const CDbCall&)> fOnCall;
 
+  // Calls `work`; the saves and clears that it makes become true together, for other processes and
+  // after a kill. Each still answers for itself, and one that answers false is left out. False when
+  // what they answered true is undone after all, because the disk is full at the last moment: then
+  // LastError() says so. When no transaction can be begun, each is on its own. What `work` throws
+  // undoes them and passes through.
+  bool Together(const std::function<void()>& work);
+
+  // Files that claim to be scanned, and of which rows that are for other files were dropped since.
+  std::vector<Loc> LostSources();
   // Every file that has a disk time.
   void VisitFiles(const std::function<void(const CStoredFile&)>& visit);
   // Every row that was made from another file than the one it is for, or rests on one, without its
