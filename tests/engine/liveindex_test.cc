@@ -37,6 +37,7 @@ class CLiveWorld : public CEngineWorld {
         fGlibLoop, engine,
         CLiveIndexOptions{
             .paths = {Path(kTree)},
+            .look_at_database_ms = 10,
             .on_ready = [this](size_t scanned, size_t) { fReady = true, fScanned += scanned; },
             .on_scanned = [this](Loc loc) { fSawLast |= loc->fUrl.ends_with("/last.py"); },
             .on_trouble = [](const CPathNote& note) { ADD_FAILURE() << note.path << note.text; }});

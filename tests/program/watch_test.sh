@@ -16,7 +16,8 @@ trap finish EXIT
 export XDG_CACHE_HOME=$work/cache
 cp -R "$examples/notebook" "$work/notebook"
 cd "$work"
-: >events >err
+: >events
+: >err
 
 checks=0
 fail() {
@@ -57,8 +58,8 @@ ready() {
   says '"event":"ready"'
   checks=$((checks + 1))
   diff <(printf '%s\n' "$@" | sed '/^$/d' | sort) \
-    <(since | sed -n 's|^{"event":"scanned","file":".*/\(.*\)"}$|\1|p' | sort) >diff ||
-    fail "scanned other files (>) than it had to (<): $(cat diff)"
+    <(since | sed -n 's|^{"event":"scanned","file":".*/\(.*\)"}$|\1|p' | sort) >difference ||
+    fail "scanned other files (>) than it had to (<): $(cat difference)"
 }
 start() { # ARGUMENT...
   step
@@ -237,6 +238,7 @@ if unshare --user --map-root-user sh -c 'echo 2 >/proc/sys/user/max_inotify_watc
   for folder in a b c d; do echo 'x = 1' >few/$folder/m.py; done
   step
   : >err
+  # shellcheck disable=SC2016
   unshare --user --map-root-user sh -c \
     'echo 2 >/proc/sys/user/max_inotify_watches; exec "$0" watch few --db few.db --json' "$program" \
     >>events 2>>err </dev/null &
