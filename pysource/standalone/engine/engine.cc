@@ -27,8 +27,13 @@ CEngine::CEngine(CEngineOptions options)
   _fSingletons.fCacheMgr = &_fBuffers;
   _fSingletons.fAnalysisMgr = &_fAnaMgr;
   _fOldSingletons = singleton::SetSingletons(&_fSingletons);
+  // Heard before the cache hears it, and forgets what it knows of the file's scopes.
+  _fFiles.connect(kExternalFilesChanged, [this](CSavableManager&, const CLocMtimeDict& changed) {
+    NoteScopesNotInMemory(changed);
+  });
   _fCache = std::make_unique<scopeinfo::CInfoCache>(&_fAnaMgr, &_fLocCache, options.limits);
   _fAnaMgr.fInfoCache = _fCache.get();
+  _fFiles.fOnFileChanged = [this](Loc loc) { FileHasChanged(loc); };
   _fCache->SetScanNames({Text(kNamesScan), Text(kAttrsScan)});
   _fScans = std::make_unique<CScanRunner>(
       *_fCache, _fFiles, _fBuffers, _fResolver,
@@ -92,7 +97,41 @@ void CEngine::CloseBuffer(Loc loc) {
   if (_fBuffers.Close(loc)) {
     // What the cache knows was of a text that is gone.
     _fCache->ClearFiles({loc}, false);
+    // If the entry stays (its rows are still to be deleted), it is that of a missing file.
+    CLocMtimeDict present;
+    present.Set(loc, _fCache->GetDiskMTime(loc));
+    _fFiles.emit(kExternalFilesChanged, present);
+    FileHasChanged(loc);
   }
+}
+
+void CEngine::NoteScopesNotInMemory(const CLocMtimeDict& changed) {
+  for (const auto& [loc, unused] : changed) {
+    const scopeinfo::CPerFilePtr* const entry = _fCache->DbgGetPerFileDict().Find(loc);
+    if (entry != nullptr && !(*entry)->db_scope_names_not_loaded.empty()) {
+      _fNotInMemory[loc] = (*entry)->db_scope_names_not_loaded;
+    }
+  }
+}
+
+void CEngine::FileHasChanged(Loc loc) {
+  const auto noted = _fNotInMemory.extract(loc);
+  if (_fCache->GetDiskMTime(loc) == scopeinfo::kFileModifiedInMemoryMtime) {
+    // An edited buffer hides the disk.
+    return;
+  }
+  // What is in memory of the file the cache has marked itself. But merged records, and records for
+  // other files that were scanned from this one, can outlive it: they stay when the file, or a scope
+  // of it, leaves memory.
+  const bool is_in_memory = _fCache->DbgGetPerFileDict().Contains(loc);
+  if (is_in_memory && noted.empty()) {
+    return;
+  }
+  CChangedDict changed;
+  changed.Set(loc, std::make_shared<TextSet>(is_in_memory ? noted.mapped()
+                                                          : TextSet{Text(kWildcardScope)}));
+  _fCache->emit(kScopesModified, changed);
+  _fCache->AddDepKeysToNeedsScan(_fCache->DbgGetCrossFileData().GetScannedLocInfoKeys(loc));
 }
 
 }  // namespace pysource::standalone

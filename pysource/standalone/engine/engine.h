@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -76,14 +77,21 @@ class CEngine {
   CAnalysisFactory& Factory() { return _fFactory; }
 
  private:
+  // What was made of the file is of a content that is gone: readers hear of it, and its scans for
+  // other files are run again.
+  void FileHasChanged(Loc loc);
+  void NoteScopesNotInMemory(const CLocMtimeDict& changed);
+
   CLocationCache _fLocCache;
   CFileImportResolver _fResolver;
-  CFileManager _fFiles;
   COpenBuffers _fBuffers;
+  CFileManager _fFiles{_fBuffers};
   CStubFactory _fFactory;
   CAnalysisManager _fAnaMgr;
   CSingletons _fSingletons;
   CSingletons* _fOldSingletons = nullptr;
+  // Of files that are found to have changed: their scopes that were in the database alone.
+  std::unordered_map<Loc, TextSet> _fNotInMemory;
   std::unique_ptr<CSqliteAnalysisDb> _fDb;
   std::unique_ptr<scopeinfo::CInfoCache> _fCache;
   std::unique_ptr<CScanRunner> _fScans;

@@ -44,6 +44,10 @@ CScanRunner::CScanRunner(scopeinfo::CInfoCache& cache, CFileManager& files, COpe
       *this);
   _fCache.connect_while_alive(
       kScopesModified, [this](const CInfoCacheBase&, const CChangedDict&) { ++_fWorld; }, *this);
+  class_connect_while_alive(
+      kScopeLogicalsModified,
+      [this](const CPySourceAnalysis& ana, const TextSet& scopes) { CB_ScopesChanged(ana, scopes); },
+      *this);
 }
 
 CScanRunner::~CScanRunner() { destroy(); }
@@ -68,6 +72,17 @@ void CScanRunner::CB_NeedsScanAdded(const CNeedsScanSet& needs_scan, Priority pr
   Dispatch();
 }
 
+// The cache marks what the change makes stale, but for a file that it has no entry of: what such a
+// file said of others can be in memory all the same.
+void CScanRunner::CB_ScopesChanged(const CPySourceAnalysis& ana, const TextSet& scopes) {
+  if (!_fCache.DbgGetPerFileDict().Contains(ana.fLocation)) {
+    constexpr int kUnderTheHands = 1;
+    _fCache.AddDepKeysToNeedsScan(
+        _fCache.DbgGetCrossFileData().GetScannedLocInfoKeys(ana.fLocation, &scopes), nullptr,
+        kUnderTheHands);
+  }
+}
+
 // A file that waits to be written, its module scope among what became stale, must not claim its
 // scans as done: what is written next would lack the scope that the claim stands on.
 void CScanRunner::WithdrawClaim(const CNeedsScan& scan) {
@@ -78,6 +93,11 @@ void CScanRunner::WithdrawClaim(const CNeedsScan& scan) {
   if (entry != nullptr && !(*entry)->all_db_scope_names.contains(kModuleScopeName)) {
     (*entry)->SetScansDone("");
   }
+}
+
+bool CScanRunner::IsClaimedDone(Loc loc) const {
+  const scopeinfo::CPerFilePtr* const entry = _fCache.DbgGetPerFileDict().Find(loc);
+  return entry != nullptr && (*entry)->IsPrimaryScanDone();
 }
 
 void CScanRunner::RequestFile(Loc loc, Priority priority) {
@@ -104,10 +124,11 @@ void CScanRunner::RequestForReader(const scopeinfo::CNeedsScanDict& needs_scan_d
         continue;
       }
       // A reader knows of one scope; its neighbours in the same file are about to be asked for, and
-      // the parse is paid for either way. A file that was never scanned is scanned whole.
-      const bool never_scanned = state.content == 0;
-      Want(scope.loc, never_scanned ? kWildcardScope : TextView(scope.scope), scan_name,
-           kReaderUrgency);
+      // the parse is paid for either way. A file that was never scanned is scanned whole, and so is
+      // one that was forgotten since: of a scope that it does not know the cache asks for the names
+      // alone.
+      const bool whole = state.content == 0 || !IsClaimedDone(scope.loc);
+      Want(scope.loc, whole ? kWildcardScope : TextView(scope.scope), scan_name, kReaderUrgency);
       _fWanted[scope.loc].is_last = false;
     }
   }
@@ -197,13 +218,18 @@ void CScanRunner::HandOver(const CScanJobResult& result) {
   const Wanted wanted = std::exchange(_fStates[loc].running, {});
 
   // What happened to the file meanwhile is told before anything of the result is: the cache then
-  // moves its entry to the present time, and asks for what that makes stale.
+  // moves its entry to the present time, and asks for what that makes stale. So the entry must be
+  // there, which an empty question sees to. Its time is what counts then: that of an open buffer
+  // can be behind that of the file, until its owner reads the file again.
+  if (result.error.empty()) {
+    _fCache.GetMultipleScopeInfos(loc, {});
+  }
   _fFiles.CheckFile(loc);
   const uint64_t content = ContentOf(loc);
   const bool is_present =
       result.job.unsaved_text
           ? content == result.job.content
-          : result.error.empty() && result.disk_mtime == _fCache.GetDiskMTime(loc);
+          : result.error.empty() && _fCache.GetDiskModTimeUsed(loc, false) == result.disk_mtime;
   if (result.error.empty() && !is_present) {
     ++_fCounts.dropped;
     Want(loc, kWildcardScope, kNamesScan, wanted.urgency);
@@ -215,6 +241,9 @@ void CScanRunner::HandOver(const CScanJobResult& result) {
   } else {
     try {
       AddResults(result, wanted);
+      if (_fStates[loc].content != content) {
+        TellOtherFiles(result);
+      }
       FileState& state = _fStates[loc];
       // After the results, whose own changes are no reason to run the scan again.
       state.content = content;
@@ -253,19 +282,28 @@ void CScanRunner::AddResults(const CScanJobResult& result, const Wanted& wanted)
   AddWanted(result, wanted);
   // A record can make another one of the same scan stale: what a function sets on its own module is
   // news for the record of the module. What is wanted then is here already and is handed over
-  // again, which settles it: a record that comes out unchanged is news for nobody.
+  // again, which settles it: a record that comes out unchanged is news for nobody. The cache is
+  // asked what is stale, since the scans of a file that is wanted whole again are not listed here.
   for (int round = 0; round < kMostRoundsInFile; ++round) {
+    Wanted stale;
     const auto again = _fWanted.find(loc);
-    if (again == _fWanted.end() || again->second.all) {
+    if (again != _fWanted.end() && !again->second.all) {
+      stale = std::move(again->second);
+      _fWanted.erase(again);
+    }
+    for (const scopeinfo::CScopeInfoKey& key :
+         _fCache.DbgGetCrossFileData().GetScannedLocNeedsScanInfoKeys(loc)) {
+      stale.scans.emplace(key.scanned_scope().value_or(""), key.scan_name().value_or(""));
+    }
+    if (stale.scans.empty()) {
       break;
     }
-    const Wanted stale = std::move(again->second);
-    _fWanted.erase(again);
     AddWanted(result, stale);
   }
   if (!wanted.all) {
     return;
   }
+  ForgetScopesThatAreGone(result);
   const bool is_complete = WriteForOthers(result);
   for (const TextView scan_name : {kNamesScan, kAttrsScan}) {
     if (is_complete) {
@@ -300,6 +338,40 @@ bool CScanRunner::WriteForOthers(const CScanJobResult& result) {
     const auto time = _fCache.GetDiskModTimeUsed(loc, false);
     return time && *time > 0 && _fCache.DbgGetCrossFileData().GetToWriteInfoKeyCount(loc) != 0;
   });
+}
+
+// Tells that what this file says of others has changed. The cache does so for records that differ
+// from those it knows; but a record that an earlier content of the file had withdrawn is withdrawn
+// in memory alone. When the old content comes back (a buffer is closed unsaved, a file restored) its
+// row counts again, and the record is found unchanged, though no merged record has it.
+void CScanRunner::TellOtherFiles(const CScanJobResult& result) {
+  CChangedDict changed;
+  for (const CScanResult& scan : result.scan.results) {
+    for (const scopeinfo::CScopeInfoPtr& info : scan.infos) {
+      if (info->loc != result.job.loc) {
+        scopeinfo::AddToChangedDict(changed, info->loc, info->for_scope);
+      }
+    }
+  }
+  if (!changed.empty()) {
+    _fCache.emit(kScopesModified, changed);
+  }
+}
+
+// Marks what is known of scans that the file has no more, so that FinishedWithScans removes it. The
+// cache has mostly done so itself, when it was told that the file had changed; but a file that left
+// the cache meanwhile is not watched, and what it said of other files stayed.
+void CScanRunner::ForgetScopesThatAreGone(const CScanJobResult& result) {
+  std::set<std::pair<TextView, TextView>> scans;
+  for (const CScanResult& scan : result.scan.results) {
+    scans.emplace(scan.scanned_scope, scan.scan_name);
+  }
+  scopeinfo::CCrossFileData& known = _fCache.DbgGetCrossFileData();
+  for (const scopeinfo::CScopeInfoKey& key : known.GetScannedLocInfoKeys(result.job.loc)) {
+    if (!scans.contains({key.scanned_scope().value_or(""), key.scan_name().value_or("")})) {
+      known.AddNeedsScanInfoKey(key);
+    }
+  }
 }
 
 // Hands over what is wanted of the result: classes last, and names before attributes. What a method

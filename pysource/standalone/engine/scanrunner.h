@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "pysource/host/analysismgr.h"
 #include "pysource/host/destroyable.h"
 #include "pysource/host/location.h"
 #include "pysource/scopeinfo/infocache/infocache.h"
@@ -109,6 +110,7 @@ class CScanRunner final : public CDestroyable {
   };
 
   void CB_NeedsScanAdded(const CNeedsScanSet& needs_scan, Priority priority);
+  void CB_ScopesChanged(const CPySourceAnalysis& ana, const TextSet& scopes);
   void Want(Loc loc, TextView scope, TextView scan_name, int urgency);
   void Dispatch();
   bool IsOnlyLastWanted() const;
@@ -118,6 +120,9 @@ class CScanRunner final : public CDestroyable {
   void AddResults(const CScanJobResult& result, const Wanted& wanted);
   bool WriteForOthers(const CScanJobResult& result);
   void AddWanted(const CScanJobResult& result, const Wanted& wanted);
+  bool IsClaimedDone(Loc loc) const;
+  void TellOtherFiles(const CScanJobResult& result);
+  void ForgetScopesThatAreGone(const CScanJobResult& result);
   void WithdrawClaim(const CNeedsScan& scan);
   // Tells the contents of a file apart; never 0.
   uint64_t ContentOf(Loc loc) const;

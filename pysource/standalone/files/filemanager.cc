@@ -13,15 +13,33 @@ DiskTime TimeOnDisk(Loc loc) {
 
 }  // namespace
 
-CFileManager::CFileManager() = default;
+CFileManager::CFileManager(const COpenBuffers& buffers) : _fBuffers(buffers) {}
 CFileManager::~CFileManager() = default;
 
-void CFileManager::AddFileLocToWatch(Loc loc) {
-  const DiskTime told = _fLastAnswer.first == loc ? _fLastAnswer.second : TimeOnDisk(loc);
-  _fLastTold.try_emplace(loc, told);
+DiskTime CFileManager::TimeAsTold(Loc loc) const {
+  // The text of an open buffer can be older than the file.
+  if (const COpenBuffer* const buffer = _fBuffers.Find(loc)) {
+    return buffer->GetLastKnownModTime();
+  }
+  return _fLastAnswer.first == loc ? _fLastAnswer.second : TimeOnDisk(loc);
 }
 
-void CFileManager::RemoveLocToWatch(Loc loc) { _fLastTold.erase(loc); }
+void CFileManager::AddFileLocToWatch(Loc loc) {
+  const DiskTime told = TimeAsTold(loc);
+  _fLastTold.try_emplace(loc, told);
+  if (const auto forgotten = _fForgotten.find(loc);
+      forgotten != _fForgotten.end() && forgotten->second == told) {
+    _fForgotten.erase(forgotten);
+  }
+}
+
+void CFileManager::RemoveLocToWatch(Loc loc) {
+  if (const auto watched = _fLastTold.find(loc); watched != _fLastTold.end()) {
+    // One that is remembered already is remembered with its first time.
+    _fForgotten.try_emplace(loc, watched->second);
+    _fLastTold.erase(watched);
+  }
+}
 
 std::vector<DiskTime> CFileManager::GetLastModTimes(const std::vector<Loc>& loc_list,
                                                     bool /*check_disk*/) {
@@ -35,30 +53,45 @@ std::vector<DiskTime> CFileManager::GetLastModTimes(const std::vector<Loc>& loc_
 }
 
 void CFileManager::CheckWatchedFiles() {
+  std::vector<Loc> locs;
+  locs.reserve(_fLastTold.size() + _fForgotten.size());
+  for (const auto* const files : {&_fLastTold, &_fForgotten}) {
+    for (const auto& [loc, told] : *files) {
+      locs.push_back(loc);
+    }
+  }
+  Check(locs);
+}
+
+void CFileManager::CheckFile(Loc loc) { Check({loc}); }
+
+void CFileManager::Check(const std::vector<Loc>& locs) {
   CLocMtimeDict changed;
-  for (auto& [loc, told] : _fLastTold) {
+  std::vector<Loc> all_changed;
+  for (const Loc loc : locs) {
     const DiskTime now = TimeOnDisk(loc);
-    if (now != told) {
-      told = now;
+    const auto watched = _fLastTold.find(loc);
+    const auto forgotten = _fForgotten.find(loc);
+    const bool has_changed = watched != _fLastTold.end() && watched->second != now;
+    if (has_changed) {
+      watched->second = now;
       changed.Set(loc, now);
+    }
+    const bool was_forgotten = forgotten != _fForgotten.end() && forgotten->second != now;
+    if (was_forgotten) {
+      _fForgotten.erase(forgotten);
+    }
+    if (has_changed || was_forgotten) {
+      all_changed.push_back(loc);
     }
   }
   if (!changed.empty()) {
     emit(kExternalFilesChanged, changed);
   }
-}
-
-void CFileManager::CheckFile(Loc loc) {
-  const auto watched = _fLastTold.find(loc);
-  if (watched == _fLastTold.end()) {
-    return;
-  }
-  const DiskTime now = TimeOnDisk(loc);
-  if (now != watched->second) {
-    watched->second = now;
-    CLocMtimeDict changed;
-    changed.Set(loc, now);
-    emit(kExternalFilesChanged, changed);
+  for (const Loc loc : all_changed) {
+    if (fOnFileChanged) {
+      fOnFileChanged(loc);
+    }
   }
 }
 

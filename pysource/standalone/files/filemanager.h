@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <unordered_map>
 #include <utility>
@@ -11,6 +12,7 @@
 #include "pysource/host/location.h"
 #include "pysource/host/savable.h"
 #include "pysource/host/scoperef.h"
+#include "pysource/standalone/files/openbuffers.h"
 
 namespace pysource::standalone {
 
@@ -18,9 +20,14 @@ namespace pysource::standalone {
 // another one. It looks only when it is asked to: by a reading command before it answers, by the
 // scan runner before it hands results over, by a file watcher when the system says that something
 // happened.
+//
+// A file that is watched no more is remembered until it has changed. Its watcher let it go with
+// what it knew of it, but others can still hold what they made of that: records for other files,
+// merged records.
 class CFileManager final : public CSavableManager {
  public:
-  CFileManager();
+  // `buffers` are those of the host, and must outlive this.
+  explicit CFileManager(const COpenBuffers& buffers);
   ~CFileManager() override;
 
   void AddFileLocToWatch(Loc loc) override;
@@ -28,19 +35,31 @@ class CFileManager final : public CSavableManager {
   // Always asks the file system: a stat costs a microsecond, a wrong time costs an answer.
   std::vector<DiskTime> GetLastModTimes(const std::vector<Loc>& loc_list, bool check_disk) override;
 
-  // Looks at all watched files, or at one, and emits kExternalFilesChanged for those whose time is
-  // not the one last told. A file that is not watched is nobody's business.
+  // Looks at all files, or at one, and emits kExternalFilesChanged for watched ones whose time is
+  // not the one last told, then calls fOnFileChanged. A file that was never watched is nobody's
+  // business.
   void CheckWatchedFiles();
   void CheckFile(Loc loc);
+
+  // Called with each file that is found to have changed, watched or remembered.
+  std::function<void(Loc)> fOnFileChanged;
 
   bool IsWatched(Loc loc) const { return _fLastTold.contains(loc); }
   size_t WatchCount() const { return _fLastTold.size(); }
 
  private:
+  DiskTime TimeAsTold(Loc loc) const;
+  void Check(const std::vector<Loc>& locs);
+
+  const COpenBuffers& _fBuffers;
   // The time that was last told of each watched file.
   std::unordered_map<Loc, DiskTime> _fLastTold;
+  // The same of the files whose watch has ended. A file that is watched again is in both, if its
+  // time is another one by then, until the next look.
+  std::unordered_map<Loc, DiskTime> _fForgotten;
   // The answer to the last question. A watch begins with the time that its owner has just been
-  // told, or a change between the question and the watch would go unseen.
+  // told, by this or by an open buffer, or a change between the question and the watch would go
+  // unseen.
   std::pair<Loc, DiskTime> _fLastAnswer;
 };
 
