@@ -36,7 +36,7 @@ CEngine::CEngine(CEngineOptions options)
   _fFiles.fOnFileChanged = [this](Loc loc) { FileHasChanged(loc); };
   _fCache->SetScanNames({Text(kNamesScan), Text(kAttrsScan)});
   _fScans = std::make_unique<CScanRunner>(
-      *_fCache, _fFiles, _fBuffers, _fResolver,
+      *_fCache, *_fDb, _fFiles, _fBuffers, _fResolver,
       CScanRunner::Options{.threads = options.threads, .notify = std::move(options.notify)});
 }
 

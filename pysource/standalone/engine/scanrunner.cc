@@ -29,10 +29,11 @@ int UrgencyOf(Priority priority) {
 
 }  // namespace
 
-CScanRunner::CScanRunner(scopeinfo::CInfoCache& cache, CFileManager& files, COpenBuffers& buffers,
-                         const CImportResolver& resolver, Options options)
+CScanRunner::CScanRunner(scopeinfo::CInfoCache& cache, CSqliteAnalysisDb& db, CFileManager& files,
+                         COpenBuffers& buffers, const CImportResolver& resolver, Options options)
     : CDestroyable({}),
       _fCache(cache),
+      _fDb(db),
       _fFiles(files),
       _fBuffers(buffers),
       _fWorkers(options.threads, resolver, std::move(options.notify)) {
@@ -304,23 +305,16 @@ void CScanRunner::AddResults(const CScanJobResult& result, const Wanted& wanted)
     return;
   }
   ForgetScopesThatAreGone(result);
-  const bool is_complete = WriteForOthers(result);
-  for (const TextView scan_name : {kNamesScan, kAttrsScan}) {
-    if (is_complete) {
-      // Only now: the primary scan is claimed done after its module scope is there.
-      _fCache.ChangeScansDone(loc, scan_name, true);
-    }
-    _fCache.FinishedWithScans(loc, kWildcardScope, scan_name);
+  const std::vector<Loc> others = OthersOf(result);
+  if (others.empty()) {
+    Write(loc, others);
+  } else if (!_fDb.Together([&] { Write(loc, others); })) {
+    // The cache believes that all of it is stored.
+    AddWanted(result, wanted);
   }
-  // Written at once, one transaction a file. What is written can be trimmed, so a long run stays
-  // small, and a kill loses the file in hand at most.
-  _fCache.WriteToDatabase({loc});
 }
 
-// What the file says of others is written before it claims to be scanned: whoever is killed in
-// between leaves a file that is scanned again, never one that claims to be scanned and lacks a
-// record. False if the database refused; then the file is stored without the claim.
-bool CScanRunner::WriteForOthers(const CScanJobResult& result) {
+std::vector<Loc> CScanRunner::OthersOf(const CScanJobResult& result) {
   std::vector<Loc> others;
   for (const CScanResult& scan : result.scan.results) {
     for (const scopeinfo::CScopeInfoPtr& info : scan.infos) {
@@ -330,14 +324,27 @@ bool CScanRunner::WriteForOthers(const CScanJobResult& result) {
       }
     }
   }
-  if (others.empty()) {
-    return true;
-  }
+  return others;
+}
+
+// Written at once, one transaction a file, with what the file says of others, so that none ever
+// claims to be scanned and lacks a record. What is written can be trimmed, so a long run stays small,
+// and a kill loses the file in hand at most.
+void CScanRunner::Write(Loc loc, const std::vector<Loc>& others) {
   _fCache.WriteToDatabase(others);
-  return std::none_of(others.begin(), others.end(), [this](Loc loc) {
-    const auto time = _fCache.GetDiskModTimeUsed(loc, false);
-    return time && *time > 0 && _fCache.DbgGetCrossFileData().GetToWriteInfoKeyCount(loc) != 0;
+  // If the database refused one of them, the file is stored without the claim.
+  const bool is_complete = std::none_of(others.begin(), others.end(), [this](Loc other) {
+    const auto time = _fCache.GetDiskModTimeUsed(other, false);
+    return time && *time > 0 && _fCache.DbgGetCrossFileData().GetToWriteInfoKeyCount(other) != 0;
   });
+  for (const TextView scan_name : {kNamesScan, kAttrsScan}) {
+    if (is_complete) {
+      // Only now: the primary scan is claimed done after its module scope is there.
+      _fCache.ChangeScansDone(loc, scan_name, true);
+    }
+    _fCache.FinishedWithScans(loc, kWildcardScope, scan_name);
+  }
+  _fCache.WriteToDatabase({loc});
 }
 
 // Tells that what this file says of others has changed. The cache does so for records that differ

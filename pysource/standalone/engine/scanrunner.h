@@ -17,6 +17,7 @@
 #include "pysource/standalone/engine/scanworkers.h"
 #include "pysource/standalone/files/filemanager.h"
 #include "pysource/standalone/files/openbuffers.h"
+#include "pysource/standalone/sqlitedb/sqliteanalysisdb.h"
 
 namespace pysource::standalone {
 
@@ -62,8 +63,9 @@ class CScanRunner final : public CDestroyable {
     double hand_over_seconds = 0;  // in the cache and its database
   };
 
-  CScanRunner(scopeinfo::CInfoCache& cache, CFileManager& files, COpenBuffers& buffers,
-              const CImportResolver& resolver, Options options);
+  // `db` is the database of the cache.
+  CScanRunner(scopeinfo::CInfoCache& cache, CSqliteAnalysisDb& db, CFileManager& files,
+              COpenBuffers& buffers, const CImportResolver& resolver, Options options);
   ~CScanRunner() override;
 
   // Asks for scans of the whole file.
@@ -118,7 +120,8 @@ class CScanRunner final : public CDestroyable {
   void HandOver(const CScanJobResult& result);
   void Fail(uint64_t content, const Failure& failure);
   void AddResults(const CScanJobResult& result, const Wanted& wanted);
-  bool WriteForOthers(const CScanJobResult& result);
+  static std::vector<Loc> OthersOf(const CScanJobResult& result);
+  void Write(Loc loc, const std::vector<Loc>& others);
   void AddWanted(const CScanJobResult& result, const Wanted& wanted);
   bool IsClaimedDone(Loc loc) const;
   void TellOtherFiles(const CScanJobResult& result);
@@ -128,6 +131,7 @@ class CScanRunner final : public CDestroyable {
   uint64_t ContentOf(Loc loc) const;
 
   scopeinfo::CInfoCache& _fCache;
+  CSqliteAnalysisDb& _fDb;
   CFileManager& _fFiles;
   COpenBuffers& _fBuffers;
   std::unordered_map<Loc, FileState> _fStates;
