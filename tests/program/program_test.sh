@@ -127,6 +127,8 @@ says err '1 of 7 files not in the database as they are now'
 
 run 0 stats
 says out '6, of these 0 changed since and 0 gone' 'by :names'
+run 0 stats notebook
+says out '41 known, 41 in the database, 0 to be written' '36 records; 36 of 72 reads answered by one, 50.0 %'
 touch -d '2 hours ago' notebook/model.py
 run 0 stats --json
 json 'j["files"] == 6 and j["files_changed"] == 1 and j["records"] == sum(j["records_by_scan"].values())'

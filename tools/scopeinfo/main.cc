@@ -147,7 +147,11 @@ int Run(int argc, char** argv) {
   AddJson(*command, options);
   AddDebugDump(*command, options);
 
-  command = add("stats", "Tell what the database holds, and what room it takes", RunStats);
+  command = add("stats",
+                "Tell what the database holds, and what room it takes; of named files also what a "
+                "cache holds that was asked for all their scopes",
+                RunStats);
+  AddPaths(*command, options)->required(false);
   AddJson(*command, options);
 
   command = add("verify",

@@ -1,15 +1,20 @@
-// scopeinfo stats: what the database holds, and what room it takes.
+// scopeinfo stats: what the database holds, and what room it takes; of named files also what a cache
+// holds that was asked for all their scopes.
 #include <fmt/format.h>
 
-#include <cmath>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "pysource/host/errors.h"
 #include "pysource/scopeinfo/records/vocabulary.h"
+#include "pysource/standalone/engine/cachestats.h"
+#include "pysource/standalone/engine/findfiles.h"
 #include "pysource/standalone/scanner/scanner.h"
 #include "pysource/standalone/scanner/sourcefile.h"
 #include "tools/scopeinfo/commands.h"
 #include "tools/scopeinfo/output.h"
+#include "tools/scopeinfo/session.h"
 
 namespace pysource::tools {
 namespace {
@@ -82,20 +87,74 @@ std::string ToTable(const std::string& path, const standalone::CSqliteDbStats& s
   return text;
 }
 
+// Asks for every scope of the files, as they are in the database, twice for each file.
+standalone::CCacheStats AskForAll(const COptions& options) {
+  CSession session(options);
+  standalone::CEngine& engine = session.Engine();
+  const auto between = session.Between();
+  const standalone::CFoundFiles found =
+      standalone::FindPythonFiles(options.paths, engine.Locations());
+  for (const standalone::CFoundFile& file : found.files) {
+    const TextSet name_set = engine.Cache().GetAllScopeNames(file.loc);
+    const std::vector<Text> names(name_set.begin(), name_set.end());
+    for (int pass = 0; pass < 2; ++pass) {
+      (void)engine.Cache().GetMultipleScopeInfos(file.loc, names);
+    }
+    if (!between()) {
+      break;
+    }
+  }
+  return standalone::GetCacheStats(engine.Cache());
+}
+
+std::string ToTable(const standalone::CCacheStats& stats) {
+  std::string text = "\nA cache that was asked twice for every scope of the named files\n";
+  const auto line = [&text](std::string_view name, const std::string& value) {
+    text += fmt::format("  {:<9} {}\n", name, value);
+  };
+  line("files", Grouped(stats.files));
+  line("scopes", fmt::format("{} in memory", Grouped(stats.used_scopes)));
+  line("keys", fmt::format("{} known, {} in the database, {} to be written, {} that could not be "
+                           "written, {} to be scanned again",
+                           Grouped(stats.known), Grouped(stats.in_database),
+                           Grouped(stats.to_write), Grouped(stats.could_not_write),
+                           Grouped(stats.needs_scan)));
+  line("merged", fmt::format("{} records; {} of {} reads answered by one, {:.1f} %",
+                             Grouped(stats.merged_records), Grouped(stats.merged_hits),
+                             Grouped(stats.merged_hits + stats.merged_misses),
+                             100 * stats.MergedHitRate()));
+  line("decoded", Counted(stats.live_records, "record"));
+  line("memory", fmt::format("{} of the process", ByteSize(stats.resident_bytes)));
+  return text;
+}
+
 }  // namespace
 
 int RunStats(const COptions& options) {
   CLocationCache loc_cache;
-  const auto db = OpenExistingDatabase(options.database, loc_cache);
+  auto db = OpenExistingDatabase(options.database, loc_cache);
   if (db == nullptr) {
     throw CValueError("there is no database yet; make it with: scopeinfo index PATH");
   }
+  const std::string path = db->Path();
   const standalone::CSqliteDbStats stats = db->Stats();
   const CStaleCounts stale = CountStaleFiles(*db);
+  db.reset();
+  std::optional<standalone::CCacheStats> cache;
+  if (!options.paths.empty()) {
+    cache = AskForAll(options);
+  }
   if (options.json) {
-    WriteJson(ToJson(db->Path(), stats, stale));
+    ordered_json json = ToJson(path, stats, stale);
+    if (cache) {
+      for (const auto& [name, value] : cache->Items()) {
+        json["cache"][std::string(name)] = value;
+      }
+      json["cache"]["merged_hit_rate"] = cache->MergedHitRate();
+    }
+    WriteJson(json);
   } else {
-    Write(ToTable(db->Path(), stats, stale));
+    Write(ToTable(path, stats, stale) + (cache ? ToTable(*cache) : ""));
   }
   return kExitOk;
 }

@@ -5,6 +5,7 @@
 #include <optional>
 #include <unordered_set>
 #include <utility>
+#include <vector>
 
 #include "pysource/host/logger.h"
 #include "pysource/host/repr.h"
@@ -102,6 +103,22 @@ class CScopeDependantCache final : public CScopeDependency {
       keys.insert(_fCache.At(entry).first);
     }
     return keys;
+  }
+
+  // Takes out the entries of which `predicate(key, value)` says so.
+  template <class Predicate>
+  void RemoveIf(Predicate predicate) {
+    std::vector<EntryId> entries;
+    VisitLeastUsedFirst([&](EntryId entry) {
+      const auto& [key, stored] = _fCache.At(entry);
+      if (predicate(key, stored.value)) {
+        entries.push_back(entry);
+      }
+      return true;
+    });
+    for (const EntryId entry : entries) {
+      TakeEntry(entry);
+    }
   }
 
   template <class K>

@@ -117,6 +117,9 @@ void CCrossFileData::AddInfoKey(const CScopeInfoKey& key, const CScopeInfoPtr& i
   UpdateExistingSourceInfo(key, info);
 }
 
+// Some megabytes; above what a cache of the usual size holds at once.
+constexpr size_t kMostEmptyDependencies = 32768;
+
 void CCrossFileData::RemoveInfoKey(const CScopeInfoKey& key) {
   const CScopeInfoKey held = Held(key);
   RemoveNeedsScanInfoKey(held);
@@ -131,6 +134,11 @@ void CCrossFileData::RemoveInfoKey(const CScopeInfoKey& key) {
   // Overwritten with an entry that rests on no scope, not deleted: from here on no change of a
   // scope finds the key as a dependent, while a new record of the key finds its entry in place.
   _fDependentScans.AddToCache(held, false);
+  // But not for ever, or a process that has seen a large tree go by would remember every key of it.
+  if (++_fEmptyDependencies > kMostEmptyDependencies) {
+    _fDependentScans.RemoveIf([](const CScopeInfoKey&, bool is_there) { return !is_there; });
+    _fEmptyDependencies = 0;
+  }
 }
 
 bool CCrossFileData::AddNeedsScanInfoKey(const CScopeInfoKey& key) {

@@ -141,6 +141,7 @@ class CCrossFileData final : public CDestroyable {
 
   // Used for its reverse index alone: from a scope to the keys of the scans that looked at it.
   CScopeDependantCache<CScopeInfoKey, bool> _fDependentScans;
+  size_t _fEmptyDependencies = 0;  // entries made since they were last taken out
 };
 
 }  // namespace pysource::scopeinfo
