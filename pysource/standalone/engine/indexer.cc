@@ -130,8 +130,6 @@ void CIndexer::TakeScanned(const CScanJobResult& scanned) {
   const Loc loc = scanned.job.loc;
   scopeinfo::CInfoCache& cache = _fEngine.Cache();
   ++_fDone;
-  // Written already, unless only some of its scans were run again.
-  cache.WriteToDatabase({loc});
   if (cache.DbgGetCrossFileData().GetToWriteInfoKeyCount(loc) != 0) {
     Refuse(PathOf(loc), _fEngine.Database().LastError());
   } else {

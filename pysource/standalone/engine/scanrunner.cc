@@ -301,14 +301,13 @@ void CScanRunner::AddResults(const CScanJobResult& result, const Wanted& wanted)
     }
     AddWanted(result, stale);
   }
-  if (!wanted.all) {
-    return;
+  if (wanted.all) {
+    ForgetScopesThatAreGone(result);
   }
-  ForgetScopesThatAreGone(result);
   const std::vector<Loc> others = OthersOf(result);
   if (others.empty()) {
-    Write(loc, others);
-  } else if (!_fDb.Together([&] { Write(loc, others); })) {
+    Write(loc, others, wanted.all);
+  } else if (!_fDb.Together([&] { Write(loc, others, wanted.all); })) {
     // The cache believes that all of it is stored.
     AddWanted(result, wanted);
   }
@@ -328,21 +327,24 @@ std::vector<Loc> CScanRunner::OthersOf(const CScanJobResult& result) {
 }
 
 // Written at once, one transaction a file, with what the file says of others, so that none ever
-// claims to be scanned and lacks a record. What is written can be trimmed, so a long run stays small,
-// and a kill loses the file in hand at most.
-void CScanRunner::Write(Loc loc, const std::vector<Loc>& others) {
+// claims to be scanned and lacks a record. What is written can be trimmed, and the cache trims only
+// when nothing waits to be written: so a long run stays small, and a kill loses the file in hand at
+// most.
+void CScanRunner::Write(Loc loc, const std::vector<Loc>& others, bool whole_file) {
   _fCache.WriteToDatabase(others);
   // If the database refused one of them, the file is stored without the claim.
   const bool is_complete = std::none_of(others.begin(), others.end(), [this](Loc other) {
     const auto time = _fCache.GetDiskModTimeUsed(other, false);
     return time && *time > 0 && _fCache.DbgGetCrossFileData().GetToWriteInfoKeyCount(other) != 0;
   });
-  for (const TextView scan_name : {kNamesScan, kAttrsScan}) {
-    if (is_complete) {
-      // Only now: the primary scan is claimed done after its module scope is there.
-      _fCache.ChangeScansDone(loc, scan_name, true);
+  if (whole_file) {
+    for (const TextView scan_name : {kNamesScan, kAttrsScan}) {
+      if (is_complete) {
+        // Only now: the primary scan is claimed done after its module scope is there.
+        _fCache.ChangeScansDone(loc, scan_name, true);
+      }
+      _fCache.FinishedWithScans(loc, kWildcardScope, scan_name);
     }
-    _fCache.FinishedWithScans(loc, kWildcardScope, scan_name);
   }
   _fCache.WriteToDatabase({loc});
 }

@@ -89,7 +89,7 @@ class CScanRunner final : public CDestroyable {
   CScanWorkTimes WorkTimes() const { return _fWorkers.Times(); }
   // Called with each failure, as it happens.
   std::function<void(const Failure&)> fOnFailure;
-  // Called with each result that has been handed over and, if it was of the whole file, written.
+  // Called with each result that has been handed over and written.
   std::function<void(const CScanJobResult&)> fOnScanned;
 
  private:
@@ -121,7 +121,7 @@ class CScanRunner final : public CDestroyable {
   void Fail(uint64_t content, const Failure& failure);
   void AddResults(const CScanJobResult& result, const Wanted& wanted);
   static std::vector<Loc> OthersOf(const CScanJobResult& result);
-  void Write(Loc loc, const std::vector<Loc>& others);
+  void Write(Loc loc, const std::vector<Loc>& others, bool whole_file);
   void AddWanted(const CScanJobResult& result, const Wanted& wanted);
   bool IsClaimedDone(Loc loc) const;
   void TellOtherFiles(const CScanJobResult& result);
