@@ -99,5 +99,58 @@ TEST_F(EngineTest, AStubAddsToWhatItsFileSays) {
   EXPECT_NE(merged.find(":Cmake"), std::string::npos) << merged;
 }
 
+TEST_F(EngineTest, WhatAClosedBufferSaidOfOtherFilesIsForgotten) {
+  const Loc a = Write("a.py", "");
+  const Loc b = Write("b.py", "");
+  EXPECT_EQ(Value(a, "", "x"), "-");
+  fEngine->Buffers().Open(b).SetText("def f():\n    import a\n    a.x = 1\n");
+  fEngine->Scans().RequestFile(b);
+  Settle();
+  EXPECT_NE(Value(a, "", "x"), "-");
+  fEngine->CloseBuffer(b);
+  Settle();
+  EXPECT_EQ(Value(a, "", "x"), "-");
+}
+
+TEST_F(EngineTest, AFileThatLeftMemoryAndThenChangedIsNotToldAsItWas) {
+  const Loc a = Write("a.py", "");
+  const Loc b = Write("b.py", "def f():\n    import a\n    a.x = 1\n");
+  EXPECT_EQ(Value(b, "f", "a"), ":s2;:ia");
+  EXPECT_NE(Value(a, "", "x"), "-");
+  fEngine->Cache().ClearFiles({b}, false);
+  Write("b.py", "");
+  fEngine->Files().CheckWatchedFiles();
+  Settle();
+  EXPECT_EQ(Value(a, "", "x"), "-");
+  EXPECT_EQ(Value(b, "f", "a"), "-");
+}
+
+TEST_F(EngineTest, AClearedFileIsScannedByAllScans) {
+  const Loc loc = Write("a.py", "class C:\n    def m(self):\n        self.x = 1\n");
+  EXPECT_NE(Value(loc, "C", "x", true), "-");
+  fEngine->Cache().ClearFiles({loc}, true);
+  EXPECT_NE(Value(loc, "C", "x", true), "-");
+}
+
+TEST_F(EngineTest, ABufferThatIsBehindItsFileDoesNotKeepScansGoing) {
+  const Loc loc = Write("a.py", "x = 1\n");
+  fEngine->Buffers().Open(loc);
+  Write("a.py", "x = ''\n");
+  fEngine->Scans().RequestFile(loc);
+  int pieces = 0;
+  ASSERT_TRUE(fEngine->RunScans([&] { return ++pieces < 100; }));
+  EXPECT_EQ(Value(loc, "", "x"), ":s1;:lstr");
+}
+
+TEST_F(EngineTest, AScopeThatOnlyTheStubHadCanComeToTheFile) {
+  Write("a.pyi", "def f():\n    y: int\n");
+  const Loc loc = Write("a.py", "");
+  EXPECT_EQ(Value(loc, "f", "x"), "-");
+  Write("a.py", "def f():\n    x = 1\n");
+  fEngine->Files().CheckWatchedFiles();
+  Settle();
+  EXPECT_NE(Value(loc, "f", "x"), "-");
+}
+
 }  // namespace
 }  // namespace pysource::standalone

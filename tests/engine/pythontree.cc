@@ -135,7 +135,10 @@ void CPythonTree::SetText(const std::string& name, const std::optional<Text>& te
   // Imports find what is on disk; a buffer can outlive its file.
   const bool is_on_disk = std::filesystem::exists(_fRoot + "/" + name);
   if (text.has_value() != Exists(name) || is_on_disk != _fOnDisk.contains(name)) {
-    is_on_disk ? _fOnDisk.insert(name).second : _fOnDisk.erase(name) != 0;
+    _fOnDisk.erase(name);
+    if (is_on_disk) {
+      _fOnDisk.insert(name);
+    }
     _fScans.clear();
     _fResolver.Clear();
   }

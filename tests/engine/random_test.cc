@@ -385,7 +385,8 @@ void CWalk::AskAndCompare(const std::string& name, const Text& scope) {
     Require(IsPartOf(*least, seen),
             name + " " + scope + " as told and in the file itself:\n" + Difference(seen, *least));
     const auto most = *fTree.Expected(name, scope, false);
-    Require(IsPartOf(seen, most),
+    // Of a file that is in a buffer alone, records made before it left the disk are still told.
+    Require(!fFiles[name].exists || IsPartOf(seen, most),
             name + " " + scope + " as told and in all files:\n" + Difference(seen, most));
   }
 }
@@ -490,6 +491,10 @@ void CWalk::Step() {
          const bool clear_db = fRandom.OneIn(2);
          const std::vector<Loc> locs = SomeLocs();
          Do("clear " + Repr(clear_db) + " " + Repr(locs));
+         if (clear_db) {
+           // Rows whose deletion succeeds only at a later write are believed in by the cache.
+           CFailingVfs::FailAt(0, SQLITE_OK, false);
+         }
          Cache().ClearFiles(locs, clear_db);
        }},
       {12, [&] { OtherProcess(); }},
@@ -608,7 +613,7 @@ class EngineRandomTest : public testing::TestWithParam<uint64_t> {};
 
 TEST_P(EngineRandomTest, WhatIsToldIsWhatFreshScansSay) {
   const uint64_t seed = fakes::TestSeed(GetParam());
-  const size_t steps = fakes::TestSteps(1000);
+  const size_t steps = fakes::TestSteps(2000);
   Text failure;
   size_t step = 0;
   for (uint64_t world = seed; step < steps && failure.empty(); ++world) {

@@ -34,6 +34,11 @@ CEngine::CEngine(CEngineOptions options)
   _fCache = std::make_unique<scopeinfo::CInfoCache>(&_fAnaMgr, &_fLocCache, options.limits);
   _fAnaMgr.fInfoCache = _fCache.get();
   _fFiles.fOnFileChanged = [this](Loc loc) { FileHasChanged(loc); };
+  _fCache->connect(kScopesModified,
+                   [this](CInfoCacheBase&, const CChangedDict& changed) { TellOfStubs(changed); });
+  _fDb->connect(kExternalDbContentsChanged, [this](CAnalysisDb&, const CLocSet* changed_locs) {
+    DatabaseHasChanged(changed_locs);
+  });
   _fCache->SetScanNames({Text(kNamesScan), Text(kAttrsScan)});
   _fScans = std::make_unique<CScanRunner>(
       *_fCache, *_fDb, _fFiles, _fBuffers, _fResolver,
@@ -131,7 +136,42 @@ void CEngine::FileHasChanged(Loc loc) {
   changed.Set(loc, std::make_shared<TextSet>(is_in_memory ? noted.mapped()
                                                           : TextSet{Text(kWildcardScope)}));
   _fCache->emit(kScopesModified, changed);
-  _fCache->AddDepKeysToNeedsScan(_fCache->DbgGetCrossFileData().GetScannedLocInfoKeys(loc));
+  const auto scanned_from = _fCache->DbgGetCrossFileData().GetScannedLocInfoKeys(loc);
+  if (!scanned_from.empty()) {
+    _fCache->AddDepKeysToNeedsScan(scanned_from);
+  }
+}
+
+void CEngine::DatabaseHasChanged(const CLocSet* changed_locs) {
+  // The cache has told of the files that it has an entry for.
+  CChangedDict changed;
+  for (const Loc loc : _fFiles.Forgotten()) {
+    if (changed_locs == nullptr || changed_locs->contains(loc)) {
+      changed.Set(loc, std::make_shared<TextSet>(TextSet{Text(kWildcardScope)}));
+    }
+  }
+  if (!changed.empty()) {
+    _fCache->emit(kScopesModified, changed);
+  }
+}
+
+void CEngine::TellOfStubs(const CChangedDict& changed) {
+  // A scope that only the stub had is told from the stub alone, and that answer rests on the stub
+  // alone: it would outlive the coming of such a scope in the file itself.
+  if (_fCache->MergedInfoCount() == 0) {
+    return;
+  }
+  CChangedDict of_stubs;
+  for (const auto& [loc, scopes] : changed) {
+    for (const Loc stub : _fFactory.GetSecondaryLocations(loc)) {
+      if (!changed.Contains(stub)) {
+        of_stubs.Set(stub, scopes);
+      }
+    }
+  }
+  if (!of_stubs.empty()) {
+    _fCache->emit(kScopesModified, of_stubs);
+  }
 }
 
 }  // namespace pysource::standalone

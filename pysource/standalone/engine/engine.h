@@ -81,6 +81,10 @@ class CEngine {
   // other files are run again.
   void FileHasChanged(Loc loc);
   void NoteScopesNotInMemory(const CLocMtimeDict& changed);
+  // The same of what others have changed in the database; null for every file.
+  void DatabaseHasChanged(const CLocSet* changed_locs);
+  // Says of the stubs of these files that the same scopes have changed.
+  void TellOfStubs(const CChangedDict& changed);
 
   CLocationCache _fLocCache;
   CFileImportResolver _fResolver;

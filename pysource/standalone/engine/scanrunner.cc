@@ -17,6 +17,9 @@ constexpr int kReaderUrgency = 20;
 constexpr int kDefaultUrgency = 10;
 constexpr int kBulkUrgency = 0;
 
+// The priority of reports about scopes that change as the user types.
+constexpr int kUnderTheHands = 1;
+
 // How often the records of one scan are handed over again because others of it made them stale.
 // Once settles what real code does; a scanner whose records chased each other for ever must not.
 constexpr int kMostRoundsInFile = 4;
@@ -47,7 +50,19 @@ CScanRunner::CScanRunner(scopeinfo::CInfoCache& cache, CSqliteAnalysisDb& db, CF
       kScopesModified, [this](const CInfoCacheBase&, const CChangedDict&) { ++_fWorld; }, *this);
   class_connect_while_alive(
       kScopeLogicalsModified,
-      [this](const CPySourceAnalysis& ana, const TextSet& scopes) { CB_ScopesChanged(ana, scopes); },
+      [this](const CPySourceAnalysis& ana, const TextSet& scopes) {
+        CB_ScopesChanged(ana, scopes);
+      },
+      *this);
+  class_connect_while_alive(
+      kSavePoint,
+      [this](const CSavable& savable, bool not_modified) {
+        if (not_modified) {
+          // The file has a new time from here on. A later change back to the one before would
+          // otherwise look like none.
+          _fFiles.CheckFile(savable.fLocation);
+        }
+      },
       *this);
 }
 
@@ -76,11 +91,13 @@ void CScanRunner::CB_NeedsScanAdded(const CNeedsScanSet& needs_scan, Priority pr
 // The cache marks what the change makes stale, but for a file that it has no entry of: what such a
 // file said of others can be in memory all the same.
 void CScanRunner::CB_ScopesChanged(const CPySourceAnalysis& ana, const TextSet& scopes) {
-  if (!_fCache.DbgGetPerFileDict().Contains(ana.fLocation)) {
-    constexpr int kUnderTheHands = 1;
-    _fCache.AddDepKeysToNeedsScan(
-        _fCache.DbgGetCrossFileData().GetScannedLocInfoKeys(ana.fLocation, &scopes), nullptr,
-        kUnderTheHands);
+  if (_fCache.DbgGetPerFileDict().Contains(ana.fLocation)) {
+    return;
+  }
+  const scopeinfo::CScopeInfoKeySet keys =
+      _fCache.DbgGetCrossFileData().GetScannedLocInfoKeys(ana.fLocation, &scopes);
+  if (!keys.empty()) {
+    _fCache.AddDepKeysToNeedsScan(keys, nullptr, kUnderTheHands);
   }
 }
 
@@ -242,7 +259,8 @@ void CScanRunner::HandOver(const CScanJobResult& result) {
   } else {
     try {
       AddResults(result, wanted);
-      if (_fStates[loc].content != content) {
+      const uint64_t last_content = _fStates[loc].content;
+      if (last_content != 0 && last_content != content) {
         TellOtherFiles(result);
       }
       FileState& state = _fStates[loc];
@@ -331,6 +349,11 @@ std::vector<Loc> CScanRunner::OthersOf(const CScanJobResult& result) {
 // when nothing waits to be written: so a long run stays small, and a kill loses the file in hand at
 // most.
 void CScanRunner::Write(Loc loc, const std::vector<Loc>& others, bool whole_file) {
+  for (const Loc other : others) {
+    if (!IsClaimedDone(other)) {
+      _fStoredBeforeScan.insert(other);
+    }
+  }
   _fCache.WriteToDatabase(others);
   // If the database refused one of them, the file is stored without the claim.
   const bool is_complete = std::none_of(others.begin(), others.end(), [this](Loc other) {
@@ -347,12 +370,22 @@ void CScanRunner::Write(Loc loc, const std::vector<Loc>& others, bool whole_file
     }
   }
   _fCache.WriteToDatabase({loc});
+  // Rows that others had stored for the file when nothing else was: the cache counts a file's scopes
+  // by the records of its own scan, so if it gave such a row up meanwhile it did not read it again,
+  // and takes what it has for all. Now the database has all; the next reader gets it from there.
+  if (whole_file && is_complete && _fStoredBeforeScan.contains(loc) &&
+      _fCache.DbgGetCrossFileData().GetToWriteInfoKeyCount(loc) == 0) {
+    _fStoredBeforeScan.erase(loc);
+    if (_fCache.GetDiskModTimeUsed(loc, false) != scopeinfo::kFileModifiedInMemoryMtime) {
+      _fCache.ClearFiles({loc}, false);
+    }
+  }
 }
 
 // Tells that what this file says of others has changed. The cache does so for records that differ
 // from those it knows; but a record that an earlier content of the file had withdrawn is withdrawn
-// in memory alone. When the old content comes back (a buffer is closed unsaved, a file restored) its
-// row counts again, and the record is found unchanged, though no merged record has it.
+// in memory alone. When the old content comes back (a buffer is closed unsaved, a file restored)
+// its row counts again, and the record is found unchanged, though no merged record has it.
 void CScanRunner::TellOtherFiles(const CScanJobResult& result) {
   CChangedDict changed;
   for (const CScanResult& scan : result.scan.results) {

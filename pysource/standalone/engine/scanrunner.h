@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -138,6 +139,8 @@ class CScanRunner final : public CDestroyable {
   // What is to be run and not in hand yet.
   std::unordered_map<Loc, Wanted> _fWanted;
   size_t _fInHand = 0;
+  // Files for which others had something stored before they were scanned.
+  std::unordered_set<Loc> _fStoredBeforeScan;
   // Grows whenever something changes that could make a repeated scan worth while.
   uint64_t _fWorld = 1;
   Counts _fCounts;

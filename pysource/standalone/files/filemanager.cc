@@ -52,13 +52,19 @@ std::vector<DiskTime> CFileManager::GetLastModTimes(const std::vector<Loc>& loc_
   return times;
 }
 
-void CFileManager::CheckWatchedFiles() {
+std::vector<Loc> CFileManager::Forgotten() const {
   std::vector<Loc> locs;
-  locs.reserve(_fLastTold.size() + _fForgotten.size());
-  for (const auto* const files : {&_fLastTold, &_fForgotten}) {
-    for (const auto& [loc, told] : *files) {
-      locs.push_back(loc);
-    }
+  locs.reserve(_fForgotten.size());
+  for (const auto& [loc, told] : _fForgotten) {
+    locs.push_back(loc);
+  }
+  return locs;
+}
+
+void CFileManager::CheckWatchedFiles() {
+  std::vector<Loc> locs = Forgotten();
+  for (const auto& [loc, told] : _fLastTold) {
+    locs.push_back(loc);
   }
   Check(locs);
 }

@@ -41,6 +41,8 @@ class CFileManager final : public CSavableManager {
   void CheckWatchedFiles();
   void CheckFile(Loc loc);
 
+  // The files that are watched no more and have not changed since.
+  std::vector<Loc> Forgotten() const;
   // Called with each file that is found to have changed, watched or remembered.
   std::function<void(Loc)> fOnFileChanged;
 
