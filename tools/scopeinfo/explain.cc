@@ -21,9 +21,9 @@ using nlohmann::ordered_json;
 std::string FileOf(Loc loc) { return loc ? PathForLocation(loc).value_or(loc->fUrl) : ""; }
 
 std::string ScopeWord(TextView scope) {
-  return scope == kModuleScopeName   ? "the module"
+  return scope == kModuleScopeName ? "the module"
          : scope == kWildcardScope ? "all scopes"
-                                     : Printable(scope);
+                                   : Printable(scope);
 }
 
 // A disk time in words, to the last digit that tells two of them apart.
@@ -126,7 +126,8 @@ std::string CExplanation::WhyWanted(Loc loc, TextView scan) {
   }
   const auto* const entry = _fEngine.Cache().DbgGetPerFileDict().Find(loc);
   if (entry != nullptr && (*entry)->fScansDone.empty()) {
-    return fmt::format("no scan of the file, {}, is in the database", TimeWord((*entry)->disk_mtime));
+    return fmt::format("no scan of the file, {}, is in the database",
+                       TimeWord((*entry)->disk_mtime));
   }
   return "the scan was not done for this file";
 }
@@ -136,10 +137,10 @@ std::string CExplanation::ToText() const {
   const auto add = [&text](const char* heading, const std::vector<CRecord>& records) {
     text += fmt::format("\n  {}: {}\n", heading, Counted(records.size(), "record"));
     for (const CRecord& record : records) {
-      text += fmt::format("    {} of {} in {}, {}{}\n", record.scan,
-                          ScopeWord(record.scanned_scope), Printable(FileOf(record.scanned_file)),
-                          record.standing,
-                          record.stale.empty() ? "" : "; stale: " + Printable(record.stale));
+      text +=
+          fmt::format("    {} of {} in {}, {}{}\n", record.scan, ScopeWord(record.scanned_scope),
+                      Printable(FileOf(record.scanned_file)), record.standing,
+                      record.stale.empty() ? "" : "; stale: " + Printable(record.stale));
     }
   };
   const auto add_calls = [&](size_t from, size_t to) {

@@ -58,10 +58,8 @@ Loc CSession::OpenFile(const std::string& path) {
 }
 
 void CSession::ThrowIfNotScanned(Loc loc) const {
-  const auto failure =
-      std::find_if(_fFailures.begin(), _fFailures.end(), [loc](const auto& each) {
-        return each.loc == loc;
-      });
+  const auto failure = std::find_if(_fFailures.begin(), _fFailures.end(),
+                                    [loc](const auto& each) { return each.loc == loc; });
   if (failure != _fFailures.end()) {
     throw CValueError(NoteLine(PathForLocation(loc).value_or(loc->fUrl), failure->message));
   }

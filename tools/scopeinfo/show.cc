@@ -105,10 +105,10 @@ std::vector<CMergedScan> ScansOf(const CScopeInfo& info) {
   const auto add = [&](const CScopeInfoKey& key) {
     // The key of the answer itself says no longer which scan it began with: the primary one, of the
     // scope itself.
-    scans.push_back(key.scan_name()
-                        ? CMergedScan{Text(*key.scan_name()), key.scanned_loc(),
-                                      Text(key.scanned_scope().value_or(""))}
-                        : CMergedScan{Text(standalone::kNamesScan), info.loc, Text(info.for_scope)});
+    scans.push_back(key.scan_name() ? CMergedScan{Text(*key.scan_name()), key.scanned_loc(),
+                                                  Text(key.scanned_scope().value_or(""))}
+                                    : CMergedScan{Text(standalone::kNamesScan), info.loc,
+                                                  Text(info.for_scope)});
   };
   if (info.merged_keys->begin() == info.merged_keys->end()) {
     add(info.key);

@@ -1,5 +1,5 @@
-// scopeinfo stats: what the database holds, and what room it takes; of named files also what a cache
-// holds that was asked for all their scopes.
+// scopeinfo stats: what the database holds, and what room it takes; of named files also what a
+// cache holds that was asked for all their scopes.
 #include <fmt/format.h>
 
 #include <optional>
@@ -80,10 +80,9 @@ std::string ToTable(const std::string& path, const standalone::CSqliteDbStats& s
                    ByteSize(stats.name_bytes), ByteSize(stats.scopes_seen_bytes)));
   line("database", fmt::format("{}, of these {} free; {:.2f} bytes a byte of record",
                                ByteSize(stats.database_bytes), ByteSize(stats.free_bytes),
-                               stats.data_bytes == 0
-                                   ? 0.0
-                                   : static_cast<double>(stats.database_bytes) /
-                                         static_cast<double>(stats.data_bytes)));
+                               stats.data_bytes == 0 ? 0.0
+                                                     : static_cast<double>(stats.database_bytes) /
+                                                           static_cast<double>(stats.data_bytes)));
   return text;
 }
 
@@ -114,15 +113,15 @@ std::string ToTable(const standalone::CCacheStats& stats) {
   };
   line("files", Grouped(stats.files));
   line("scopes", fmt::format("{} in memory", Grouped(stats.used_scopes)));
-  line("keys", fmt::format("{} known, {} in the database, {} to be written, {} that could not be "
-                           "written, {} to be scanned again",
-                           Grouped(stats.known), Grouped(stats.in_database),
-                           Grouped(stats.to_write), Grouped(stats.could_not_write),
-                           Grouped(stats.needs_scan)));
-  line("merged", fmt::format("{} records; {} of {} reads answered by one, {:.1f} %",
-                             Grouped(stats.merged_records), Grouped(stats.merged_hits),
-                             Grouped(stats.merged_hits + stats.merged_misses),
-                             100 * stats.MergedHitRate()));
+  line("keys",
+       fmt::format("{} known, {} in the database, {} to be written, {} that could not be "
+                   "written, {} to be scanned again",
+                   Grouped(stats.known), Grouped(stats.in_database), Grouped(stats.to_write),
+                   Grouped(stats.could_not_write), Grouped(stats.needs_scan)));
+  line("merged",
+       fmt::format("{} records; {} of {} reads answered by one, {:.1f} %",
+                   Grouped(stats.merged_records), Grouped(stats.merged_hits),
+                   Grouped(stats.merged_hits + stats.merged_misses), 100 * stats.MergedHitRate()));
   line("decoded", Counted(stats.live_records, "record"));
   line("memory", fmt::format("{} of the process", ByteSize(stats.resident_bytes)));
   return text;

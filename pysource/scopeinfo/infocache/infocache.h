@@ -178,6 +178,8 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
   void CheckInvariants() const;
   const CInsertionOrderedDict<Loc, CPerFilePtr>& DbgGetPerFileDict() const { return _fPerFileDict; }
   CCrossFileData& DbgGetCrossFileData() { return _fCrossFileData; }
+  // Whether a merged record is held that rests on a scope of the file.
+  bool HasMergedInfoOf(Loc loc) const;
   // Sizes, for reports.
   size_t UsedScopeCount() const { return _fUsedScopesDict.size(); }
   size_t MergedInfoCount() const { return _fMergedInfoCache.Size(); }

@@ -1,7 +1,5 @@
 // Questions across files: memory answers for the files that have an entry, the database for the
 // rest.
-#include <algorithm>
-
 #include "pysource/host/strutils.h"
 #include "pysource/host/symbolinfo.h"
 #include "pysource/scopeinfo/infocache/infocache.h"
@@ -122,6 +120,10 @@ std::optional<DiskTime> CInfoCache::GetDiskModTimeUsed(Loc loc, bool read_if_nee
     return per_file->disk_mtime;
   }
   return read_if_needed ? std::optional<DiskTime>(GetDiskMTime(loc)) : std::nullopt;
+}
+
+bool CInfoCache::HasMergedInfoOf(Loc loc) const {
+  return !_fMergedInfoCache.GetDependentKeys(loc, {Text(kWildcardScope)}).empty();
 }
 
 }  // namespace pysource::scopeinfo

@@ -16,21 +16,17 @@ constexpr unsigned kWaitMs = 100;
 
 CEngine::CEngine(CEngineOptions options)
     : _fResolver(_fLocCache, options.import_roots), _fFactory(_fLocCache) {
-  _fDb = std::make_unique<CSqliteAnalysisDb>(
-      CSqliteDbOptions{.path = options.db_path,
-                       .workspace_root = options.workspace_root,
-                       .lock_wait_ms = options.lock_wait_ms},
-      _fLocCache);
+  _fDb =
+      std::make_unique<CSqliteAnalysisDb>(CSqliteDbOptions{.path = options.db_path,
+                                                           .workspace_root = options.workspace_root,
+                                                           .lock_wait_ms = options.lock_wait_ms},
+                                          _fLocCache);
   _fAnaMgr.fAnalysisDb = _fDb.get();
   _fAnaMgr.fAnalysisFactory = &_fFactory;
   _fSingletons.fSavableMgr = &_fFiles;
   _fSingletons.fCacheMgr = &_fBuffers;
   _fSingletons.fAnalysisMgr = &_fAnaMgr;
   _fOldSingletons = singleton::SetSingletons(&_fSingletons);
-  // Heard before the cache hears it, and forgets what it knows of the file's scopes.
-  _fFiles.connect(kExternalFilesChanged, [this](CSavableManager&, const CLocMtimeDict& changed) {
-    NoteScopesNotInMemory(changed);
-  });
   _fCache = std::make_unique<scopeinfo::CInfoCache>(&_fAnaMgr, &_fLocCache, options.limits);
   _fAnaMgr.fInfoCache = _fCache.get();
   _fFiles.fOnFileChanged = [this](Loc loc) { FileHasChanged(loc); };
@@ -110,31 +106,19 @@ void CEngine::CloseBuffer(Loc loc) {
   }
 }
 
-void CEngine::NoteScopesNotInMemory(const CLocMtimeDict& changed) {
-  for (const auto& [loc, unused] : changed) {
-    const scopeinfo::CPerFilePtr* const entry = _fCache->DbgGetPerFileDict().Find(loc);
-    if (entry != nullptr && !(*entry)->db_scope_names_not_loaded.empty()) {
-      _fNotInMemory[loc] = (*entry)->db_scope_names_not_loaded;
-    }
-  }
-}
-
 void CEngine::FileHasChanged(Loc loc) {
-  const auto noted = _fNotInMemory.extract(loc);
   if (_fCache->GetDiskMTime(loc) == scopeinfo::kFileModifiedInMemoryMtime) {
     // An edited buffer hides the disk.
     return;
   }
   // What is in memory of the file the cache has marked itself. But merged records, and records for
-  // other files that were scanned from this one, can outlive it: they stay when the file, or a scope
-  // of it, leaves memory.
-  const bool is_in_memory = _fCache->DbgGetPerFileDict().Contains(loc);
-  if (is_in_memory && noted.empty()) {
+  // other files that were scanned from this one, can outlive it: they stay when the file, or a
+  // scope of it, leaves memory. Where nothing was merged, that is news for nobody.
+  if (_fCache->DbgGetPerFileDict().Contains(loc) && !_fCache->HasMergedInfoOf(loc)) {
     return;
   }
   CChangedDict changed;
-  changed.Set(loc, std::make_shared<TextSet>(is_in_memory ? noted.mapped()
-                                                          : TextSet{Text(kWildcardScope)}));
+  changed.Set(loc, std::make_shared<TextSet>(TextSet{Text(kWildcardScope)}));
   _fCache->emit(kScopesModified, changed);
   const auto scanned_from = _fCache->DbgGetCrossFileData().GetScannedLocInfoKeys(loc);
   if (!scanned_from.empty()) {

@@ -6,7 +6,6 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -27,7 +26,7 @@ struct CEngineOptions {
   std::string db_path;
   std::string workspace_root;  // files below it are stored relative to it; empty for none
   std::vector<std::string> import_roots;  // folders where absolute imports are looked for
-  size_t threads = 1;     // that scan; 0 to scan on the main thread
+  size_t threads = 1;                     // that scan; 0 to scan on the main thread
   int lock_wait_ms = 50;  // the longest that one database operation waits for other processes
   // Called from worker threads when results wait; may be empty for a host that calls RunScans.
   std::function<void()> notify = nullptr;
@@ -80,7 +79,6 @@ class CEngine {
   // What was made of the file is of a content that is gone: readers hear of it, and its scans for
   // other files are run again.
   void FileHasChanged(Loc loc);
-  void NoteScopesNotInMemory(const CLocMtimeDict& changed);
   // The same of what others have changed in the database; null for every file.
   void DatabaseHasChanged(const CLocSet* changed_locs);
   // Says of the stubs of these files that the same scopes have changed.
@@ -94,8 +92,6 @@ class CEngine {
   CAnalysisManager _fAnaMgr;
   CSingletons _fSingletons;
   CSingletons* _fOldSingletons = nullptr;
-  // Of files that are found to have changed: their scopes that were in the database alone.
-  std::unordered_map<Loc, TextSet> _fNotInMemory;
   std::unique_ptr<CSqliteAnalysisDb> _fDb;
   std::unique_ptr<scopeinfo::CInfoCache> _fCache;
   std::unique_ptr<CScanRunner> _fScans;

@@ -42,7 +42,8 @@ class CPlanner {
     }
     for (const auto& [loc, unused] : _fStored) {
       const auto path = PathForLocation(loc);
-      if (path && !_fFoundLocs.contains(loc) && IsBelow(*path, _fFound.paths) && TimeOf(loc) == kGone) {
+      if (path && !_fFoundLocs.contains(loc) && IsBelow(*path, _fFound.paths) &&
+          TimeOf(loc) == kGone) {
         ++_fPlan.removed;
         _fChanged.insert(loc);
         _fPlan.to_clear.push_back(loc);
@@ -102,11 +103,10 @@ class CPlanner {
 
   void FollowTies() {
     for (const auto& [loc, sources] : _fSources) {
-      const bool is_misinformed =
-          _fMisinformed.contains(loc) ||
-          std::any_of(sources.begin(), sources.end(), [this](Loc source) {
-            return _fChanged.contains(source) || TimeOf(source) == kGone;
-          });
+      const bool is_misinformed = _fMisinformed.contains(loc) ||
+                                  std::any_of(sources.begin(), sources.end(), [this](Loc source) {
+                                    return _fChanged.contains(source) || TimeOf(source) == kGone;
+                                  });
       if (is_misinformed) {
         // Also of a file that is scanned anyway: if it is there at its old time, after a run that
         // was cut short, saving it keeps the rows of others.
@@ -140,9 +140,9 @@ class CPlanner {
   CLocSet _fFoundLocs;
   std::unordered_map<Loc, DiskTime> _fTimes;  // on the disk now
   std::unordered_map<Loc, CStoredFile> _fStored;
-  CLocSet _fChanged;                          // new, changed or removed
+  CLocSet _fChanged;                           // new, changed or removed
   std::unordered_map<Loc, CLocSet> _fSources;  // B to the files A that have rows in it
-  CLocSet _fMisinformed;                      // B with such a row that is no longer true
+  CLocSet _fMisinformed;                       // B with such a row that is no longer true
   CLocSet _fAgain;
 };
 

@@ -370,9 +370,10 @@ void CScanRunner::Write(Loc loc, const std::vector<Loc>& others, bool whole_file
     }
   }
   _fCache.WriteToDatabase({loc});
-  // Rows that others had stored for the file when nothing else was: the cache counts a file's scopes
-  // by the records of its own scan, so if it gave such a row up meanwhile it did not read it again,
-  // and takes what it has for all. Now the database has all; the next reader gets it from there.
+  // Rows that others had stored for the file when nothing else was: the cache counts a file's
+  // scopes by the records of its own scan, so if it gave such a row up meanwhile it did not read it
+  // again, and takes what it has for all. Now the database has all; the next reader gets it from
+  // there.
   if (whole_file && is_complete && _fStoredBeforeScan.contains(loc) &&
       _fCache.DbgGetCrossFileData().GetToWriteInfoKeyCount(loc) == 0) {
     _fStoredBeforeScan.erase(loc);

@@ -57,8 +57,8 @@ struct CScanWorkTimes {
 // That is for hosts that must not start threads, and for tests that must go the same way each time.
 class CScanWorkers {
  public:
-  // At most `threads` threads, begun as jobs come. `resolver` must outlive this. `notify` is called from a worker thread when a result is ready;
-  // it must only wake the receiver.
+  // At most `threads` threads, begun as jobs come. `resolver` must outlive this. `notify` is called
+  // from a worker thread when a result is ready; it must only wake the receiver.
   CScanWorkers(size_t threads, const CImportResolver& resolver, std::function<void()> notify);
   // Drops the jobs that wait and waits for those in hand.
   ~CScanWorkers();

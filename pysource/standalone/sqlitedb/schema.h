@@ -4,8 +4,9 @@
 //   scans     id, name                                   scan names, as small numbers
 //   records   id, scope, scan, scanned_file, scanned_scope, seen, classes, imports, data
 //   changes   seq, file                                  which file each save or clear was of
-//   lost      source, target                             what a file has said of another, and is gone
-//   ties      an index of the records that hang together with other files than their own: made from
+//   lost      source, target                             what a file has said of another, and is
+//   gone ties      an index of the records that hang together with other files than their own: made
+//   from
 //             another one, or resting on one. They are few, and an index run asks for all of them.
 //
 // A file's id is its number in scopes-seen bytes and in scanned_file, so a row of `files` is never
@@ -34,11 +35,11 @@
 //   scan            NULL: absent
 //
 // `lost` is what makes up for a race that no order of saves avoids. The rows of a target go when it
-// is saved at another time or cleared, and with them what was scanned from other files, its sources.
-// Whoever does it scans the sources again; but another process may have added one meanwhile, which
-// claims to be scanned, and nothing else would say that a row of it is missing. So the pair is noted
-// in the transaction that drops the row, and goes when the source claims to be scanned anew, or says
-// something of the target again.
+// is saved at another time or cleared, and with them what was scanned from other files, its
+// sources. Whoever does it scans the sources again; but another process may have added one
+// meanwhile, which claims to be scanned, and nothing else would say that a row of it is missing. So
+// the pair is noted in the transaction that drops the row, and goes when the source claims to be
+// scanned anew, or says something of the target again.
 //
 // `changes` is a log. A process that looks for changes reads what came since it last looked; the
 // log keeps the last kChangesKept, and who looks too late is told that everything changed.
