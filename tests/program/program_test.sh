@@ -109,6 +109,14 @@ says err 'did you mean Store.load?'
 run 1 show nowhere.py
 says err nowhere.py
 
+# ---- Where names are defined.
+run 0 show notebook/store.py Store.load --resolve Note
+says out 'model.py:' 'class Note' 'imported in' 'from .model'
+run 0 show notebook/store.py --resolve Note --json
+json 'j["definitions"][0]["kind"] == "class" and j["definitions"][0]["path"]'
+run 1 show notebook/store.py --resolve NoSuchName
+says err 'NoSuchName is not bound in'
+
 # ---- The other queries.
 run 0 scopes notebook/model.py
 says out '│  └─ parse(cls,text)' '   ├─ Empty(Exception)' 'module'

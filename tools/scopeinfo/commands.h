@@ -3,9 +3,11 @@
 #pragma once
 
 #include <cstddef>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
+#include "pysource/standalone/engine/nameresolver.h"
 #include "tools/scopeinfo/database.h"
 
 namespace pysource::tools {
@@ -24,6 +26,8 @@ struct COptions {
   size_t jobs = 1;
   bool json = false;
   bool verbose = false;
+  std::string resolve;               // a name; empty: none
+  std::vector<std::string> answers;  // of watch: FILE:SCOPE:NAME each
   bool merged = false;
   bool explain = false;
   bool debug_dump = false;
@@ -31,11 +35,15 @@ struct COptions {
 
 int RunIndex(const COptions& options);
 int RunShow(const COptions& options);
+int RunResolve(const COptions& options);
 int RunScopes(const COptions& options);
 int RunClasses(const COptions& options);
 int RunImports(const COptions& options);
 int RunStats(const COptions& options);
 int RunVerify(const COptions& options);
 int RunWatch(const COptions& options);
+
+// An answer of the name resolver, as every command writes it.
+nlohmann::ordered_json ResolutionToJson(const standalone::CResolution& resolution);
 
 }  // namespace pysource::tools

@@ -28,6 +28,7 @@ constexpr const char* kFooter = R"(Examples:
   scopeinfo show ~/project/app.py         what the module defines
   scopeinfo show app.py Window.close      what one of its scopes defines
   scopeinfo show app.py Window --json     the same, for programs
+  scopeinfo show app.py Window.close --resolve self.title    where that is defined
   scopeinfo classes ~/project             all classes of a tree
   scopeinfo verify                        is every row of the database sound?
   scopeinfo verify ~/project              and is it as a fresh scan would make it?
@@ -48,6 +49,8 @@ constexpr const char* kWatchFooter = R"(Events, one a line, with their fields in
                     priority (1 an open file, 2 a file on the disk, null what rests on others)
   scan-failed       a file could not be read or decoded: file, message
   file-removed      a file is gone, from the database too: file
+  answer            a name of --resolve is defined there: file, scope, name, definitions, lost
+  answer-purged     a scope that the answer was read from has changed: file, scope, name
   database-changed  another process has stored something: files (null for any)
   statistics        numbers of the cache and its memory, when SIGUSR1 asks for them
 
@@ -120,6 +123,13 @@ int Run(int argc, char** argv) {
   AddPaths(*command, options);
   AddJobs(*command, options);
   command->add_flag("--json", options.json, "Each event as an object of JSON, one a line");
+  command
+      ->add_option(
+          "--resolve", options.answers,
+          "Say where NAME of SCOPE (may be empty) is defined, and again when that changes; "
+          "can be repeated")
+      ->type_name("FILE:SCOPE:NAME")
+      ->expected(1);
   command->footer(kWatchFooter);
 
   command = add("show", "Show what a scope defines, merged from all its scans", RunShow);
@@ -127,6 +137,11 @@ int Run(int argc, char** argv) {
   command->add_option("SCOPE", options.scope, "Class.method, for example; left out: the module")
       ->type_name("");
   AddJson(*command, options);
+  command
+      ->add_option("--resolve", options.resolve,
+                   "Follow NAME (dotted: self.x, module.Class) through imports, base classes and "
+                   "instances to where it is defined, across files")
+      ->type_name("NAME");
   command->add_flag("--explain", options.explain,
                     "Tell which records were merged and from which scans, what was stale and why, "
                     "and what was read from the database");

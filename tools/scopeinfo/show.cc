@@ -243,6 +243,9 @@ std::string ToTable(const CScopeInfo& info) {
 }  // namespace
 
 int RunShow(const COptions& options) {
+  if (!options.resolve.empty()) {
+    return RunResolve(options);
+  }
   CSession session(options);
   standalone::CEngine& engine = session.Engine();
   const Loc loc = session.OpenFile(options.file);

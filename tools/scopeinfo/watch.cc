@@ -7,14 +7,17 @@
 #include <csignal>
 #include <exception>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "pysource/host/errors.h"
 #include "pysource/host/symbolinfo.h"
 #include "pysource/standalone/engine/cachestats.h"
 #include "pysource/standalone/engine/liveindex.h"
+#include "pysource/standalone/engine/nameresolver.h"
 #include "tools/scopeinfo/commands.h"
 #include "tools/scopeinfo/output.h"
 
@@ -138,6 +141,66 @@ class CEvents {
   std::exception_ptr _fError;
 };
 
+// Derived answers that are kept up to date: made anew when the index is ready, and told when one of
+// the scopes that they were read from changes.
+class CAnswers {
+ public:
+  CAnswers(standalone::CEngine& engine, const std::vector<std::string>& questions, CEvents& events)
+      : _fEvents(events), _fResolver(engine) {
+    for (const std::string& question : questions) {
+      const size_t name = question.rfind(':');
+      const size_t scope = name == std::string::npos || name == 0 ? std::string::npos
+                                                                  : question.rfind(':', name - 1);
+      if (scope == std::string::npos || name + 1 == question.size()) {
+        throw CValueError("\"" + question + "\" is not of the form FILE:SCOPE:NAME");
+      }
+      _fQuestions.push_back({engine.Locations().GetLocationForPath(question.substr(0, scope)),
+                             question.substr(scope + 1, name - scope - 1),
+                             question.substr(name + 1)});
+    }
+    _fHeld.resize(_fQuestions.size());
+  }
+
+  void MakeAnew() {
+    for (size_t i = 0; i < _fQuestions.size(); ++i) {
+      if (!_fResolver.Holds(_fQuestions[i])) {
+        const auto answer = _fResolver.Resolve(_fQuestions[i]);
+        _fHeld[i] = _fResolver.Holds(_fQuestions[i]);
+        std::string text;
+        for (const auto& found : answer->definitions) {
+          text += fmt::format(" {}:{}", Printable(PathOf(found.loc)), found.line.value_or(0));
+        }
+        Say("answer", i, text.empty() ? " nothing" : text, ResolutionToJson(*answer));
+      }
+    }
+  }
+  // To be called after scopes have changed.
+  void SayPurged() {
+    for (size_t i = 0; i < _fQuestions.size(); ++i) {
+      if (_fHeld[i] && !_fResolver.Holds(_fQuestions[i])) {
+        _fHeld[i] = false;
+        Say("answer-purged", i, "", Json::object());
+      }
+    }
+  }
+
+ private:
+  void Say(std::string_view event, size_t question, const std::string& text, const Json& json) {
+    const auto& [loc, scope, name] = _fQuestions[question];
+    Json object{{"file", PathOf(loc)}, {"scope", scope}, {"name", name}};
+    object.update(json);
+    _fEvents.Say(event,
+                 fmt::format("{}: {} in {}:{}", Printable(PathOf(loc)), Printable(name),
+                             ScopeWord(scope), text),
+                 object);
+  }
+
+  CEvents& _fEvents;
+  standalone::CNameResolver _fResolver;
+  std::vector<standalone::CNameQuestion> _fQuestions;
+  std::vector<bool> _fHeld;
+};
+
 // A Unix signal as a callback of the loop.
 class CSignalSource {
  public:
@@ -187,11 +250,15 @@ standalone::CEngineOptions EngineOptions(const COptions& options) {
           .lock_wait_ms = kWatchLockWaitMs};
 }
 
-standalone::CLiveIndexOptions LiveOptions(const COptions& options, CEvents& events) {
+standalone::CLiveIndexOptions LiveOptions(const COptions& options, CEvents& events,
+                                          std::optional<CAnswers>& answers) {
   return {
       .paths = options.paths,
       .on_ready =
-          [&events](size_t scanned, size_t files) {
+          [&events, &answers](size_t scanned, size_t files) {
+            if (answers) {
+              answers->MakeAnew();
+            }
             events.Say("ready", fmt::format("{} scanned, {}", scanned, Counted(files, "file")),
                        {{"scanned", scanned}, {"files", files}});
           },
@@ -221,11 +288,19 @@ int RunWatch(const COptions& options) {
   });
   const CSignalSource terminate(loop, SIGTERM, [&] { loop.Quit(); });
 
-  standalone::CLiveIndex live(loop, EngineOptions(options), LiveOptions(options, events));
+  std::optional<CAnswers> answers;
+  standalone::CLiveIndex live(loop, EngineOptions(options), LiveOptions(options, events, answers));
   Complain(live.Engine().Database().Message());
   scopeinfo::CInfoCache& cache = live.Engine().Cache();
-  cache.connect(kScopesModified, [&events](CInfoCacheBase&, const CChangedDict& changed) {
+  if (!options.answers.empty()) {
+    answers.emplace(live.Engine(), options.answers, events);
+  }
+  // After the resolver's own handler, which purges.
+  cache.connect(kScopesModified, [&](CInfoCacheBase&, const CChangedDict& changed) {
     events.SayModified(changed);
+    if (answers) {
+      answers->SayPurged();
+    }
   });
   cache.connect(kNeedsScanAdded,
                 [&events](CInfoCacheBase&, const CNeedsScanSet& needs_scan, Priority priority) {
@@ -241,6 +316,7 @@ int RunWatch(const COptions& options) {
     ComplainOf(refused);
     code = kExitFailed;
   }
+  answers.reset();  // before the engine that it asks
   events.ThrowIfFailed();
   return code;
 }
