@@ -1,0 +1,236 @@
+// The operations that the cache and its reader live on, one by one.
+//
+//   Encode            a record to bytes
+//   Decode            bytes to a record
+//   AskHot, AskZipf   a scope whose merged record is in memory, of 20,000
+//   Merge             a scope whose records are in memory as bytes
+//   FirstRead         all scopes of a file that is in the database only
+//   Add               a file's records, as a scan gives them
+//   Write             a file's records to the database
+//   Trim              from 20,000 scopes and some more to three quarters
+//   Refill            all that was trimmed, from the database again
+#include <benchmark/benchmark.h>
+
+#include <optional>
+
+#include "bench/support/corpus.h"
+#include "bench/support/world.h"
+#include "pysource/host/symbolinfo.h"
+#include "pysource/scopeinfo/serialized/scopeinfoserializer.h"
+
+namespace pysource::bench {
+namespace {
+
+// Made at the first use; shared, since scanning takes longer than most that is measured.
+struct CInput {
+  CBenchWorld world;
+  CCorpus corpus = ScanCorpus(world, CorpusRoot());
+  std::string db_path = world.fFolder.PathOf("all.db");  // with all of it stored
+  std::vector<CRequest> requests = AllScopes(corpus);
+
+  CInput() {
+    EncodeAll(corpus);
+    world.Open(db_path);
+    AddCorpus(world.Cache(), corpus);
+    world.Cache().WriteToDatabase();
+  }
+  void AskAll() {
+    for (const CRequest& request : requests) {
+      benchmark::DoNotOptimize(world.Cache().GetScopeInfo(request.loc, request.scope));
+    }
+  }
+};
+
+CInput& Input() {
+  static CInput input;
+  return input;
+}
+
+void CountItems(benchmark::State& state, size_t items) {
+  state.SetItemsProcessed(static_cast<int64_t>(items) * static_cast<int64_t>(state.iterations()));
+}
+
+void Encode(benchmark::State& state) {
+  const auto records = Input().corpus.Records();
+  scopeinfo::CScopeInfoSerializer serializer;
+  for (auto unused : state) {
+    for (const scopeinfo::CScopeInfoPtr& record : records) {
+      benchmark::DoNotOptimize(serializer.WriteScopeInfo(*record));
+    }
+  }
+  CountItems(state, records.size());
+}
+BENCHMARK(Encode)->Unit(benchmark::kMillisecond);
+
+void Decode(benchmark::State& state) {
+  const auto records = Input().corpus.Records();
+  scopeinfo::CScopeInfoSerializer serializer;
+  for (auto unused : state) {
+    for (const scopeinfo::CScopeInfoPtr& record : records) {
+      benchmark::DoNotOptimize(serializer.ReadScopeInfo(record->key, record->disk_mtime, false,
+                                                        *record->_serialized_data));
+    }
+  }
+  CountItems(state, records.size());
+}
+BENCHMARK(Decode)->Unit(benchmark::kMillisecond);
+
+void Ask(benchmark::State& state, const std::vector<size_t>& draws) {
+  CInput& input = Input();
+  input.world.Open(input.db_path);
+  input.AskAll();
+  for (auto unused : state) {
+    for (const size_t draw : draws) {
+      const CRequest& request = input.requests[draw];
+      benchmark::DoNotOptimize(input.world.Cache().GetScopeInfo(request.loc, request.scope));
+    }
+  }
+  CountItems(state, draws.size());
+}
+void AskHot(benchmark::State& state) { Ask(state, HotDraws(Input().requests.size(), 65536)); }
+BENCHMARK(AskHot)->Unit(benchmark::kMillisecond);
+void AskZipf(benchmark::State& state) { Ask(state, ZipfDraws(Input().requests.size(), 65536)); }
+BENCHMARK(AskZipf)->Unit(benchmark::kMillisecond);
+
+// Of files that are read whole when their module is asked for.
+void Merge(benchmark::State& state) {
+  CInput& input = Input();
+  size_t merged = 0;
+  for (auto unused : state) {
+    state.PauseTiming();
+    input.world.Open(input.db_path);
+    std::vector<CRequest> to_merge;
+    for (const CCorpusFile& file : input.corpus.files) {
+      if (file.scope_names.size() < 50) {
+        (void)input.world.Cache().GetScopeInfo(file.loc, kModuleScopeName);
+        for (size_t i = 1; i < file.scope_names.size(); ++i) {
+          to_merge.push_back({file.loc, file.scope_names[i]});
+        }
+      }
+    }
+    state.ResumeTiming();
+    for (const CRequest& request : to_merge) {
+      benchmark::DoNotOptimize(input.world.Cache().GetScopeInfo(request.loc, request.scope));
+    }
+    merged = to_merge.size();
+  }
+  CountItems(state, merged);
+}
+BENCHMARK(Merge)->Unit(benchmark::kMillisecond);
+
+void FirstRead(benchmark::State& state) {
+  CInput& input = Input();
+  for (auto unused : state) {
+    state.PauseTiming();
+    input.world.Open(input.db_path);
+    state.ResumeTiming();
+    input.AskAll();
+  }
+  CountItems(state, input.requests.size());
+}
+BENCHMARK(FirstRead)->Unit(benchmark::kMillisecond);
+
+void Add(benchmark::State& state) {
+  CInput& input = Input();
+  for (auto unused : state) {
+    state.PauseTiming();
+    input.world.Open(input.world.fFolder.NewPath());
+    state.ResumeTiming();
+    AddCorpus(input.world.Cache(), input.corpus);
+  }
+  CountItems(state, input.corpus.Records().size());
+}
+BENCHMARK(Add)->Unit(benchmark::kMillisecond);
+
+void Write(benchmark::State& state) {
+  CInput& input = Input();
+  for (auto unused : state) {
+    state.PauseTiming();
+    input.world.Open(input.world.fFolder.NewPath());
+    AddCorpus(input.world.Cache(), input.corpus);
+    state.ResumeTiming();
+    input.world.Cache().WriteToDatabase();
+  }
+  CountItems(state, input.corpus.Records().size());
+}
+BENCHMARK(Write)->Unit(benchmark::kMillisecond);
+
+// A second set of files takes the number of scopes in memory over the limit; the idle call trims.
+struct COverfull {
+  CInput& input = Input();
+  CCorpus more;
+  COverfull() : more(ScanMore()) { EncodeAll(more); }
+  // The same files in the same order, and then some.
+  CCorpus ScanMore() {
+    CCorpus all = ScanCorpus(input.world, CorpusRoot(), kScopesHeld + 3000);
+    for (const CCorpusFile& known : input.corpus.files) {
+      std::erase_if(all.files, [&](const CCorpusFile& file) { return file.loc == known.loc; });
+    }
+    return all;
+  }
+  void Fill() {
+    input.world.Open(input.db_path);
+    AddCorpus(input.world.Cache(), more);
+    input.world.Cache().WriteToDatabase();
+    AddCorpus(input.world.Cache(), input.corpus);
+    input.world.Cache().WriteToDatabase();
+  }
+};
+
+COverfull& Overfull() {
+  static COverfull overfull;
+  return overfull;
+}
+
+void Trim(benchmark::State& state) {
+  COverfull& overfull = Overfull();
+  size_t trimmed = 0;
+  for (auto unused : state) {
+    state.PauseTiming();
+    overfull.Fill();
+    const size_t before = overfull.input.world.Cache().UsedScopeCount();
+    state.ResumeTiming();
+    overfull.input.world.fLoop.RunIdle();
+    trimmed = before - overfull.input.world.Cache().UsedScopeCount();
+  }
+  if (trimmed == 0) {
+    state.SkipWithError("nothing was trimmed");
+  }
+  CountItems(state, trimmed);
+}
+BENCHMARK(Trim)->Unit(benchmark::kMillisecond);
+
+// Asks for everything that is not in memory; what it brings in pushes nothing out.
+void Refill(benchmark::State& state) {
+  COverfull& overfull = Overfull();
+  scopeinfo::CInfoCache* cache = nullptr;
+  size_t refilled = 0;
+  for (auto unused : state) {
+    state.PauseTiming();
+    overfull.Fill();
+    overfull.input.world.fLoop.RunIdle();
+    cache = &overfull.input.world.Cache();
+    std::vector<CRequest> gone;
+    const size_t room = kScopesHeld - cache->UsedScopeCount();
+    for (const CRequest& request : overfull.input.requests) {
+      const auto* const entry = cache->DbgGetPerFileDict().Find(request.loc);
+      if (gone.size() + 200 < room &&
+          (entry == nullptr || (*entry)->GetSerializedDataCount(request.scope) == 0)) {
+        gone.push_back(request);
+      }
+    }
+    state.ResumeTiming();
+    for (const CRequest& request : gone) {
+      benchmark::DoNotOptimize(cache->GetScopeInfo(request.loc, request.scope));
+    }
+    refilled = gone.size();
+  }
+  if (refilled == 0) {
+    state.SkipWithError("nothing was gone");
+  }
+  CountItems(state, refilled);
+}
+BENCHMARK(Refill)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+}  // namespace pysource::bench

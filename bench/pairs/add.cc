@@ -1,0 +1,54 @@
+// AddScopeInfoListForSingleScan, against encoding the same records.
+//
+//   add           of records that were not encoded yet: adding encodes them
+//   add-encoded   of records as they come from the workers of the engine, encoded already; the peer
+//                 is the same
+//
+// The cache is new in each round and so is its database, which is asked once for each file.
+#include <vector>
+
+#include "bench/pairs/pair.h"
+#include "bench/support/clock.h"
+#include "pysource/scopeinfo/serialized/scopeinfoserializer.h"
+
+namespace pysource::bench {
+
+void MeasureAdd(CBenchWorld& world, const CCorpus& corpus) {
+  const std::vector<scopeinfo::CScopeInfoPtr> records = corpus.Records();
+  scopeinfo::CScopeInfoSerializer serializer;
+  size_t sum = 0;
+  const auto encode = [&] {
+    return TimeOf([&] {
+      for (const scopeinfo::CScopeInfoPtr& record : records) {
+        sum += serializer.WriteScopeInfo(*record).size();
+      }
+    });
+  };
+  const auto add = [&] {
+    return TimeOf([&] {
+      for (const CCorpusFile& file : corpus.files) {
+        AddRecords(world.Cache(), file);
+      }
+    });
+  };
+  PrintPair("add",
+            InTurn(
+                [&] {
+                  ForgetEncoded(corpus);
+                  world.Open(world.fFolder.NewPath());
+                  return add();
+                },
+                encode),
+            records.size(), "ns");
+  PrintPair("add-encoded",
+            InTurn(
+                [&] {
+                  EncodeAll(corpus);
+                  world.Open(world.fFolder.NewPath());
+                  return add();
+                },
+                encode),
+            records.size(), "ns", sum == 0 ? "nothing" : "");
+}
+
+}  // namespace pysource::bench
