@@ -115,7 +115,7 @@ void MeasureAsk(CBenchWorld& world, const CCorpus& corpus) {
   };
   measure("ask-hot", HotDraws(requests.size(), kAsks));
   measure("ask-zipf", ZipfDraws(requests.size(), kAsks));
-  if (found != 4 * (kRounds + 1) * kAsks) {
+  if (found != 4 * (static_cast<size_t>(Rounds()) + 1) * kAsks) {
     throw std::logic_error("an answer was not in memory");
   }
 }

@@ -100,7 +100,7 @@ void MeasureEdit(CBenchWorld& world, const CCorpus& corpus) {
         }
         return seconds;
       },
-      3 * kRounds);
+      3 * Rounds());
   ts_parser_delete(parser);
   PrintPair("edit", times, paths.size(), "us",
             std::to_string(paths.size()) + " files of " + std::to_string(bytes / paths.size()) +

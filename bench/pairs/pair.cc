@@ -42,6 +42,11 @@ double Median(std::vector<double> values) {
 
 size_t AllocationCount() { return allocation_count; }
 
+int Rounds() {
+  const char* const named = std::getenv("SCOPEINFO_BENCH_ROUNDS");
+  return named == nullptr ? 7 : std::max(1, std::atoi(named));
+}
+
 CPairTimes InTurn(const std::function<double()>& project, const std::function<double()>& peer,
                   int rounds) {
   std::vector<double> of_project;

@@ -9,7 +9,8 @@
 
 namespace pysource::bench {
 
-inline constexpr int kRounds = 7;
+// How many rounds: 7, or $SCOPEINFO_BENCH_ROUNDS, for a profiler to see more of the same.
+int Rounds();
 
 // Of the rounds, the medians.
 struct CPairTimes {
@@ -20,7 +21,7 @@ struct CPairTimes {
 // Each of the two returns the seconds that it took, without what it does to prepare. The first
 // round of each is not counted.
 CPairTimes InTurn(const std::function<double()>& project, const std::function<double()>& peer,
-                  int rounds = kRounds);
+                  int rounds = Rounds());
 
 // Prints a line of JSON: {"name", "project", "peer", "unit", "note"}. `times` is divided by
 // `count` and told in `unit`: "ns", "us" or "ms".
