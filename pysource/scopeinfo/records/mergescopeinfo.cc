@@ -25,6 +25,11 @@ namespace {
 
 // Joins the values of `from` into `into`, name by name.
 void JoinDict(CStrDict& into, const CStrDict& from) {
+  if (into.empty()) {
+    // One block of just the size; most merged records are copies of one.
+    into = from;
+    return;
+  }
   for (const auto& [name, ibytes] : from) {
     into.Set(name, JoinInfoBytes(into.Get(name).value_or(BytesView()), ibytes));
   }
