@@ -1,10 +1,13 @@
-// Memory for 20,000 scopes, against four std::unordered_map<std::string, std::string> a record.
+// Memory for scopes held, against four std::unordered_map<std::string, std::string> for each of
+// their records and nothing else.
 //
-// What malloc has handed out, overhead included, without what SQLite holds. The project's figure is
-// all that a cache has after it was filled: records, keys, every index, entries of files.
+// What malloc has handed out, its overhead included, without what SQLite holds. The project's
+// figure is all that the cache has more after it was filled: records, keys, every index, entries of
+// files.
 //
-//   memory         each scope was asked for: read from the database, and merged
-//   memory-added   each scope was scanned in this process and written; nothing was asked for
+//   memory-bytes   scopes that came along when their module was asked for, as bytes
+//   memory         20,000 scopes, each asked for: decoded and merged as well
+//   memory-added   20,000 scopes, each scanned in this process and written, none asked for
 #include <malloc.h>
 #include <sqlite3.h>
 
@@ -14,14 +17,16 @@
 #include <vector>
 
 #include "bench/pairs/pair.h"
-#include "pysource/scopeinfo/serialized/scopeinfoserializer.h"
+#include "pysource/host/symbolinfo.h"
 
 namespace pysource::bench {
 namespace {
 
-double HeldBytes() {
-  return static_cast<double>(mallinfo2().uordblks + mallinfo2().hblkhd) -
-         static_cast<double>(sqlite3_memory_used());
+constexpr double kMiB = 1 << 20;
+
+double HeldMiB() {
+  const auto of_malloc = static_cast<double>(mallinfo2().uordblks + mallinfo2().hblkhd);
+  return (of_malloc - static_cast<double>(sqlite3_memory_used())) / kMiB;
 }
 
 using CPlainMap = std::unordered_map<std::string, std::string>;
@@ -37,68 +42,72 @@ CPlainMap PlainMapOf(const CStrDict* dict) {
   return map;
 }
 
-CCorpus CopyOf(const CCorpus& corpus) {
-  scopeinfo::CScopeInfoSerializer serializer;
-  CCorpus copy;
-  for (const CCorpusFile& file : corpus.files) {
-    CCorpusFile& copied = copy.files.emplace_back();
-    copied.loc = file.loc;
-    copied.disk_mtime = file.disk_mtime;
-    for (const standalone::CScanResult& result : file.scan.results) {
-      auto& infos =
-          copied.scan.results
-              .emplace_back(standalone::CScanResult{result.scanned_scope, result.scan_name, {}})
-              .infos;
-      for (const scopeinfo::CScopeInfoPtr& info : result.infos) {
-        infos.push_back(info->Copy(false, true));
-        if (info->scope_seen_dict != nullptr) {
-          infos.back()->scope_seen_dict = std::make_shared<CScopesSeenDict>(*info->scope_seen_dict);
-        }
-        infos.back()->_serialized_data = serializer.WriteScopeInfo(*info);
-      }
-    }
+const CStrDict* OrNull(const std::optional<CStrDict>& dict) { return dict ? &*dict : nullptr; }
+
+double PlainMiB(const std::vector<scopeinfo::CScopeInfoPtr>& records) {
+  const double before = HeldMiB();
+  std::vector<CPlainRecord> plain;
+  plain.reserve(records.size());
+  for (const scopeinfo::CScopeInfoPtr& info : records) {
+    plain.push_back({PlainMapOf(&info->type_equivs), PlainMapOf(OrNull(info->_domains)),
+                     PlainMapOf(OrNull(info->inst_type_equivs)),
+                     PlainMapOf(OrNull(info->_inst_domains))});
   }
-  return copy;
+  return HeldMiB() - before;
 }
 
-const CStrDict* OrNull(const std::optional<CStrDict>& dict) { return dict ? &*dict : nullptr; }
+// Files that are read whole when their module is asked for.
+CCorpus SmallFiles(const CCorpus& corpus) {
+  CCorpus small;
+  for (const CCorpusFile& file : corpus.files) {
+    if (file.scope_names.size() >= 20 && file.scope_names.size() < 40) {
+      small.scopes += file.scope_names.size();
+      small.files.push_back(file);
+    }
+  }
+  return small;
+}
 
 }  // namespace
 
 void MeasureMemory(CBenchWorld& world, const CCorpus& corpus) {
   const std::string db_path = world.fFolder.NewPath();
-  double added = 0;
+  world.Open(db_path);
+  const double before_add = HeldMiB();
   {
-    // Records of its own, which leave memory as the cache gives them up.
-    world.Open(db_path);
-    const double before = HeldBytes();
-    AddCorpus(world.Cache(), CopyOf(corpus));
-    world.Cache().WriteToDatabase();
-    added = HeldBytes() - before;
+    // Scanned anew, so that the cache alone decides what of it stays.
+    const CCorpus own = ScanCorpus(world, CorpusRoot());
+    EncodeAll(own);
+    AddCorpus(world.Cache(), own);
   }
+  world.Cache().WriteToDatabase();
+  const double added = HeldMiB() - before_add;
 
-  const double before_peer = HeldBytes();
-  std::vector<CPlainRecord> plain;
-  plain.reserve(corpus.Records().size());
-  for (const scopeinfo::CScopeInfoPtr& info : corpus.Records()) {
-    plain.push_back({PlainMapOf(&info->type_equivs), PlainMapOf(OrNull(info->_domains)),
-                     PlainMapOf(OrNull(info->inst_type_equivs)),
-                     PlainMapOf(OrNull(info->_inst_domains))});
+  const CCorpus small = SmallFiles(corpus);
+  world.Open(db_path);
+  const double before_small = HeldMiB();
+  for (const CCorpusFile& file : small.files) {
+    (void)world.Cache().GetScopeInfo(file.loc, kModuleScopeName);
   }
-  const double peer = HeldBytes() - before_peer;
+  const double of_small = HeldMiB() - before_small;
+  const std::string small_note = std::to_string(world.Cache().UsedScopeCount()) + " scopes, " +
+                                 std::to_string(world.Cache().MergedInfoCount()) +
+                                 " of them merged";
 
   world.Open(db_path);
-  const double before = HeldBytes();
+  const double before = HeldMiB();
   for (const CRequest& request : AllScopes(corpus)) {
     (void)world.Cache().GetScopeInfo(request.loc, request.scope);
   }
-  const double asked = HeldBytes() - before;
-
+  const double asked = HeldMiB() - before;
   const std::string note = std::to_string(world.Cache().UsedScopeCount()) + " scopes, " +
                            std::to_string(world.Cache().MergedInfoCount()) + " of them merged";
-  constexpr double kMiB = 1 << 20;
-  PrintFigures("memory", asked / kMiB, peer / kMiB, "MiB", note);
-  PrintFigures("memory-added", added / kMiB, peer / kMiB, "MiB", "none merged");
+  world.Close();
+
+  const double peer = PlainMiB(corpus.Records());
+  PrintFigures("memory-bytes", of_small, PlainMiB(small.Records()), "MiB", small_note);
+  PrintFigures("memory", asked, peer, "MiB", note);
+  PrintFigures("memory-added", added, peer, "MiB", "none merged");
 }
 
 }  // namespace pysource::bench
