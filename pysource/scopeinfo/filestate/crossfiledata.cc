@@ -130,7 +130,7 @@ void CCrossFileData::RemoveInfoKey(const CScopeInfoKey& key) {
     _fInfoKeysByForLoc.Discard(held);
     _fInfoKeysByScannedLoc.Discard(held);
   }
-  _fExistingScopeInfo.erase(held);
+  _fExistingScopeInfo.Erase(held);
   // Overwritten with an entry that rests on no scope, not deleted: from here on no change of a
   // scope finds the key as a dependent, while a new record of the key finds its entry in place.
   _fDependentScans.AddToCache(held, false);
@@ -258,18 +258,18 @@ void CCrossFileData::RemoveCouldNotWriteInfoKey(const CScopeInfoKey& key) {
 
 void CCrossFileData::UpdateExistingSourceInfo(const CScopeInfoKey& key, const CScopeInfoPtr& info) {
   if (info == nullptr) {
-    _fExistingScopeInfo.erase(key);
+    _fExistingScopeInfo.Erase(key);
     return;
   }
-  _fExistingScopeInfo.insert_or_assign(key, info);
+  _fExistingScopeInfo.Set(key, info);
   if (info->scope_seen_dict != nullptr) {
     _fDependentScans.AddToCache(key, true, *info->scope_seen_dict);
   }
 }
 
 CScopeInfoPtr CCrossFileData::LookupExistingSourceInfo(const CScopeInfoKey& key) const {
-  const auto found = _fExistingScopeInfo.find(key);
-  return found == _fExistingScopeInfo.end() ? nullptr : found->second;
+  const CScopeInfoPtr* const found = _fExistingScopeInfo.Find(key);
+  return found == nullptr ? nullptr : *found;
 }
 
 CScopeInfoKeySet CCrossFileData::GetDependentScanKeys(Loc loc,

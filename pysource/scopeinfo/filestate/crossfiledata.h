@@ -2,10 +2,9 @@
 // its standing towards the database and towards its scan.
 #pragma once
 
-#include <unordered_map>
-
 #include "pysource/host/destroyable.h"
 #include "pysource/host/location.h"
+#include "pysource/host/ordereddict.h"
 #include "pysource/host/text.h"
 #include "pysource/scopeinfo/dependantcache/scopedependantcache.h"
 #include "pysource/scopeinfo/filestate/keysbyaddress.h"
@@ -137,7 +136,7 @@ class CCrossFileData final : public CDestroyable {
   CScopeInfoKeySet _fAllCouldNotWriteInfoKeys;  // C; never asked for by file, so without an index
 
   // Live records, so that one is decoded once while it lasts.
-  std::unordered_map<CScopeInfoKey, CScopeInfoPtr> _fExistingScopeInfo;
+  CInsertionOrderedDict<CScopeInfoKey, CScopeInfoPtr> _fExistingScopeInfo;
 
   // Used for its reverse index alone: from a scope to the keys of the scans that looked at it.
   CScopeDependantCache<CScopeInfoKey, bool> _fDependentScans;
