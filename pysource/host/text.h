@@ -19,10 +19,11 @@ using TextView = std::string_view;
 using Bytes = std::string;
 using BytesView = std::string_view;
 
-// Hash of text that also takes a view, so that a look-up makes no string.
+// Hash of text that also takes a view, so that a look-up makes no string. Not noexcept, since GNU's
+// library then keeps the hash with each entry; otherwise it computes that of every entry it passes.
 struct TextHash {
   using is_transparent = void;
-  size_t operator()(TextView text) const noexcept { return HashBytes(text); }
+  size_t operator()(TextView text) const { return HashBytes(text); }
 };
 
 // A set of names whose order cannot be observed.
