@@ -8,13 +8,14 @@
 //
 // Both give a string of their own for each record. The project's bytes are canonical, in the order
 // of the names; protobuf's keep the order in which the names were added.
+#include <record.pb.h>
+
 #include <utility>
 #include <vector>
 
 #include "bench/pairs/pair.h"
 #include "bench/support/clock.h"
 #include "pysource/scopeinfo/serialized/scopeinfoserializer.h"
-#include "record.pb.h"
 
 namespace pysource::bench {
 namespace {
