@@ -136,7 +136,8 @@ def describe(library, files):
              "tree-sitter": "libtree-sitter-dev", "jedi": "python3-jedi", "universal-ctags": "universal-ctags"}
     print(f"- Machine: {processor()}, {os.cpu_count()} processors, {memory / MIB:.1f} GiB, Linux {platform.release()}; "
           f"load at the start {os.getloadavg()[0]:.1f}")
-    print(f"- Input: {library}, Python {platform.python_version()}, {len(files):,} files, "
+    say(f"The input is {library}")
+    print(f"- Input: the standard library of Python {platform.python_version()}, {len(files):,} files, "
           f"{sum(path.stat().st_size for path in files) / MIB:.1f} MiB")
     print(f"- Built: {revision}, {first_line(['g++', '--version'])}, as the preset `bench`")
     print("- Peers: " + ", ".join(f"{name} {package_version(package)}" for name, package in peers.items()))
