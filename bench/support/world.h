@@ -59,8 +59,8 @@ class CBenchWorld {
   CTemporaryFolder fFolder;
 
  private:
-  standalone::CFileManager _fFiles;
   standalone::COpenBuffers _fBuffers;
+  standalone::CFileManager _fFiles{_fBuffers};
   standalone::CStubFactory _fFactory{fLocCache};
   CAnalysisManager _fAnaMgr;
   CSingletons _fSingletons;

