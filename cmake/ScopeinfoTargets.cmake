@@ -23,6 +23,8 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     -Wlogical-op
     -Wsuggest-override
     -Wno-restrict) # GCC 12 sees overlaps in its own std::string when it is optimised (GCC bug 105329)
+else()
+  list(APPEND SCOPEINFO_WARNINGS -Wreserved-identifier)
 endif()
 if(SCOPEINFO_WARNINGS_AS_ERRORS)
   list(APPEND SCOPEINFO_WARNINGS -Werror)
