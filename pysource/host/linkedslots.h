@@ -162,11 +162,12 @@ class CLinkedSlots {
  private:
   static constexpr size_t kLinearSize = 8;
 
+  // What a look-up and a move in the order touch comes first, and the key next to it.
   struct Node {
-    std::optional<Entry> entry;  // empty while the slot is free
     uint64_t hash = 0;
     Slot previous = kNone;
-    Slot next = kNone;  // of a free slot: the next free one
+    Slot next = kNone;           // of a free slot: the next free one
+    std::optional<Entry> entry;  // empty while the slot is free
   };
 
   void Swap(CLinkedSlots& other) noexcept {

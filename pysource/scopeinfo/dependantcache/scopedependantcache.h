@@ -87,10 +87,32 @@ class CScopeDependantCache final : public CScopeDependency {
       ++fMisses;
       return {nullptr, kNoScopes};
     }
+    Value& value = Use(slot);
+    return {&value, _fCache.At(slot).second.scopes};
+  }
+
+  // ---- Entries by number, for an owner that knows more than others do of what it stored. A number
+  // is good until the next store or purge.
+
+  // That of the key, or kNoEntry. Does not count as a use, nor as a miss.
+  template <class K>
+  EntryId EntryOf(const K& key) const {
+    return _fCache.SlotOf(key);
+  }
+  const Key& KeyAt(EntryId entry) const { return _fCache.At(entry).first; }
+  // The value, which counts as a use.
+  Value& Use(EntryId entry) {
     ++fHits;
-    _fCache.MarkUsed(slot);
-    Entry& entry = _fCache.ValueAt(slot);
-    return {&entry.value, entry.scopes};
+    _fCache.MarkUsed(entry);
+    return _fCache.ValueAt(entry).value;
+  }
+
+  // Calls `visit(key, value)` with each, the least recently used first.
+  template <class Function>
+  void Visit(Function visit) const {
+    for (auto it = _fCache.rbegin(); it != _fCache.rend(); ++it) {
+      visit(it->first, it->second.value);
+    }
   }
 
   // The keys that rest on one of the named scopes of the file, or on the file as a whole (the scope

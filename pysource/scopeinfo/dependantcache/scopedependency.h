@@ -72,6 +72,7 @@ class CDependedScopes {
 class CScopeDependency {
  public:
   using EntryId = uint32_t;
+  static constexpr EntryId kNoEntry = UINT32_MAX;
 
   CScopeDependency(const CScopeDependency&) = delete;
   CScopeDependency& operator=(const CScopeDependency&) = delete;

@@ -65,6 +65,7 @@ void CInfoCache::CB_ScopesChanged(const CPySourceAnalysis& ana, const TextSet& s
 }
 
 void CInfoCache::CB_ImportResolutionChanged() {
+  ForgetShortcuts();
   _fSecondaryFiles.clear();
   _fReverseSecondaryFiles.clear();
 }
@@ -108,6 +109,7 @@ void CInfoCache::Clear() {
     changed_dict.Set(loc, all_scopes);
   }
   emit(kScopesModified, changed_dict);
+  ForgetShortcuts();
   _fPerFileDict.clear();
   _fUsedScopesDict.Clear();
   _fMergedInfoCache.Clear();

@@ -98,7 +98,7 @@ CPerFilePtr CInfoCache::GetPerFile(Loc loc, bool create) {
     _fPerFileDict.Set(loc, per_file);
     fSavableMgr->AddFileLocToWatch(loc);
   }
-  if (!per_file->fDatabaseChanged || !ValidOnDiskMtime(per_file->disk_mtime)) {
+  if (IsUpToDate(*per_file)) {
     return per_file;
   }
   per_file->fDatabaseChanged = false;
@@ -175,6 +175,14 @@ void CInfoCache::CheckInvariants() const {
              "a scope that the database does not hold counts as not loaded");
     }
   }
+  _fMergedInfoCache.Visit([this](const CMergedKey& key, const CMergedValue&) {
+    if (const CShortcut& shortcut = key.shortcut; shortcut.stamp == _fShortcutStamp) {
+      Assert(FindPerFile(key.loc).get() == shortcut.per_file,
+             "a shortcut leads to an entry that is gone");
+      Assert(_fUsedScopesDict.SlotOf(CScopeRefView(key.loc, key.scope_name)) == shortcut.used_slot,
+             "a shortcut leads to a scope that is not in use");
+    }
+  });
 }
 
 void CInfoCache::DbgCheckUsedScopes(Loc removed_loc) const {

@@ -215,10 +215,22 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
                        bool emit_needs_scan_added = true);
 
  private:
+  using CUsedScopes = CUsageOrderedDict<CScopeRef, bool, CScopeRefHash, CScopeRefEqual>;
+
+  // What a look-up of a merged record found on its way, so that the next one finds it in one step.
+  // Good while `stamp` is _fShortcutStamp: no entry, no used scope and no list of secondary files
+  // has gone since.
+  struct CShortcut {
+    uint64_t stamp = 0;
+    CPerFileEntry* per_file = nullptr;
+    CUsedScopes::Slot used_slot = CUsedScopes::kNoSlot;
+    bool merge_secondary = false;
+  };
   // The key of a merged record: the scope and the secondary files that took part.
   struct CMergedKey {
     Loc loc;
     Text scope_name;
+    mutable CShortcut shortcut;  // no part of the key's value
     CSecondaryFiles other_locs;
     Text Repr() const;
   };
@@ -232,12 +244,28 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
     TextView scope_name;
     const std::vector<Loc>& other_locs;
   };
+  // A request. Equal to the key that answered the same one before, as long as its shortcut is good.
+  struct CRequestView {
+    Loc loc;
+    TextView scope_name;
+    bool merge_secondary;
+    uint64_t stamp;
+  };
+  // The secondary files are left out: they follow from the file in nearly all cases.
   struct CMergedKeyHash {
     size_t operator()(const CMergedKeyView& key) const noexcept {
-      return CombineHash(key.loc.Hash() + key.other_locs.size(), HashBytes(key.scope_name));
+      return CScopeRefHash()({key.loc, key.scope_name});
+    }
+    size_t operator()(const CRequestView& request) const noexcept {
+      return CScopeRefHash()({request.loc, request.scope_name});
     }
   };
   struct CMergedKeyEqual {
+    bool operator()(const CMergedKey& key, const CRequestView& request) const {
+      return key.shortcut.stamp == request.stamp &&
+             key.shortcut.merge_secondary == request.merge_secondary && key.loc == request.loc &&
+             key.scope_name == request.scope_name;
+    }
     bool operator()(const CMergedKeyView& a, const CMergedKeyView& b) const {
       return a.loc == b.loc && a.scope_name == b.scope_name &&
              (&a.other_locs == &b.other_locs || a.other_locs == b.other_locs);
@@ -246,8 +274,12 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
   // Records are compared by identity, the report by value.
   struct CMergedValue {
     CScopeInfoPtr merged_info;
-    CNeedsScanDict needs_scan_dict;
-    friend bool operator==(const CMergedValue& a, const CMergedValue& b) = default;
+    std::shared_ptr<const CNeedsScanDict> needs_scan;  // null for an empty one, as nearly all are
+    friend bool operator==(const CMergedValue& a, const CMergedValue& b) {
+      return a.merged_info == b.merged_info &&
+             (a.needs_scan == nullptr || b.needs_scan == nullptr ? a.needs_scan == b.needs_scan
+                                                                 : *a.needs_scan == *b.needs_scan);
+    }
   };
 
   // CFileStateOwner
@@ -260,9 +292,16 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
   CAnalysisDb& Db() const { return *_fAnaMgr->fAnalysisDb; }
   const Text& PrimaryScanName() const { return fScanNames[0]; }
   bool HasModifiedBuffer(Loc loc) const;
+  // Whether the entry needs nothing of the database.
+  static bool IsUpToDate(const CPerFileEntry& per_file) {
+    return !per_file.fDatabaseChanged || !ValidOnDiskMtime(per_file.disk_mtime);
+  }
   void CancelPendingCalls();
 
   // read.cc
+  void RememberShortcut(const CMergedKeyView& key, bool merge_secondary,
+                        const CPerFilePtr& per_file, CUsedScopes::Slot used_slot) const;
+  void ForgetShortcuts() { ++_fShortcutStamp; }
   bool IsContentThere(const CPerFileEntry& per_file) const;
   void ReadSecondaryScope(Loc other_loc, CPerFileEntry& other_per_file, TextView scope_name,
                           CNeedsScanDict& needs_scan_dict);
@@ -271,7 +310,7 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
   std::vector<Text> GetScopeNamesToReadFromDb(const CPerFileEntry& per_file,
                                               TextView scope_name) const;
   void ReadScopeInfoListFromDb(CPerFileEntry& per_file, std::vector<Text> scope_name_list);
-  void MarkReturned(Loc loc, TextView scope_name);
+  CUsedScopes::Slot MarkReturned(Loc loc, TextView scope_name);
   void MarkPresent(Loc loc, TextView scope_name);
 
   // add.cc
@@ -321,13 +360,15 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
   CCrossFileData _fCrossFileData;
   // The scopes in memory in order of use. True: returned by GetScopeInfo; false: only read or
   // stored.
-  CUsageOrderedDict<CScopeRef, bool, CScopeRefHash, CScopeRefEqual> _fUsedScopesDict;
+  CUsedScopes _fUsedScopesDict;
   // Merged records with their needs-scan reports, purged when a scope that they rest on changes.
   CScopeDependantCache<CMergedKey, CMergedValue, CMergedKeyHash, CMergedKeyEqual> _fMergedInfoCache;
   // Filled as files are asked for, emptied together when import resolution changes. The second one
   // leads from a secondary file to the files that named it.
   CInsertionOrderedDict<Loc, CSecondaryFiles> _fSecondaryFiles;
   CInsertionOrderedDict<Loc, CLocSet> _fReverseSecondaryFiles;
+  // Raised whenever something goes to which a shortcut can lead.
+  uint64_t _fShortcutStamp = 1;
   velk::Tag _fIdleCallbackTag = 0;            // of the pending idle call, 0 for none
   velk::Tag _fTimeoutForWriteToDatabase = 0;  // of the pending write, 0 for none
 };

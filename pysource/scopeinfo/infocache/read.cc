@@ -36,21 +36,33 @@ CScopeInfoPtr CInfoCache::GetScopeInfo(Loc loc, TextView scope_name, bool merge_
     fLog("None loc passed to GetScopeInfo()");
     return nullptr;
   }
+  const auto answer = [&](const CMergedValue& found, const CPerFileEntry& per_file) {
+    if (needs_scan_dict != nullptr && found.needs_scan != nullptr) {
+      for (const auto& [scope, scan_names] : *found.needs_scan) {
+        needs_scan_dict->Set(scope, scan_names);
+      }
+    }
+    // The record takes on the present time, whatever it was merged under.
+    found.merged_info->disk_mtime = per_file.disk_mtime;
+    return found.merged_info;
+  };
+  const CRequestView request{loc, scope_name, merge_secondary, _fShortcutStamp};
+  if (const auto known = _fMergedInfoCache.EntryOf(request); known != CScopeDependency::kNoEntry) {
+    const CShortcut& shortcut = _fMergedInfoCache.KeyAt(known).shortcut;
+    if (IsUpToDate(*shortcut.per_file)) {
+      _fUsedScopesDict.MarkUsed(shortcut.used_slot);
+      _fUsedScopesDict.ValueAt(shortcut.used_slot) = true;
+      return answer(_fMergedInfoCache.Use(known), *shortcut.per_file);
+    }
+  }
   const CPerFilePtr per_file = GetPerFile(loc, true);
   const CSecondaryFiles other_locs = merge_secondary ? GetSecondaryFiles(loc) : NoSecondaryFiles();
 
   const CMergedKeyView merged_key(loc, scope_name, *other_locs);
   if (const auto found = _fMergedInfoCache.LookupInCache(merged_key); found.value != nullptr) {
-    if (needs_scan_dict != nullptr) {
-      for (const auto& [scope, scan_names] : found.value->needs_scan_dict) {
-        needs_scan_dict->Set(scope, scan_names);
-      }
-    }
-    CScopeInfoPtr merged_info = found.value->merged_info;
-    MarkReturned(loc, scope_name);
-    // The record takes on the present time, whatever it was merged under.
-    merged_info->disk_mtime = per_file->disk_mtime;
-    return merged_info;
+    const auto used_slot = MarkReturned(loc, scope_name);
+    RememberShortcut(merged_key, merge_secondary, per_file, used_slot);
+    return answer(*found.value, *per_file);
   }
 
   const bool log_is_open = fLog.fOutputFile != nullptr;
@@ -109,14 +121,32 @@ CScopeInfoPtr CInfoCache::GetScopeInfo(Loc loc, TextView scope_name, bool merge_
     // So that the answer is purged also when a scope that still has to be scanned changes.
     all_scopes_seen.insert(scope);
   }
-  _fMergedInfoCache.AddToCache(CMergedKey{loc, Text(scope_name), other_locs},
-                               CMergedValue{merged_info, needs_scan}, all_scopes_seen);
+  std::shared_ptr<const CNeedsScanDict> kept_needs_scan;
+  if (!needs_scan.empty()) {
+    kept_needs_scan = std::make_shared<const CNeedsScanDict>(needs_scan);
+  }
+  _fMergedInfoCache.AddToCache(CMergedKey{loc, Text(scope_name), {}, other_locs},
+                               CMergedValue{merged_info, std::move(kept_needs_scan)},
+                               all_scopes_seen);
   MarkReturned(loc, scope_name);
   if (log_is_open) {
     fLog("GetScopeInfo(%r, %r): returning merged_info\n  needs_scan_dict = %r", loc, scope_name,
          needs_scan);
   }
   return merged_info;
+}
+
+// So that the same request finds the merged record, which is there, in one step from now on. Not if
+// what was found on the way is not what is kept here, as an override may have it.
+void CInfoCache::RememberShortcut(const CMergedKeyView& key, bool merge_secondary,
+                                  const CPerFilePtr& per_file, CUsedScopes::Slot used_slot) const {
+  const CSecondaryFiles* const kept_files = _fSecondaryFiles.Find(key.loc);
+  const bool files_as_kept =
+      !merge_secondary || (kept_files != nullptr && kept_files->get() == &key.other_locs);
+  if (files_as_kept && FindPerFile(key.loc) == per_file) {
+    _fMergedInfoCache.KeyAt(_fMergedInfoCache.EntryOf(key)).shortcut = {
+        _fShortcutStamp, per_file.get(), used_slot, merge_secondary};
+  }
 }
 
 // Whether there is content to scan. A file with unsaved changes has some, without asking the disk.
@@ -309,12 +339,14 @@ void CInfoCache::ReadScopeInfoListFromDb(CPerFileEntry& per_file,
 }
 
 // Notes that the scope was returned, which counts as a use. A known one costs no allocation.
-void CInfoCache::MarkReturned(Loc loc, TextView scope_name) {
-  if (bool* const returned = _fUsedScopesDict.Get(CScopeRefView(loc, scope_name))) {
-    *returned = true;
-  } else {
-    _fUsedScopesDict.Set(CScopeRef{loc, Text(scope_name)}, true);
+CInfoCache::CUsedScopes::Slot CInfoCache::MarkReturned(Loc loc, TextView scope_name) {
+  const auto slot = _fUsedScopesDict.SlotOf(CScopeRefView(loc, scope_name));
+  if (slot == CUsedScopes::kNoSlot) {
+    return _fUsedScopesDict.Add(CScopeRef{loc, Text(scope_name)}, true);
   }
+  _fUsedScopesDict.MarkUsed(slot);
+  _fUsedScopesDict.ValueAt(slot) = true;
+  return slot;
 }
 
 // Notes that the scope is in memory, without counting it as a use.

@@ -130,6 +130,7 @@ void CInfoCache::TrimNotModified(ptrdiff_t count, ptrdiff_t /*spare_count*/,
       break;
     }
   }
+  ForgetShortcuts();
   _fUsedScopesDict.DifferenceUpdate(without_entry);
   for (const auto& [per_file, scope_list] : to_remove) {
     if (kDevelopmentRun()) {
@@ -187,6 +188,7 @@ void CInfoCache::DiscardScopeInfo(CPerFileEntry& per_file, const std::vector<Tex
                   names.end());
     }
   }
+  ForgetShortcuts();
   for (const Text& name : names) {
     _fUsedScopesDict.pop(CScopeRefView(loc, name));
   }
