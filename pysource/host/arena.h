@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <unordered_set>
 #include <utility>
 
 #include "pysource/host/text.h"
@@ -41,6 +42,10 @@ class CArena {
 
   // All that was allocated from the system, in bytes.
   size_t MemoryUse() const noexcept { return _fChunks == nullptr ? 0 : _fChunks->total; }
+  // The same, or nothing if the memory is among `seen`, where it is noted.
+  size_t MemoryUse(std::unordered_set<const void*>& seen) const {
+    return _fChunks == nullptr || !seen.insert(_fChunks).second ? 0 : _fChunks->total;
+  }
 
  private:
   struct Chunk {

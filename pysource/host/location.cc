@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "pysource/host/errors.h"
+#include "pysource/host/memoryuse.h"
 #include "pysource/host/repr.h"
 
 namespace pysource {
@@ -86,6 +87,17 @@ Loc CLocationCache::GetBuiltinLoc() { return GetLocation("builtins:"); }
 size_t CLocationCache::Size() const {
   const std::lock_guard lock(_fMutex);
   return _fLocations.size();
+}
+
+size_t CLocationCache::MemoryUse() const {
+  const std::lock_guard lock(_fMutex);
+  // A node is a link, the view, the owning pointer and the hash.
+  size_t bytes = _fLocations.bucket_count() * sizeof(void*);
+  for (const auto& [url, location] : _fLocations) {
+    bytes += 3 * sizeof(void*) + sizeof(TextView) + sizeof(CResourceLocation) +
+             HeapUse(location->fUrl);
+  }
+  return bytes;
 }
 
 }  // namespace pysource

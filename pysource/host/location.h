@@ -106,6 +106,7 @@ class CLocationCache {
   Loc GetBuiltinLoc();
 
   size_t Size() const;
+  size_t MemoryUse() const;
 
  protected:
   // Makes the object for a URL that is new; a host overrides it to hand out its own class.

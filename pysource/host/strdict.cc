@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <utility>
 
 namespace pysource {
 namespace {
@@ -24,19 +25,43 @@ CStrDict::CStrDict(const CStrDict& other) {
   if (other.empty()) {
     return;
   }
-  size_t bytes = other.size() * sizeof(Item);
-  for (const Item& item : other) {
-    bytes += item.first.size() + item.second.size();
+  _fArena = other._fArena;
+  _fItems = other._fItems;
+  _fSize = other._fSize;
+  _fCapacity = other._fSize;
+  _fAscending = other._fAscending;
+  _fArenaBorrowed = true;
+  _fItemsShared = true;
+  other._fItemsShared = true;
+}
+
+void CStrDict::DetachItems() {
+  const Item* const shared = _fItems;
+  size_t bytes = size_t{_fSize} * sizeof(Item);
+  if (_fArenaBorrowed) {
+    for (const Item& item : *this) {
+      bytes += item.first.size() + item.second.size();
+    }
+    // All texts are copied, not the items alone: this arena then stands for itself when this
+    // dictionary is copied in turn, and what it borrowed ends with it.
+    _fBorrowedArena = std::exchange(_fArena, CArena(bytes));
   }
-  _fArena = CArena(bytes);
-  Reserve(other.size());
-  for (const Item& item : other) {
-    Append(_fArena.Store(item.first), _fArena.Store(item.second));
+  auto* const items = static_cast<Item*>(_fArena.Allocate(_fSize * sizeof(Item), alignof(Item)));
+  for (uint32_t i = 0; i < _fSize; ++i) {
+    new (items + i) Item{_fArenaBorrowed ? _fArena.Store(shared[i].first) : shared[i].first,
+                         _fArenaBorrowed ? _fArena.Store(shared[i].second) : shared[i].second};
   }
+  _fItems = items;
+  _fCapacity = _fSize;
+  _fArenaBorrowed = false;
+  _fItemsShared = false;
 }
 
 void CStrDict::Swap(CStrDict& other) noexcept {
   std::swap(_fArena, other._fArena);
+  std::swap(_fBorrowedArena, other._fBorrowedArena);
+  std::swap(_fArenaBorrowed, other._fArenaBorrowed);
+  std::swap(_fItemsShared, other._fItemsShared);
   std::swap(_fItems, other._fItems);
   std::swap(_fSize, other._fSize);
   std::swap(_fCapacity, other._fCapacity);
@@ -77,9 +102,11 @@ void CStrDict::Set(TextView name, BytesView ibytes) {
   if (at != kNone) {
     // Merging stores what is there already again and again, and the arena never gives back.
     if (_fItems[at].second != ibytes) {
+      MakeItemsOwn();
       _fItems[at].second = _fArena.Store(ibytes);
     }
   } else {
+    MakeItemsOwn();
     const TextView stored = _fArena.Store(name);
     Append(stored, _fArena.Store(ibytes));
   }
@@ -87,6 +114,7 @@ void CStrDict::Set(TextView name, BytesView ibytes) {
 
 void CStrDict::SetStored(TextView name, BytesView ibytes) {
   // A decoder's names ascend: then there is nothing to look for.
+  MakeItemsOwn();
   const bool is_new = _fSize == 0 || (_fAscending && _fItems[_fSize - 1].first < name);
   const uint32_t at = is_new ? kNone : Find(name);
   if (at != kNone) {
@@ -101,6 +129,7 @@ bool CStrDict::Erase(TextView name) {
   if (at == kNone) {
     return false;
   }
+  MakeItemsOwn();
   std::copy(_fItems + at + 1, _fItems + _fSize, _fItems + at);
   --_fSize;
   _fIndex.reset();

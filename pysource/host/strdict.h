@@ -6,6 +6,7 @@
 #include <initializer_list>
 #include <memory>
 #include <optional>
+#include <unordered_set>
 #include <utility>
 
 #include "pysource/host/arena.h"
@@ -19,9 +20,13 @@ namespace pysource {
 // so a decoded record is one block of memory and copying out is never needed to look at it. A view
 // stays good as long as the dictionary lives, also when its name gets another value.
 //
-// Copying makes a dictionary of its own memory. Look-up is by binary search while names were stored
-// in ascending order (as they come out of a decoder), by a hash table otherwise once there are more
-// than a few.
+// A copy shares the memory until one of the two changes, which then makes items of its own first:
+// most copies of records are never changed. A copy never stores into the memory that it shares, so
+// a record that is copied again and again does not grow. Dictionaries that share memory belong to
+// one thread at a time, like the arena.
+//
+// Look-up is by binary search while names were stored in ascending order (as they come out of a
+// decoder), by a hash table otherwise once there are more than a few.
 class CStrDict {
  public:
   using key_type = TextView;
@@ -62,6 +67,12 @@ class CStrDict {
   bool Erase(TextView name);
   void clear();
 
+  // Bytes beyond the object itself. `seen` keeps what is shared from being counted twice.
+  size_t MemoryUse(std::unordered_set<const void*>& seen) const {
+    return _fArena.MemoryUse(seen) + _fBorrowedArena.MemoryUse(seen) +
+           (_fIndex == nullptr ? 0 : sizeof(CHashIndex) + _fIndex->MemoryUse());
+  }
+
   // Equal when the same names have equal values, in whatever order.
   friend bool operator==(const CStrDict& a, const CStrDict& b);
 
@@ -69,15 +80,25 @@ class CStrDict {
   static constexpr uint32_t kNone = CHashIndex::kNone;
 
   uint32_t Find(TextView name) const;
+  // To be called before any change.
+  void MakeItemsOwn() {
+    if (_fItemsShared) [[unlikely]] {
+      DetachItems();
+    }
+  }
+  void DetachItems();
   void Append(TextView name, BytesView ibytes);
   void Reserve(size_t capacity);
   void Swap(CStrDict& other) noexcept;
 
   CArena _fArena;
+  CArena _fBorrowedArena;   // of a copy that changed: the one it shared, for views that are out
   Item* _fItems = nullptr;  // in _fArena
   uint32_t _fSize = 0;
   uint32_t _fCapacity = 0;
-  bool _fAscending = true;  // every name is above the one before it
+  bool _fAscending = true;             // every name is above the one before it
+  bool _fArenaBorrowed = false;        // another dictionary made it
+  mutable bool _fItemsShared = false;  // another dictionary reads these very items
   // Made by the first look-up that needs it; dropped when positions change.
   mutable std::unique_ptr<CHashIndex> _fIndex;
 };

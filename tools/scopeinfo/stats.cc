@@ -86,13 +86,23 @@ std::string ToTable(const std::string& path, const standalone::CSqliteDbStats& s
   return text;
 }
 
+// Of a cache that was asked for every scope of the named files.
+struct CCacheReport {
+  standalone::CCacheStats stats;
+  CMemoryUse memory;
+  bool all_found = true;  // nothing was named that is not there
+};
+
 // Asks for every scope of the files, as they are in the database, twice for each file.
-standalone::CCacheStats AskForAll(const COptions& options) {
+CCacheReport AskForAll(const COptions& options) {
   CSession session(options);
   standalone::CEngine& engine = session.Engine();
   const auto between = session.Between();
   const standalone::CFoundFiles found =
       standalone::FindPythonFiles(options.paths, engine.Locations());
+  for (const standalone::CPathNote& bad : found.bad) {
+    Complain(NoteLine(bad.path, bad.text));
+  }
   for (const standalone::CFoundFile& file : found.files) {
     const TextSet name_set = engine.Cache().GetAllScopeNames(file.loc);
     const std::vector<Text> names(name_set.begin(), name_set.end());
@@ -103,10 +113,29 @@ standalone::CCacheStats AskForAll(const COptions& options) {
       break;
     }
   }
-  return standalone::GetCacheStats(engine.Cache());
+  return {standalone::GetCacheStats(engine.Cache()), standalone::GetMemoryUse(engine),
+          found.bad.empty()};
 }
 
-std::string ToTable(const standalone::CCacheStats& stats) {
+// A line for each owner, below the one that it is a part of.
+void AddOwners(const CMemoryUse& owner, size_t depth, std::string& text) {
+  text += fmt::format("  {:<9} {:>10}  {:{}}{}\n", depth == 0 ? "memory" : "",
+                      ByteSize(owner.Total()), "", 2 * depth, owner.name);
+  for (const CMemoryUse& part : owner.parts) {
+    AddOwners(part, depth + 1, text);
+  }
+}
+
+ordered_json ToJson(const CMemoryUse& owner) {
+  ordered_json json = {{"bytes", owner.Total()}};
+  for (const CMemoryUse& part : owner.parts) {
+    json[part.name] = ToJson(part);
+  }
+  return json;
+}
+
+std::string ToTable(const CCacheReport& report) {
+  const standalone::CCacheStats& stats = report.stats;
   std::string text = "\nA cache that was asked twice for every scope of the named files\n";
   const auto line = [&text](std::string_view name, const std::string& value) {
     text += fmt::format("  {:<9} {}\n", name, value);
@@ -123,7 +152,7 @@ std::string ToTable(const standalone::CCacheStats& stats) {
                    Grouped(stats.merged_records), Grouped(stats.merged_hits),
                    Grouped(stats.merged_hits + stats.merged_misses), 100 * stats.MergedHitRate()));
   line("decoded", Counted(stats.live_records, "record"));
-  line("memory", fmt::format("{} of the process", ByteSize(stats.resident_bytes)));
+  AddOwners(report.memory, 0, text);
   return text;
 }
 
@@ -139,23 +168,24 @@ int RunStats(const COptions& options) {
   const standalone::CSqliteDbStats stats = db->Stats();
   const CStaleCounts stale = CountStaleFiles(*db);
   db.reset();
-  std::optional<standalone::CCacheStats> cache;
+  std::optional<CCacheReport> cache;
   if (!options.paths.empty()) {
     cache = AskForAll(options);
   }
   if (options.json) {
     ordered_json json = ToJson(path, stats, stale);
     if (cache) {
-      for (const auto& [name, value] : cache->Items()) {
+      for (const auto& [name, value] : cache->stats.Items()) {
         json["cache"][std::string(name)] = value;
       }
-      json["cache"]["merged_hit_rate"] = cache->MergedHitRate();
+      json["cache"]["merged_hit_rate"] = cache->stats.MergedHitRate();
+      json["memory"] = ToJson(cache->memory);
     }
     WriteJson(json);
   } else {
     Write(ToTable(path, stats, stale) + (cache ? ToTable(*cache) : ""));
   }
-  return kExitOk;
+  return cache && !cache->all_found ? kExitFailed : kExitOk;
 }
 
 }  // namespace pysource::tools

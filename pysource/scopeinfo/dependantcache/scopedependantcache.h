@@ -143,6 +143,15 @@ class CScopeDependantCache final : public CScopeDependency {
     }
   }
 
+  // Bytes of the table and of the lists of scopes, without what keys and values hold elsewhere.
+  size_t TableMemoryUse() const {
+    size_t bytes = _fCache.MemoryUse();
+    for (const auto& [key, entry] : _fCache) {
+      bytes += entry.scopes.MemoryUse();
+    }
+    return bytes;
+  }
+
   template <class K>
   bool Contains(const K& key) const {
     return _fCache.Contains(key);

@@ -7,6 +7,7 @@
 #include "pysource/host/assertions.h"
 #include "pysource/host/infocachebase.h"
 #include "pysource/host/logger.h"
+#include "pysource/host/memoryuse.h"
 #include "pysource/host/repr.h"
 #include "pysource/host/symbolinfo.h"
 
@@ -279,7 +280,7 @@ size_t CScopeDependency::IndexMemoryUse() const {
   for (const auto& [loc, scope_dict] : _fCacheKeysForLoc) {
     bytes += scope_dict.MemoryUse();
     for (const auto& [name, scope] : scope_dict) {
-      bytes += sizeof(CDependedScope) + scope->entries.MemoryUse();
+      bytes += sizeof(CDependedScope) + HeapUse(scope->ref.scope) + scope->entries.MemoryUse();
     }
   }
   return bytes;

@@ -58,6 +58,7 @@ class CDependedScopes {
   Iterator begin() const { return Iterator(_fScopes.data()); }
   Iterator end() const { return Iterator(_fScopes.data() + _fScopes.size()); }
   bool Contains(Loc loc, TextView scope_name) const;
+  size_t MemoryUse() const noexcept { return _fScopes.capacity() * sizeof(CDependedScope*); }
 
  private:
   friend class CScopeDependency;
@@ -116,6 +117,7 @@ class CScopeDependency {
   // Switches the self-check on.
   bool _fEnableValidityChecks = false;
 
+  // Bytes of the index of scopes.
   size_t IndexMemoryUse() const;
 
  protected:

@@ -305,4 +305,27 @@ void CCrossFileData::CheckInvariants() const {
   _fDependentScans.AssertValidImpl();
 }
 
+CMemoryUse CCrossFileData::MemoryUse() const {
+  return {"key sets",
+          0,
+          {{"known",
+            _fAllInfoKeys.MemoryUse() + _fInfoKeysByScannedLoc.MemoryUse() +
+                _fInfoKeysByForLoc.MemoryUse(),
+            {}},
+           {"to be scanned again",
+            _fAllNeedsScanInfoKeys.MemoryUse() + _fNeedsScanInfoKeyByScannedLoc.MemoryUse() +
+                _fNeedsScanInfoKeyByForLoc.MemoryUse(),
+            {}},
+           {"in the database",
+            _fAllInDatabaseInfoKeys.MemoryUse() + _fInDatabaseInfoKeysByForLoc.MemoryUse(),
+            {}},
+           {"to be written",
+            _fAllToWriteInfoKeys.MemoryUse() + _fToWriteInfoKeysByForLoc.MemoryUse(),
+            {}},
+           {"could not be written", _fAllCouldNotWriteInfoKeys.MemoryUse(), {}},
+           {"what scans looked at",
+            _fDependentScans.TableMemoryUse() + _fDependentScans.IndexMemoryUse(),
+            {}}}};
+}
+
 }  // namespace pysource::scopeinfo

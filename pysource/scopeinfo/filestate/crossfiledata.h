@@ -4,6 +4,7 @@
 
 #include "pysource/host/destroyable.h"
 #include "pysource/host/location.h"
+#include "pysource/host/memoryuse.h"
 #include "pysource/host/ordereddict.h"
 #include "pysource/host/text.h"
 #include "pysource/scopeinfo/dependantcache/scopedependantcache.h"
@@ -116,6 +117,8 @@ class CCrossFileData final : public CDestroyable {
   CScopeInfoKeySet GetDependentScanKeys(Loc loc, const TextSet& scope_name_set) const;
 
   void CheckInvariants() const;
+  // Of the sets and indexes, without the keys themselves and the live records.
+  CMemoryUse MemoryUse() const;
 
   CFileStateOwner& _fInfoCache;
 

@@ -14,6 +14,7 @@
 #include "pysource/host/cachemgr.h"
 #include "pysource/host/infocachebase.h"
 #include "pysource/host/logger.h"
+#include "pysource/host/memoryuse.h"
 #include "pysource/host/ordereddict.h"
 #include "pysource/host/savable.h"
 #include "pysource/host/scoperef.h"
@@ -71,7 +72,7 @@ struct CScopeInfoToRemove {
 // service throws passes through; what was done before stays done.
 //
 // Each source file is one path: infocache.cc wiring, read.cc, add.cc, invalidate.cc, write.cc,
-// trim.cc, changes.cc, queries.cc, debugdump.cc.
+// trim.cc, changes.cc, queries.cc, debugdump.cc, memory.cc.
 class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
  public:
   // The database of `ana_mgr`, and the managers of the singletons, must be there and outlive the
@@ -180,7 +181,8 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
   CCrossFileData& DbgGetCrossFileData() { return _fCrossFileData; }
   // Whether a merged record is held that rests on a scope of the file.
   bool HasMergedInfoOf(Loc loc) const;
-  // Sizes, for reports.
+  // Sizes, for reports. MemoryUse walks everything.
+  CMemoryUse MemoryUse() const;
   size_t UsedScopeCount() const { return _fUsedScopesDict.size(); }
   size_t MergedInfoCount() const { return _fMergedInfoCache.Size(); }
   uint64_t MergedInfoHits() const { return _fMergedInfoCache.fHits; }

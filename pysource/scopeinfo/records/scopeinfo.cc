@@ -5,6 +5,7 @@
 #include "pysource/host/analysismgr.h"
 #include "pysource/host/assertions.h"
 #include "pysource/host/errors.h"
+#include "pysource/host/memoryuse.h"
 #include "pysource/host/repr.h"
 #include "pysource/host/singleton.h"
 #include "pysource/host/strutils.h"
@@ -112,6 +113,19 @@ bool CScopeInfo::IsNameFilteredOut(TextView name) const {
     return false;
   }
   return import_all_set ? !import_all_set->contains(name) : name.starts_with('_');
+}
+
+size_t CScopeInfo::MemoryUse(std::unordered_set<const void*>& seen) const {
+  size_t bytes = sizeof(CScopeInfo) + _fArena.MemoryUse(seen) + type_equivs.MemoryUse(seen);
+  for (const std::optional<CStrDict>* const dict : {&_domains, &inst_type_equivs, &_inst_domains}) {
+    bytes += *dict ? (*dict)->MemoryUse(seen) : 0;
+  }
+  bytes += _serialized_data ? HeapUse(*_serialized_data) : 0;
+  bytes += import_all_set ? HeapUse(*import_all_set) : 0;
+  if (merged_keys != kEmptyKeySet && merged_keys != nullptr) {
+    bytes += sizeof(CScopeInfoKeySet) + merged_keys->MemoryUse();
+  }
+  return bytes;
 }
 
 Text CScopeInfo::Repr() const {

@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <optional>
+#include <unordered_set>
 #include <vector>
 
 #include "pysource/host/arena.h"
@@ -74,6 +75,10 @@ class CScopeInfo {
 
   // Whether a copy made for "from m import *" leaves the name out.
   bool IsNameFilteredOut(TextView name) const;
+
+  // Bytes of the object and of what it holds but for its key and what it has seen. `seen` keeps
+  // memory that it shares with a copy from being counted twice.
+  size_t MemoryUse(std::unordered_set<const void*>& seen) const;
 
   // "CScopeInfo(loc, for_scope, scanned_scope, disk_mtime, incomplete)".
   Text Repr() const;

@@ -53,4 +53,16 @@ CCacheStats GetCacheStats(scopeinfo::CInfoCache& cache) {
           .resident_bytes = ResidentBytes()};
 }
 
+CMemoryUse GetMemoryUse(CEngine& engine) {
+  CMemoryUse process{"process",
+                     0,
+                     {engine.Cache().MemoryUse(),
+                      {"database cache", engine.Database().MemoryUse(), {}},
+                      {"locations", engine.Locations().MemoryUse(), {}}}};
+  const size_t resident = ResidentBytes();
+  const size_t owned = process.Total();
+  process.own = resident > owned ? resident - owned : 0;
+  return process;
+}
+
 }  // namespace pysource::standalone

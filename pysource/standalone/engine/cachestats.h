@@ -1,5 +1,5 @@
-// How much the info cache holds, in numbers, for reports of live processes. Looking changes
-// nothing.
+// How much the info cache holds, in numbers, and who holds how much memory, for reports of live
+// processes. Looking changes nothing.
 #pragma once
 
 #include <cstddef>
@@ -8,7 +8,9 @@
 #include <utility>
 #include <vector>
 
+#include "pysource/host/memoryuse.h"
 #include "pysource/scopeinfo/infocache/infocache.h"
+#include "pysource/standalone/engine/engine.h"
 
 namespace pysource::standalone {
 
@@ -34,5 +36,9 @@ struct CCacheStats {
 };
 
 CCacheStats GetCacheStats(scopeinfo::CInfoCache& cache);
+
+// Who holds the memory of a process with one engine. What no part owns up to, the program itself
+// and the allocator's overhead among it, is the first level's own. Walks the whole cache.
+CMemoryUse GetMemoryUse(CEngine& engine);
 
 }  // namespace pysource::standalone

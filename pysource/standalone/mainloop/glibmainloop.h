@@ -14,8 +14,15 @@
 
 #include "pysource/host/velk.h"
 
-// NOLINTNEXTLINE(bugprone-reserved-identifier): what GLib calls it; its headers stay out of ours
+// What GLib calls it; its headers stay out of ours.
+#ifdef __clang__
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wreserved-identifier"
+#endif
 typedef struct _GMainContext GMainContext;
+#ifdef __clang__
+#pragma clang diagnostic pop
+#endif
 
 namespace pysource::standalone {
 

@@ -614,14 +614,19 @@ class CSqliteAnalysisDb::CImpl {
     const uint64_t page = count("PRAGMA page_size");
     stats.database_bytes = page * count("PRAGMA page_count");
     stats.free_bytes = page * count("PRAGMA freelist_count");
+    return stats;
+  }
+
+  size_t MemoryUse() const {
+    size_t bytes = 0;
     for (const int what :
          {SQLITE_DBSTATUS_CACHE_USED, SQLITE_DBSTATUS_SCHEMA_USED, SQLITE_DBSTATUS_STMT_USED}) {
       int now = 0;
       int highest = 0;
       sqlite3_db_status(_fConnection->Handle(), what, &now, &highest, 0);
-      stats.cache_bytes += static_cast<uint64_t>(now);
+      bytes += static_cast<size_t>(now);
     }
-    return stats;
+    return bytes;
   }
 
   std::vector<Text> Verify() {
@@ -1355,6 +1360,8 @@ void CSqliteAnalysisDb::VisitAllRecords(const std::function<void(const CStoredRo
     return true;
   });
 }
+
+size_t CSqliteAnalysisDb::MemoryUse() const { return _fImpl->MemoryUse(); }
 
 CSqliteDbStats CSqliteAnalysisDb::Stats() {
   return _fImpl->Looking<CSqliteDbStats>("counting", [&] { return _fImpl->Stats(); });

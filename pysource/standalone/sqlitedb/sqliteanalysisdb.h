@@ -79,7 +79,6 @@ struct CSqliteDbStats {
   uint64_t scopes_seen_bytes = 0;  // those of records that have not seen just their own file
   uint64_t database_bytes = 0;     // pages of the database, free ones included
   uint64_t free_bytes = 0;         // of these, in pages that wait to be used again
-  uint64_t cache_bytes = 0;        // memory that SQLite holds for this connection
 };
 
 class CSqliteAnalysisDb final : public CAnalysisDb {
@@ -136,6 +135,8 @@ class CSqliteAnalysisDb final : public CAnalysisDb {
   // Every row, those that no read would hand out included, file by file.
   void VisitAllRecords(const std::function<void(const CStoredRow&)>& visit);
   CSqliteDbStats Stats();
+  // Bytes that SQLite holds for this connection, most of it pages of the database.
+  size_t MemoryUse() const;
   // SQLite's own check of every page, then of every row; what is wrong, a line each.
   std::vector<Text> Verify();
 
