@@ -140,6 +140,9 @@ says out '41 known, 41 in the database, 0 to be written' '36 records; 36 of 72 r
 touch -d '2 hours ago' notebook/model.py
 run 0 stats --json
 json 'j["files"] == 6 and j["files_changed"] == 1 and j["records"] == sum(j["records_by_scan"].values())'
+run 1 stats notebook missing --json
+says err 'missing: No such file or directory'
+json '0 < j["memory"]["info cache"]["records"]["bytes"] < j["memory"]["info cache"]["bytes"] < j["memory"]["bytes"]'
 run 0 verify
 says err 'model.py: has changed since it was stored'
 run 0 index notebook

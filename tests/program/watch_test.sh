@@ -198,7 +198,7 @@ fi
 # ---- Statistics.
 step
 kill -USR1 "$watch"
-says '"event":"statistics"' '"to_write":0' '"needs_scan":0' '"merged_hit_rate"' '"resident_bytes"'
+says '"event":"statistics"' '"to_write":0' '"needs_scan":0' '"merged_hit_rate"' '"memory":{"bytes":' '"key sets":{"bytes":'
 
 # ---- Interrupted in the midst of work: all is written that was said to be scanned.
 step
@@ -211,6 +211,28 @@ scanned=$(since | sed -n 's|^{"event":"scanned","file":"\(.*\)"}$|\1|p' | sort -
 for file in $scanned; do
   [[ ! -f $file ]] || stored "$file" Note colour
 done
+
+# ---- Derived answers rest on scopes of other files: they go with those, others stay.
+mkdir derived
+echo 'class Base: colour = "red"' >derived/base.py
+printf 'from base import Base\nclass Mid(Base): pass\n' >derived/mid.py
+printf 'import mid\nclass Leaf(mid.Mid): size = 1\nleaf = Leaf()\n' >derived/leaf.py
+start derived --resolve derived/leaf.py::leaf.colour --resolve derived/leaf.py::leaf.size
+says '"event":"ready"' '"name":"leaf.size","definitions":[{"file":"'"$PWD"'/derived/leaf.py","scope":"Leaf"' \
+  '"name":"leaf.colour","definitions":[{"file":"'"$PWD"'/derived/base.py","scope":"Base"'
+step
+echo 'class Base: shade = "dark"' >derived/base.py
+ready base.py
+says '"event":"answer-purged"' '"name":"leaf.colour","definitions":[]'
+step
+printf 'from base import Base\nclass Mid(Base):\n  colour = 1\n' >derived/mid.py
+ready mid.py
+says '"event":"answer-purged"' '"name":"leaf.colour","definitions":[{"file":"'"$PWD"'/derived/mid.py","scope":"Mid"'
+stored derived/mid.py Mid colour
+says_not '"name":"leaf.size"'
+in_step derived
+kill -TERM "$watch"
+ended 0
 
 # ---- Killed: nothing that was written is lost, and the next life goes on from there.
 rm notebook/m*.py

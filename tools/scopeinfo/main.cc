@@ -129,7 +129,7 @@ int Run(int argc, char** argv) {
           "Say where NAME of SCOPE (may be empty) is defined, and again when that changes; "
           "can be repeated")
       ->type_name("FILE:SCOPE:NAME")
-      ->expected(1);
+      ->allow_extra_args(false);
   command->footer(kWatchFooter);
 
   command = add("show", "Show what a scope defines, merged from all its scans", RunShow);

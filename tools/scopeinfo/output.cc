@@ -126,4 +126,12 @@ std::string CTable::ToString(std::string_view indent) const {
   return text;
 }
 
+nlohmann::ordered_json ToJson(const CMemoryUse& owner) {
+  nlohmann::ordered_json json = {{"bytes", owner.Total()}};
+  for (const CMemoryUse& part : owner.parts) {
+    json[part.name] = ToJson(part);
+  }
+  return json;
+}
+
 }  // namespace pysource::tools

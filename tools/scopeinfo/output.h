@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "pysource/host/memoryuse.h"
 #include "pysource/host/text.h"
 
 namespace pysource::tools {
@@ -30,6 +31,8 @@ std::string NoteLine(const std::string& path, const std::string& text);
 std::string Grouped(size_t number);
 // "1 file", "2 files".
 std::string Counted(size_t number, std::string_view what);
+// {"bytes": all of it, and for each part its name: the same}.
+nlohmann::ordered_json ToJson(const CMemoryUse& owner);
 // 1234567 bytes as "1.2 MB".
 std::string ByteSize(size_t bytes);
 

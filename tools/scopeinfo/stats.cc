@@ -126,14 +126,6 @@ void AddOwners(const CMemoryUse& owner, size_t depth, std::string& text) {
   }
 }
 
-ordered_json ToJson(const CMemoryUse& owner) {
-  ordered_json json = {{"bytes", owner.Total()}};
-  for (const CMemoryUse& part : owner.parts) {
-    json[part.name] = ToJson(part);
-  }
-  return json;
-}
-
 std::string ToTable(const CCacheReport& report) {
   const standalone::CCacheStats& stats = report.stats;
   std::string text = "\nA cache that was asked twice for every scope of the named files\n";

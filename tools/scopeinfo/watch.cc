@@ -117,7 +117,7 @@ class CEvents {
     Say("database-changed", Counted(paths.size(), "file"), {{"files", paths}});
   }
 
-  void SayStatistics(const standalone::CCacheStats& stats) {
+  void SayStatistics(const standalone::CCacheStats& stats, const CMemoryUse& memory) {
     std::string text;
     Json json;
     for (const auto& [name, value] : stats.Items()) {
@@ -126,6 +126,7 @@ class CEvents {
     }
     text += fmt::format("merged_hit_rate={:.3f}", stats.MergedHitRate());
     json["merged_hit_rate"] = stats.MergedHitRate();
+    json["memory"] = ToJson(memory);
     Say("statistics", text, json);
   }
 
@@ -306,8 +307,9 @@ int RunWatch(const COptions& options) {
                 [&events](CInfoCacheBase&, const CNeedsScanSet& needs_scan, Priority priority) {
                   events.SayNeedsScan(needs_scan, priority);
                 });
-  const CSignalSource statistics(loop, SIGUSR1,
-                                 [&] { events.SayStatistics(standalone::GetCacheStats(cache)); });
+  const CSignalSource statistics(loop, SIGUSR1, [&] {
+    events.SayStatistics(standalone::GetCacheStats(cache), standalone::GetMemoryUse(live.Engine()));
+  });
 
   live.Start();
   loop.Run();
