@@ -263,6 +263,16 @@ TEST(StrDict, DoesWhatAListOfPairsDoes) {
     CStrDict dict;
     std::vector<std::pair<Text, Bytes>> model;
     std::vector<std::pair<BytesView, Bytes>> held;  // values that were looked up, and their text
+    // A copy of it, taken now and then: what is done to the one is not seen in the other.
+    CStrDict copy;
+    auto copy_model = model;
+    auto copy_held = held;
+    const auto equal = [](const CStrDict& a, const auto& b) {
+      return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                        [](const CStrDict::Item& item, const auto& pair) {
+                          return item.first == pair.first && item.second == pair.second;
+                        });
+    };
     for (size_t step = 0; step < 1500; ++step) {
       // Mostly ascending, as from a decoder.
       const size_t number = (random.OneIn(10) ? random.Below(name_count) : step / 7) % name_count;
@@ -283,6 +293,14 @@ TEST(StrDict, DoesWhatAListOfPairsDoes) {
       } else if (random.OneIn(100)) {
         held.clear();
         dict = CStrDict(dict);
+      } else if (random.OneIn(20)) {
+        copy = dict;
+        copy_model = model;
+        copy_held.clear();
+      } else if (random.OneIn(20)) {
+        std::swap(copy, dict);
+        std::swap(copy_model, model);
+        std::swap(copy_held, held);
       } else {
         // A value may come out of the dictionary itself.
         const BytesView stored = random.OneIn(4) && !dict.empty()
@@ -295,12 +313,11 @@ TEST(StrDict, DoesWhatAListOfPairsDoes) {
         }
         dict.Set(name, stored);
       }
-      ASSERT_TRUE(std::equal(dict.begin(), dict.end(), model.begin(), model.end(),
-                             [](const CStrDict::Item& item, const auto& pair) {
-                               return item.first == pair.first && item.second == pair.second;
-                             }));
+      ASSERT_TRUE(equal(dict, model));
+      ASSERT_TRUE(equal(copy, copy_model));
       ASSERT_TRUE(!dict.IsAscending() || std::is_sorted(model.begin(), model.end()));
     }
+    held.insert(held.end(), copy_held.begin(), copy_held.end());
     for (const auto& [view, bytes] : held) {
       ASSERT_EQ(view, bytes);
     }
