@@ -168,6 +168,7 @@ void CPerFileEntry::AfterRecordRemoved(const CSerializedRecord& record) {
 CPerFileEntry::DatabaseRecords CPerFileEntry::GetDatabaseRecords(
     const CScopeInfoKeySet& key_set) const {
   DatabaseRecords result;
+  result.data_list.reserve(key_set.size());
   for (const CScopeInfoKey& key : key_set) {
     Assert(!AssertionsActive() || !_fCrossFileData._fAllNeedsScanInfoKeys.contains(key));
     const RecordList* const records = serialized_data_dict.Find(key.for_scope());

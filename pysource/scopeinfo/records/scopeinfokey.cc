@@ -68,16 +68,10 @@ CScopeInfoKey::CScopeInfoKey(Loc for_loc, TextView for_scope, std::optional<Text
   }
 }
 
-bool CScopeInfoKey::Equals(const CScopeInfoKey& other) const noexcept {
-  if (_fRep == nullptr || other._fRep == nullptr) {
-    return false;
-  }
-  if (_fRep == other._fRep) {
-    return true;
-  }
-  return _fRep->hash == other._fRep->hash && for_loc() == other.for_loc() &&
-         for_scope() == other.for_scope() && scan_name() == other.scan_name() &&
-         scanned_loc() == other.scanned_loc() && scanned_scope() == other.scanned_scope();
+bool CScopeInfoKey::HasSameFields(const CScopeInfoKey& other) const noexcept {
+  return for_loc() == other.for_loc() && for_scope() == other.for_scope() &&
+         scan_name() == other.scan_name() && scanned_loc() == other.scanned_loc() &&
+         scanned_scope() == other.scanned_scope();
 }
 
 bool operator<=(const CScopeInfoKey& a, const CScopeInfoKey& b) {

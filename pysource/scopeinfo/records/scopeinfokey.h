@@ -66,7 +66,13 @@ class CScopeInfoKey {
   size_t Hash() const noexcept { return _fRep == nullptr ? 0 : static_cast<size_t>(_fRep->hash); }
 
   // Whether both are keys with equal fields, looked at in declared order.
-  bool Equals(const CScopeInfoKey& other) const noexcept;
+  bool Equals(const CScopeInfoKey& other) const noexcept {
+    if (_fRep == other._fRep) {
+      return _fRep != nullptr;
+    }
+    return _fRep != nullptr && other._fRep != nullptr && _fRep->hash == other._fRep->hash &&
+           HasSameFields(other);
+  }
 
   // An absent key is equal to nothing, not even to another absent one...
   friend bool operator==(const CScopeInfoKey& a, const CScopeInfoKey& b) noexcept {
@@ -116,6 +122,8 @@ class CScopeInfoKey {
     }
     return TextView(_fRep->Chars() + at, size);
   }
+
+  bool HasSameFields(const CScopeInfoKey& other) const noexcept;
 
   Rep* _fRep = nullptr;
 };
