@@ -1,5 +1,6 @@
 #include "pysource/host/bytebuffer.h"
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 #include <utility>
@@ -13,6 +14,9 @@ namespace {
 // Scratch memory beyond this is given back after use.
 constexpr size_t kMostScratchKept = size_t{1} << 20;
 
+// What a buffer begins with: most records fit.
+constexpr size_t kFirstRoom = 512;
+
 // What the strings of a message may expand to: this much for every byte of it, and a flat
 // allowance. Real records expand two- to fivefold; the allowance is far above any scope that was
 // ever written.
@@ -25,11 +29,35 @@ constexpr size_t kExpansionAllowance = size_t{16} << 20;
 
 }  // namespace
 
+void CWritableByteBuffer::WriteStr(BytesView bytes) {
+  std::copy(bytes.begin(), bytes.end(), Room(bytes.size()));
+  Count(bytes.size());
+}
+
+void CWritableByteBuffer::WriteLongInt(uint64_t value) {
+  do {
+    const auto bits = static_cast<uint8_t>(value & 0x3F);
+    value >>= 6;
+    WriteByte(static_cast<uint8_t>(bits + (value != 0 ? 0x40 : 0xC0)));
+  } while (value != 0);
+}
+
 void CWritableByteBuffer::Reset() {
-  _fBytes.clear();
-  if (_fBytes.capacity() > kMostScratchKept) {
-    _fBytes.shrink_to_fit();
+  if (static_cast<size_t>(_fLimit - _fMemory.get()) > kMostScratchKept) {
+    *this = CWritableByteBuffer();
   }
+  _fEnd = _fMemory.get();
+}
+
+void CWritableByteBuffer::Grow(size_t more) {
+  const size_t used = size();
+  const size_t room = std::max(kFirstRoom, 2 * (used + more));
+  // Not make_unique, which would fill it with zeros.
+  std::unique_ptr<char[]> memory(new char[room]);
+  std::copy(_fMemory.get(), _fEnd, memory.get());
+  _fMemory = std::move(memory);
+  _fEnd = _fMemory.get() + used;
+  _fLimit = _fMemory.get() + room;
 }
 
 void CStrDictBatch::Clear() {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "pysource/host/strdict.h"
@@ -12,18 +13,45 @@ namespace pysource {
 
 class CWritableByteBuffer {
  public:
-  void WriteByte(uint8_t value) { _fBytes.push_back(static_cast<char>(value)); }
+  void WriteByte(uint8_t value) {
+    *Room(1) = static_cast<char>(value);
+    Count(1);
+  }
+  // In the integer form of messages.
+  void WriteInt(uint64_t value) {
+    if (value < 128) {
+      WriteByte(static_cast<uint8_t>(0x80 + value));
+    } else {
+      WriteLongInt(value);
+    }
+  }
   // Raw bytes, without length or other framing.
-  void WriteStr(BytesView bytes) { _fBytes.append(bytes); }
+  void WriteStr(BytesView bytes);
+  // Where the next bytes go, with room for `size` of them: the caller stores them and then counts
+  // those that are to stay.
+  char* Room(size_t size) {
+    if (!HasRoom(size)) {
+      Grow(size);
+    }
+    return _fEnd;
+  }
+  bool HasRoom(size_t size) const noexcept { return static_cast<size_t>(_fLimit - _fEnd) >= size; }
+  void Count(size_t size) noexcept { _fEnd += size; }
   // Empties the buffer and keeps its memory, unless one huge message left it huge.
   void Reset();
   // A copy of the whole content, which stays in place.
-  Bytes ToString() const { return _fBytes; }
+  Bytes ToString() const { return Bytes(View()); }
   // The same without a copy; good until the next write or reset.
-  BytesView View() const noexcept { return _fBytes; }
+  BytesView View() const noexcept { return {_fMemory.get(), size()}; }
+  size_t size() const noexcept { return static_cast<size_t>(_fEnd - _fMemory.get()); }
 
  private:
-  Bytes _fBytes;
+  void Grow(size_t more);
+  void WriteLongInt(uint64_t value);
+
+  std::unique_ptr<char[]> _fMemory;
+  char* _fEnd = nullptr;    // of what was written
+  char* _fLimit = nullptr;  // of the memory
 };
 
 // Strings and dictionaries read from one message, on their way into one block of memory. They are

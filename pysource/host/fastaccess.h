@@ -4,9 +4,8 @@
 #include <bit>
 #include <cstdint>
 #include <optional>
-#include <vector>
 
-#include "pysource/host/hashindex.h"
+#include "pysource/host/bytestokenizer.h"
 #include "pysource/host/location.h"
 #include "pysource/host/text.h"
 
@@ -43,52 +42,5 @@ bool IsAlnum(char c);
 // Whether `sub` occurs in `whole`. Each of them ends at its first NUL. Throws CTypeError with "Both
 // sub and whole must be strings" when one is absent.
 bool StrInStr(std::optional<BytesView> sub, std::optional<BytesView> whole);
-
-// The token table of a message in the making: numbers each distinct piece of bytes in the order of
-// first use. Keeps its memory when it is cleared, so a table that is used again allocates nothing.
-class CBytesTokenizer {
- public:
-  CBytesTokenizer();
-
-  // The index of the token; a new one gets the present size and is copied.
-  uint32_t GetTokenIndex(BytesView token) {
-    const uint64_t hash = HashBytes(token);
-    const auto tag = static_cast<uint32_t>(hash >> 32);
-    for (size_t at = hash & _fMask;; at = (at + 1) & _fMask) {
-      const Cell& cell = _fCells[at];
-      if (cell.round != _fRound) {
-        return AddToken(token, at, tag);
-      }
-      if (cell.tag == tag && Token(cell.index) == token) {
-        return cell.index;
-      }
-    }
-  }
-
-  size_t size() const noexcept { return _fEnds.size(); }
-  bool empty() const noexcept { return _fEnds.empty(); }
-  // The bytes of a token, good until the next new one.
-  BytesView Token(size_t index) const {
-    const size_t begin = index == 0 ? 0 : _fEnds[index - 1];
-    return BytesView(_fText).substr(begin, _fEnds[index] - begin);
-  }
-  void clear();
-
- private:
-  // A cell counts only when it was filled in the present round: clearing is one increment.
-  struct Cell {
-    uint32_t tag;
-    uint32_t index;
-    uint32_t round;
-  };
-  uint32_t AddToken(BytesView token, size_t cell, uint32_t tag);
-  void Grow();
-
-  std::vector<Cell> _fCells;  // open addressing; size is a power of two
-  size_t _fMask = 0;
-  uint32_t _fRound = 1;
-  Bytes _fText;                // the tokens one after the other, in index order
-  std::vector<size_t> _fEnds;  // where each token ends in _fText
-};
 
 }  // namespace pysource

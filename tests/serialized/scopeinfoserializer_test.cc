@@ -264,6 +264,8 @@ TEST_F(ScopeInfoSerializerTest, RandomRecordsAndDamageAsTheNaiveCodecHasThem) {
     for (size_t i = pick(6); i > 0; --i) {
       result += pick(2) == 0 ? Text(1, " (),.[]"[pick(7)]) : words[pick(words.size())];
       result += pick(3) == 0 ? std::to_string(pick(500)) : "";
+      // Lengths around those up to which bytes are taken in words and searched at once.
+      result += pick(9) == 0 ? Text(pick(70), 'w') : "";
     }
     return result;
   };
@@ -328,6 +330,18 @@ TEST_F(ScopeInfoSerializerTest, AMessageThatFailsLeavesItsTokensUntilClear) {
   fSerializer.Clear();
   EXPECT_EQ(fSerializer.fEncodedReader.ReadTokenizedStr(), ":c(Base)") << "Clear is for writing";
   EXPECT_EQ(fSerializer.WriteScopeInfo(*empty), empty_record);
+}
+
+TEST_F(ScopeInfoSerializerTest, AnOverriddenPieceIsAskedForEveryToken) {
+  struct CSpy : CScopeInfoSerializer {
+    uint32_t GetTokenIndex(BytesView token) override {
+      asked += Bytes(token) + "|";
+      return CScopeInfoSerializer::GetTokenIndex(token);
+    }
+    Bytes asked;
+  } spy;
+  EXPECT_EQ(spy.WriteScopeInfo(*Read(kRecord)), kRecord);
+  EXPECT_EQ(spy.asked, ":c|(|Base|)|x|a;b|x|a;b|x|:@;c|x|a;b|");
 }
 
 class ScopesSeenTest : public ScopeInfoSerializerTest {

@@ -3,27 +3,17 @@
 #include <algorithm>
 #include <array>
 #include <memory>
+#include <typeinfo>
 
 #include "pysource/host/assertions.h"
 #include "pysource/host/errors.h"
 #include "pysource/host/logger.h"
 #include "pysource/host/repr.h"
 #include "pysource/host/symbolinfo.h"
+#include "pysource/scopeinfo/serialized/separators.h"
 
 namespace pysource::scopeinfo {
 namespace {
-
-constexpr std::array<bool, 256> MakeSeparators() {
-  std::array<bool, 256> is_separator{};
-  for (const char c : {' ', '(', ')', ',', '.', '[', ']'}) {
-    is_separator[static_cast<unsigned char>(c)] = true;
-  }
-  return is_separator;
-}
-
-constexpr std::array<bool, 256> kIsSeparator = MakeSeparators();
-
-bool IsSeparator(char c) { return kIsSeparator[static_cast<unsigned char>(c)]; }
 
 const CStrDict* OrNull(const std::optional<CStrDict>& dict) { return dict ? &*dict : nullptr; }
 
@@ -37,39 +27,82 @@ void CScopeInfoSerializer::Clear() {
   fTokens.clear();
 }
 
-void CScopeInfoSerializer::WriteInt(uint64_t value) {
-  if (value < 128) {
-    fWriteBuffer.WriteByte(static_cast<uint8_t>(0x80 + value));
-    return;
-  }
-  do {
-    const auto bits = static_cast<uint8_t>(value & 0x3F);
-    value >>= 6;
-    fWriteBuffer.WriteByte(static_cast<uint8_t>(bits + (value != 0 ? 0x40 : 0xC0)));
-  } while (value != 0);
-}
+void CScopeInfoSerializer::WriteInt(uint64_t value) { fWriteBuffer.WriteInt(value); }
 
 void CScopeInfoSerializer::WriteStr(std::optional<BytesView> s) {
   if (!s) {
     throw CTypeError("an absent string cannot be written");
   }
-  const size_t size = s->size();
+  if (OverridesPieces()) {
+    WriteStrByPieces(*s);
+  } else {
+    WriteWholeStr(*s);
+  }
+}
+
+bool CScopeInfoSerializer::OverridesPieces() const {
+  return typeid(*this) != typeid(CScopeInfoSerializer);
+}
+
+void CScopeInfoSerializer::WriteStrByPieces(BytesView s) {
   const auto write_reference = [&](size_t begin, size_t end) {
-    const uint64_t index = GetTokenIndex(s->substr(begin, end - begin));
-    WriteInt(index * 2 + (end == size ? 1 : 0));
+    const uint64_t index = GetTokenIndex(s.substr(begin, end - begin));
+    WriteInt(index * 2 + (end == s.size() ? 1 : 0));
   };
   size_t start = 0;
-  for (size_t i = 0; i < size; ++i) {
-    if (IsSeparator((*s)[i])) {
-      if (start != i) {
-        write_reference(start, i);
-      }
-      write_reference(i, i + 1);
-      start = i + 1;
+  for (size_t i = s.find_first_of(kSeparators); i != BytesView::npos;
+       i = s.find_first_of(kSeparators, start)) {
+    if (start != i) {
+      write_reference(start, i);
     }
+    write_reference(i, i + 1);
+    start = i + 1;
   }
-  if (start != size || size == 0) {
-    write_reference(start, size);
+  if (start != s.size() || s.empty()) {
+    write_reference(start, s.size());
+  }
+}
+
+void CScopeInfoSerializer::WriteWholeStr(BytesView s) {
+  const size_t size = s.size();
+  // A string of fewer than eight bytes is looked at in a copy with zeros behind it, so that all
+  // that follows can load whole words.
+  char padded[kWordSize];
+  BytesView whole = s;
+  if (size < kWordSize) {
+    if (size == 0) {
+      fWriteBuffer.WriteInt(uint64_t{fTokens.GetTokenIndex(s)} * 2 + 1);
+      return;
+    }
+    StoreWord(padded, LoadShort(s.data(), size));
+    whole = BytesView(padded, kWordSize);
+  }
+  const char* const text = whole.data();
+  const char* const last_word = text + whole.size() - kWordSize;
+  size_t start = 0;
+  for (size_t chunk = 0; start < size; chunk += kMostSearched) {
+    const size_t left = size - chunk;
+    // What is left of a long string can be less than the search wants: then it begins earlier.
+    const size_t from = std::min(chunk, whole.size() - kWordSize);
+    uint64_t found = SeparatorsOf(text + from, std::min(whole.size() - from, kMostSearched));
+    found >>= chunk - from;
+    // The end of the string ends a run like a separator.
+    if (left < kMostSearched) {
+      found |= uint64_t{1} << left;
+    }
+    for (; found != 0; found &= found - 1) {
+      const size_t at = chunk + static_cast<size_t>(std::countr_zero(found));
+      if (start != at) {
+        const uint64_t index = fTokens.GetPieceIndex({text + start, at - start}, last_word);
+        fWriteBuffer.WriteInt(index * 2 + (at == size ? 1 : 0));
+      }
+      if (at == size) {
+        return;
+      }
+      start = at + 1;
+      const uint64_t index = fTokens.GetByteIndex(text[at]);
+      fWriteBuffer.WriteInt(index * 2 + (start == size ? 1 : 0));
+    }
   }
 }
 
@@ -79,10 +112,19 @@ void CScopeInfoSerializer::WriteStrDict(const CStrDict* dict) {
     return;
   }
   WriteInt(dict->size());
+  const bool by_pieces = OverridesPieces();
+  const auto write = [&](const CStrDict::Item& item) {
+    if (by_pieces) {
+      WriteStr(item.first);
+      WriteStr(item.second);
+    } else {
+      WriteWholeStr(item.first);
+      WriteWholeStr(item.second);
+    }
+  };
   if (dict->IsAscending()) {
-    for (const auto& [name, ibytes] : *dict) {
-      WriteStr(name);
-      WriteStr(ibytes);
+    for (const CStrDict::Item& item : *dict) {
+      write(item);
     }
     return;
   }
@@ -94,26 +136,26 @@ void CScopeInfoSerializer::WriteStrDict(const CStrDict* dict) {
   std::sort(_fSorted.begin(), _fSorted.end(),
             [](const auto* a, const auto* b) { return a->first < b->first; });
   for (const CStrDict::Item* item : _fSorted) {
-    WriteStr(item->first);
-    WriteStr(item->second);
+    write(*item);
   }
 }
 
 void CScopeInfoSerializer::WriteTokens() {
   WriteInt(fTokens.size());
-  for (size_t index = 0; index < fTokens.size(); ++index) {
-    const BytesView token = fTokens.Token(index);
-    WriteInt(token.size());
-    fWriteBuffer.WriteStr(token);
-  }
+  fWriteBuffer.WriteStr(fTokens.Table());
 }
 
 Bytes CScopeInfoSerializer::FinishMessage() {
-  _fContent.assign(fWriteBuffer.View());
-  fWriteBuffer.Reset();
-  WriteTokens();
-  fWriteBuffer.WriteStr(_fContent);
-  Bytes data = fWriteBuffer.ToString();
+  // The number of tokens is written behind the content and moves to the front with the table: so
+  // each byte is copied once, into memory of the right size.
+  const size_t content_size = fWriteBuffer.size();
+  WriteInt(fTokens.size());
+  const BytesView content = fWriteBuffer.View().substr(0, content_size);
+  const BytesView count = fWriteBuffer.View().substr(content_size);
+  const BytesView table = fTokens.Table();
+  Bytes data;
+  data.reserve(count.size() + table.size() + content.size());
+  data.append(count).append(table).append(content);
   Clear();
   return data;
 }

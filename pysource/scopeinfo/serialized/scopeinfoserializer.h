@@ -110,10 +110,14 @@ class CScopeInfoSerializer {
   CBytesTokenizer fTokens;                  // token table of the message being written
 
  private:
+  // Whether a derived class may want to see every string, token and integer: it is asked then for
+  // each. Otherwise strings are written in one go, which is several times quicker.
+  bool OverridesPieces() const;
+  void WriteStrByPieces(BytesView s);
+  void WriteWholeStr(BytesView s);
   // Puts the token table, which is known only now, in front of what was written, and clears.
   Bytes FinishMessage();
 
-  Bytes _fContent;                              // scratch of FinishMessage
   std::vector<const CStrDict::Item*> _fSorted;  // scratch of WriteStrDict
   CStrDictBatch _fBatch;                        // scratch of ReadScopeInfo
 };

@@ -1,0 +1,145 @@
+// The token table of a message in the making.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "pysource/host/bytebuffer.h"
+#include "pysource/host/text.h"
+#include "pysource/host/words.h"
+
+namespace pysource {
+
+// Numbers each distinct piece of bytes in the order of first use. Keeps its memory when it is
+// cleared, so a table that is used again allocates nothing.
+//
+// A record has some thirty pieces, half of them new, nearly all of up to sixteen bytes, and no
+// processor guesses which is new and which is longer than eight. So a piece is told apart by two
+// words that lie in the hash table, it is entered as if it were new in any case, and arithmetic
+// decides what of that counts. Pieces of one byte, mostly separators, need no search at all.
+class CBytesTokenizer {
+ public:
+  CBytesTokenizer();
+
+  // The index of the token; a new one gets the present size and is copied.
+  uint32_t GetTokenIndex(BytesView token) {
+    if (token.size() < kWordSize) {
+      char padded[kWordSize];
+      StoreWord(padded, LoadShort(token.data(), token.size()));
+      return GetPieceIndex(BytesView(padded, token.size()), padded);
+    }
+    return GetPieceIndex(token, token.data() + token.size() - kWordSize);
+  }
+
+  // The same for a piece of a longer string, of eight bytes at least, whose last eight bytes stand
+  // at `last_word`. Quicker, because a load need not stop at the end of the piece.
+  uint32_t GetPieceIndex(BytesView piece, const char* last_word) {
+    const size_t size = piece.size();
+    if (size == 1) {
+      return GetByteIndex(piece[0]);
+    }
+    if (size - 1 >= kMostInKey || _fCount >= _fMostCount || !_fTable.HasRoom(1 + kMostInKey)) {
+      return GetIndexSlowly(piece);
+    }
+    const CKey key = KeyOf(piece, last_word);
+    size_t at = key.Hash() >> _fShift;
+    while (_fCells[at].IsAnother(key, _fRound)) {
+      at = (at + 1) & _fMask;
+    }
+    char* const next = _fTable.Room(1 + kMostInKey);
+    next[0] = static_cast<char>(0x80 + size);
+    const uint64_t beyond = Mask(size > kWordSize);
+    StoreWord(next + 1, key.first);
+    StoreWord(next + 1 + ((size - kWordSize) & beyond), key.last | (key.first & ~beyond));
+    _fCells[at].key = key;
+    return Enter(_fCells[at].place, 1 + size);
+  }
+  // The same for the token of this one byte.
+  uint32_t GetByteIndex(char byte) {
+    char* const next = _fTable.Room(2);
+    next[0] = static_cast<char>(0x80 + 1);
+    next[1] = byte;
+    return Enter(_fBytes[static_cast<unsigned char>(byte)], 2);
+  }
+
+  size_t size() const noexcept { return _fCount; }
+  bool empty() const noexcept { return _fCount == 0; }
+  // The bytes of a token, good until the next new one. Walks over those before it.
+  BytesView Token(size_t index) const;
+  // What a message holds of the tokens: of each, in order of the indices, its length and its bytes.
+  // Good until the next new token.
+  BytesView Table() const noexcept { return _fTable.View(); }
+  void clear();
+
+ private:
+  static constexpr size_t kMostInKey = 2 * kWordSize;
+
+  static uint64_t Mask(bool set) noexcept { return uint64_t{0} - (set ? 1 : 0); }
+
+  // All of a token of one to kMostInKey bytes.
+  struct CKey {
+    uint64_t first;  // the first eight bytes, or what there is
+    uint64_t last;   // the last eight of more than eight; they overlap the first
+    // Of a longer token both words are its ends, and this is kLong and the place in _fTable.
+    uint64_t size;
+
+    // The high bits are the good ones: they depend on all bits of the key.
+    uint64_t Hash() const noexcept {
+      return (first + size) * 0x9E3779B97F4A7C15ULL + last * 0xC2B2AE3D27D4EB4FULL;
+    }
+  };
+  // A round in the high half, an index in the low one. It counts only when it was filled in the
+  // present round: clearing is one increment.
+  using Place = uint64_t;
+  struct CCell {
+    CKey key;
+    Place place;
+
+    bool IsAnother(const CKey& other, uint64_t round) const noexcept {
+      const uint64_t differs =
+          (key.first ^ other.first) | (key.last ^ other.last) | (key.size ^ other.size);
+      return (differs & Mask(place >> 32 == round)) != 0;
+    }
+  };
+
+  static CKey KeyOf(BytesView piece, const char* last_word) {
+    // A load that would pass the end of the string begins earlier, and the bytes before the piece
+    // are shifted out.
+    const char* const from = std::min(piece.data(), last_word);
+    const uint64_t word = LoadWord(from) >> (8 * (piece.data() - from));
+    const uint64_t beyond = Mask(piece.size() > kWordSize);
+    const uint64_t last = LoadWord(from + ((piece.size() - kWordSize) & beyond)) & beyond;
+    return {FirstBytes(word, piece.size()), last, piece.size()};
+  }
+
+  // Enters the token that stands behind the end of _fTable, in the place that is its own or free.
+  uint32_t Enter(Place& place, size_t table_size) {
+    const uint64_t is_new = Mask(place >> 32 != _fRound);
+    const uint64_t index = (place & ~is_new & 0xFFFFFFFF) | (_fCount & is_new);
+    place = _fRound << 32 | index;
+    _fCount -= is_new;
+    _fTable.Count(table_size & is_new);
+    return static_cast<uint32_t>(index);
+  }
+  uint32_t GetIndexSlowly(BytesView piece);
+  uint32_t GetEmptyIndex();
+  uint32_t GetLongIndex(BytesView token);
+  void SetCells(size_t size);
+  void Grow();
+
+  // Open addressing; the number of cells in use is a power of two. It starts small in each round,
+  // so that a record of the usual size finds its cells close together.
+  std::vector<CCell> _fCells;
+  size_t _fMask = 0;         // one less than their number
+  unsigned _fShift = 0;      // makes the number of a cell of a hash
+  uint64_t _fMostCount = 0;  // tokens, from which on there are more cells
+  uint64_t _fRound = 1;      // of 32 bits
+  uint64_t _fCount = 0;
+  std::array<Place, 256> _fBytes{};
+  Place _fEmpty = 0;
+  CWritableByteBuffer _fTable;
+};
+
+}  // namespace pysource

@@ -1,0 +1,63 @@
+// Short runs of bytes taken as one or two 64-bit words, so that a name of the usual length is
+// compared, hashed and copied with a few instructions instead of a call or a loop.
+//
+// The first byte is the lowest of a word, whatever the machine's own order.
+#pragma once
+
+#include <algorithm>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace pysource {
+
+inline constexpr size_t kWordSize = 8;
+
+// The eight bytes at `at`.
+inline uint64_t LoadWord(const char* at) noexcept {
+  uint64_t word;
+  std::memcpy(&word, at, sizeof(word));
+  return std::endian::native == std::endian::little ? word : __builtin_bswap64(word);
+}
+
+inline void StoreWord(char* at, uint64_t word) noexcept {
+  if (std::endian::native != std::endian::little) {
+    word = __builtin_bswap64(word);
+  }
+  std::memcpy(at, &word, sizeof(word));
+}
+
+// The first `size` bytes of the word, one to eight, zeros behind them; for more all of it.
+inline uint64_t FirstBytes(uint64_t word, size_t size) noexcept {
+  return word & (~uint64_t{0} >> (8 * (kWordSize - std::min(size, kWordSize))));
+}
+
+// The `size` bytes at `at`, fewer than eight, zeros behind them. Loads overlap, so that there is no
+// loop over the bytes and none that is not there is touched.
+inline uint64_t LoadShort(const char* at, size_t size) noexcept {
+  const auto byte = [at](size_t i) -> uint64_t { return static_cast<unsigned char>(at[i]); };
+  if (size >= 4) {
+    const auto half = [at](size_t i) -> uint64_t {
+      uint32_t bytes;
+      std::memcpy(&bytes, at + i, sizeof(bytes));
+      return std::endian::native == std::endian::little ? bytes : __builtin_bswap32(bytes);
+    };
+    return half(0) | half(size - 4) << (8 * (size - 4));
+  }
+  if (size == 0) {
+    return 0;
+  }
+  return byte(0) | byte(size / 2) << (8 * (size / 2)) | byte(size - 1) << (8 * (size - 1));
+}
+
+// Copies `size` bytes, eight or more; the last word overlaps the one before it. For what is mostly
+// so short that a call costs more than the copying.
+inline void CopyWords(char* to, const char* from, size_t size) noexcept {
+  for (size_t i = 0; i + kWordSize < size; i += kWordSize) {
+    std::memcpy(to + i, from + i, kWordSize);
+  }
+  std::memcpy(to + size - kWordSize, from + size - kWordSize, kWordSize);
+}
+
+}  // namespace pysource
