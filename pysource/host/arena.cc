@@ -56,10 +56,7 @@ void CArena::AddChunk(size_t bytes) {
   _fChunks->total += sizeof(Chunk) + size;
 }
 
-void CArena::Release() noexcept {
-  if (_fChunks == nullptr || --_fChunks->users != 0) {
-    return;
-  }
+void CArena::Free() noexcept {
   Chunk* chunk = _fChunks->newest;
   while (chunk != nullptr) {
     Chunk* const older = chunk->older;

@@ -60,7 +60,12 @@ class CArena {
     uint32_t users;
   };
   void AddChunk(size_t bytes);
-  void Release() noexcept;
+  void Release() noexcept {
+    if (_fChunks != nullptr && --_fChunks->users == 0) {
+      Free();
+    }
+  }
+  void Free() noexcept;
 
   Head* _fChunks = nullptr;
 };

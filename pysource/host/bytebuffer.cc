@@ -14,6 +14,9 @@ namespace {
 // Scratch memory beyond this is given back after use.
 constexpr size_t kMostScratchKept = size_t{1} << 20;
 
+// Tokens of up to this many bytes, as nearly all are, are copied in one step of this size.
+constexpr size_t kBlock = 16;
+
 // What a buffer begins with: most records fit.
 constexpr size_t kFirstRoom = 512;
 
@@ -51,7 +54,8 @@ void CWritableByteBuffer::Reset() {
 
 void CWritableByteBuffer::Grow(size_t more) {
   const size_t used = size();
-  const size_t room = std::max(kFirstRoom, 2 * (used + more));
+  const auto room_now = static_cast<size_t>(_fLimit - _fMemory.get());
+  const size_t room = std::max({kFirstRoom, 2 * room_now, used + more});
   // Not make_unique, which would fill it with zeros.
   std::unique_ptr<char[]> memory(new char[room]);
   std::copy(_fMemory.get(), _fEnd, memory.get());
@@ -61,11 +65,8 @@ void CWritableByteBuffer::Grow(size_t more) {
 }
 
 void CStrDictBatch::Clear() {
-  _fText.clear();
+  _fText.Reset();
   _fPieces.clear();
-  if (_fText.capacity() > kMostScratchKept) {
-    _fText.shrink_to_fit();
-  }
   if (_fPieces.capacity() > kMostScratchKept / sizeof(Piece)) {
     _fPieces.shrink_to_fit();
   }
@@ -75,24 +76,26 @@ void CStrDictBatch::Clear() {
 
 CArena CStrDictBatch::Finish(BytesView* plain, CStrDict* dicts) {
   // Items first, since they are aligned and the text is not.
-  CArena arena(_fPieces.size() * sizeof(CStrDict::Item) + _fText.size());
+  const BytesView read = _fText.View();
+  CArena arena(_fPieces.size() * sizeof(CStrDict::Item) + read.size());
   size_t begin = 0;
   for (size_t i = 0; i < _fDictCount; ++i) {
-    dicts[i] = _fDictEnds[i] == begin ? CStrDict() : CStrDict(arena, _fDictEnds[i] - begin);
-    begin = _fDictEnds[i];
+    const size_t end = _fDictEnds[i];
+    if (end != begin) {
+      dicts[i] = CStrDict(arena, end - begin);
+    }
+    begin = end;
   }
-  TextView text = arena.Store(_fText);
+  const char* text = arena.Store(read).data();
   const auto take = [&text](size_t size) {
-    const TextView piece = text.substr(0, size);
-    text.remove_prefix(size);
-    return piece;
+    return TextView(std::exchange(text, text + size), size);
   };
   *plain = take(_fPlainSize);
-  size_t at = 0;
+  const Piece* piece = _fPieces.data();
   for (size_t i = 0; i < _fDictCount; ++i) {
-    for (; at < _fDictEnds[i]; ++at) {
-      const TextView name = take(_fPieces[at].name_size);
-      dicts[i].SetStored(name, take(_fPieces[at].value_size));
+    for (const Piece* const end = _fPieces.data() + _fDictEnds[i]; piece != end; ++piece) {
+      const TextView name = take(piece->name_size);
+      dicts[i].SetStored(name, take(piece->value_size));
     }
   }
   return arena;
@@ -101,39 +104,36 @@ CArena CStrDictBatch::Finish(BytesView* plain, CStrDict* dicts) {
 void CEncodedByteBufferReader::SetStr(BytesView message) {
   _fAt = reinterpret_cast<const unsigned char*>(message.data());
   _fEnd = _fAt + message.size();
-  _fTokens.clear();
-  if (_fTokens.capacity() > kMostScratchKept / sizeof(BytesView)) {
-    _fTokens.shrink_to_fit();
+  _fTokenCount = 0;
+  if (_fTokens.size() > kMostScratchKept / sizeof(BytesView)) {
+    _fTokens = {};
   }
   _fExpansionLeft = message.size() * kExpansionPerByte + kExpansionAllowance;
   const size_t count = ReadCount(1, "more tokens than bytes");
-  _fTokens.reserve(count);
+  if (_fTokens.size() < count) {
+    _fTokens.resize(count);
+  }
+  const unsigned char* at = _fAt;
   for (size_t i = 0; i < count; ++i) {
-    const uint64_t size = ReadInt();
-    if (size > static_cast<size_t>(_fEnd - _fAt)) {
+    const uint64_t size = ReadIntAt(at);
+    if (size > static_cast<size_t>(_fEnd - at)) {
       Fail("a token is longer than what is left");
     }
-    _fTokens.emplace_back(reinterpret_cast<const char*>(_fAt), static_cast<size_t>(size));
-    _fAt += size;
+    _fTokens[i] = BytesView(reinterpret_cast<const char*>(at), static_cast<size_t>(size));
+    at += size;
   }
+  _fAt = at;
+  _fTokenCount = count;
 }
 
-uint64_t CEncodedByteBufferReader::ReadInt() {
-  if (_fAt == _fEnd) {
-    Fail("it ends inside an integer");
-  }
-  const unsigned first = *_fAt++;
-  if (first >= 0x80) {
-    return first - 0x80;
-  }
-  return ReadLongInt(first);
-}
-
-uint64_t CEncodedByteBufferReader::ReadLongInt(uint64_t first) {
-  uint64_t byte = first;
+uint64_t CEncodedByteBufferReader::ReadLongInt(const unsigned char*& at) const {
   uint64_t value = 0;
   unsigned shift = 0;
   for (;;) {
+    if (at == _fEnd) {
+      Fail("it ends inside an integer");
+    }
+    const uint64_t byte = *at++;
     if (byte < 0x40) {
       Fail("a byte below 0x40 stands inside an integer");
     }
@@ -147,11 +147,7 @@ uint64_t CEncodedByteBufferReader::ReadLongInt(uint64_t first) {
     if (byte >= 0x80) {
       return value;
     }
-    if (_fAt == _fEnd) {
-      Fail("it ends inside an integer");
-    }
     shift += shift < 64 ? 6 : 0;
-    byte = *_fAt++;
   }
 }
 
@@ -163,30 +159,51 @@ size_t CEncodedByteBufferReader::ReadCount(size_t least_item_size, const char* w
   return static_cast<size_t>(count);
 }
 
-size_t CEncodedByteBufferReader::AppendTokenizedStr(Bytes& out) {
-  const size_t before = out.size();
-  for (;;) {
-    const uint64_t reference = ReadInt();
+size_t CEncodedByteBufferReader::AppendTokenizedStr(CWritableByteBuffer& out) {
+  // In variables of its own: as far as the compiler knows, every byte stored could change a member.
+  const unsigned char* at = _fAt;
+  const BytesView* const tokens = _fTokens.data();
+  const size_t token_count = _fTokenCount;
+  const char* const end = reinterpret_cast<const char*>(_fEnd);
+  const size_t expansion_before = _fExpansionLeft;
+  size_t expansion_left = expansion_before;
+  char* begin = out.Room(kBlock);  // of what was stored and not counted yet
+  char* to = begin;
+  const char* limit = out.Limit();
+  uint64_t reference;
+  do {
+    reference = ReadIntAt(at);
     const uint64_t index = reference >> 1;
-    if (index >= _fTokens.size()) {
+    if (index >= token_count) {
       Fail("a token reference names no token");
     }
-    const BytesView token = _fTokens[static_cast<size_t>(index)];
-    if (token.size() > _fExpansionLeft) {
+    const BytesView token = tokens[index];
+    if (token.size() > expansion_left) {
       Fail("its strings are out of proportion to its size");
     }
-    _fExpansionLeft -= token.size();
-    out.append(token);
-    if ((reference & 1) != 0) {
-      return out.size() - before;
+    expansion_left -= token.size();
+    if (static_cast<size_t>(limit - to) < token.size() + kBlock) {
+      out.Count(static_cast<size_t>(to - begin));
+      to = begin = out.Room(token.size() + kBlock);
+      limit = out.Limit();
     }
-  }
+    if (token.size() <= kBlock && static_cast<size_t>(end - token.data()) >= kBlock) [[likely]] {
+      std::memcpy(to, token.data(), kBlock);  // what is too much is written over
+    } else {
+      std::memcpy(to, token.data(), token.size());
+    }
+    to += token.size();
+  } while ((reference & 1) == 0);
+  out.Count(static_cast<size_t>(to - begin));
+  _fAt = at;
+  _fExpansionLeft = expansion_left;
+  return expansion_before - expansion_left;
 }
 
 Bytes CEncodedByteBufferReader::ReadTokenizedStr() {
-  Bytes result;
-  AppendTokenizedStr(result);
-  return result;
+  _fBatch.Clear();
+  AppendTokenizedStr(_fBatch._fText);
+  return _fBatch._fText.ToString();
 }
 
 void CEncodedByteBufferReader::ReadTokenizedStrInto(CStrDictBatch& batch) {
@@ -202,7 +219,8 @@ void CEncodedByteBufferReader::ReadStrDictInto(CStrDictBatch& batch, bool text_k
   batch._fPieces.reserve(batch._fPieces.size() + count);
   for (size_t i = 0; i < count; ++i) {
     const size_t name_size = AppendTokenizedStr(batch._fText);
-    if (text_keys && !IsUtf8(BytesView(batch._fText).substr(batch._fText.size() - name_size))) {
+    const BytesView text = batch._fText.View();
+    if (text_keys && !IsUtf8(text.substr(text.size() - name_size))) {
       Fail("a name is not UTF-8");
     }
     const size_t value_size = AppendTokenizedStr(batch._fText);

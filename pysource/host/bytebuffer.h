@@ -36,6 +36,8 @@ class CWritableByteBuffer {
     return _fEnd;
   }
   bool HasRoom(size_t size) const noexcept { return static_cast<size_t>(_fLimit - _fEnd) >= size; }
+  // Where the room ends.
+  const char* Limit() const noexcept { return _fLimit; }
   void Count(size_t size) noexcept { _fEnd += size; }
   // Empties the buffer and keeps its memory, unless one huge message left it huge.
   void Reset();
@@ -63,8 +65,8 @@ class CStrDictBatch {
 
   void Clear();
   // Makes an arena that holds everything: `plain` becomes the string read outside any dictionary
-  // and `dicts[i]` the i-th dictionary. Of a doubled key the later value wins, at the first one's
-  // place.
+  // and `dicts[i]`, which is empty before, the i-th dictionary. Of a doubled key the later value
+  // wins, at the first one's place.
   CArena Finish(BytesView* plain, CStrDict* dicts);
 
  private:
@@ -73,7 +75,8 @@ class CStrDictBatch {
     uint32_t name_size;
     uint32_t value_size;
   };
-  Bytes _fText;  // plain string, then name and value of each item, one after the other
+  // The plain string, then name and value of each item, one after the other.
+  CWritableByteBuffer _fText;
   std::vector<Piece> _fPieces;  // of all dictionaries
   size_t _fPlainSize = 0;
   size_t _fDictEnds[kMostDicts] = {};  // where each dictionary ends in _fPieces
@@ -89,7 +92,7 @@ class CEncodedByteBufferReader {
   void SetStr(BytesView message);
 
   // One integer of up to 64 bits. Longer forms than needed are accepted.
-  uint64_t ReadInt();
+  uint64_t ReadInt() { return ReadIntAt(_fAt); }
   // One string, put together from its tokens.
   Bytes ReadTokenizedStr();
   // One dictionary, added to `dict`. With `text_keys` its keys must be UTF-8.
@@ -100,18 +103,26 @@ class CEncodedByteBufferReader {
   void ReadStrDictInto(CStrDictBatch& batch, bool text_keys);
 
  private:
-  uint64_t ReadLongInt(uint64_t first);
+  // The integer at `at`, which is moved behind it.
+  uint64_t ReadIntAt(const unsigned char*& at) const {
+    if (at != _fEnd && *at >= 0x80) [[likely]] {
+      return *at++ - 0x80U;
+    }
+    return ReadLongInt(at);
+  }
+  uint64_t ReadLongInt(const unsigned char*& at) const;
   size_t ReadCount(size_t least_item_size, const char* what);
   // Appends one string to `out`; returns its size.
-  size_t AppendTokenizedStr(Bytes& out);
+  size_t AppendTokenizedStr(CWritableByteBuffer& out);
 
   const unsigned char* _fAt = nullptr;
   const unsigned char* _fEnd = nullptr;
-  std::vector<BytesView> _fTokens;  // views into the message
+  std::vector<BytesView> _fTokens;  // views into the message; the first _fTokenCount count
+  size_t _fTokenCount = 0;
   // How many more bytes strings may expand to. A token that is long and named often makes a string
   // much longer than the message; without a bound a few megabytes could ask for terabytes.
   size_t _fExpansionLeft = 0;
-  CStrDictBatch _fBatch;
+  CStrDictBatch _fBatch;  // scratch of what is not read into a batch
 };
 
 }  // namespace pysource

@@ -57,18 +57,6 @@ void CStrDict::DetachItems() {
   _fItemsShared = false;
 }
 
-void CStrDict::Swap(CStrDict& other) noexcept {
-  std::swap(_fArena, other._fArena);
-  std::swap(_fBorrowedArena, other._fBorrowedArena);
-  std::swap(_fArenaBorrowed, other._fArenaBorrowed);
-  std::swap(_fItemsShared, other._fItemsShared);
-  std::swap(_fItems, other._fItems);
-  std::swap(_fSize, other._fSize);
-  std::swap(_fCapacity, other._fCapacity);
-  std::swap(_fAscending, other._fAscending);
-  std::swap(_fIndex, other._fIndex);
-}
-
 std::optional<BytesView> CStrDict::Get(TextView name) const {
   const uint32_t at = Find(name);
   return at == kNone ? std::nullopt : std::optional<BytesView>(_fItems[at].second);
@@ -112,8 +100,7 @@ void CStrDict::Set(TextView name, BytesView ibytes) {
   }
 }
 
-void CStrDict::SetStored(TextView name, BytesView ibytes) {
-  // A decoder's names ascend: then there is nothing to look for.
+void CStrDict::SetStoredAnywhere(TextView name, BytesView ibytes) {
   MakeItemsOwn();
   const bool is_new = _fSize == 0 || (_fAscending && _fItems[_fSize - 1].first < name);
   const uint32_t at = is_new ? kNone : Find(name);

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
+#include <new>
 #include <optional>
 #include <unordered_set>
 #include <utility>
@@ -12,6 +13,7 @@
 #include "pysource/host/arena.h"
 #include "pysource/host/hashindex.h"
 #include "pysource/host/text.h"
+#include "pysource/host/words.h"
 
 namespace pysource {
 
@@ -63,7 +65,16 @@ class CStrDict {
   void Set(TextView name, BytesView ibytes);
   // Stores the views as they are: they must point into the arena that this dictionary was made
   // with.
-  void SetStored(TextView name, BytesView ibytes);
+  void SetStored(TextView name, BytesView ibytes) {
+    // A decoder's names ascend, and there is room for them: then there is nothing to look for, and
+    // while names ascend there is no index. Room behind items that are shared is nobody else's.
+    if (_fSize != _fCapacity && _fAscending &&
+        (_fSize == 0 || IsBelow(_fItems[_fSize - 1].first, name))) [[likely]] {
+      new (_fItems + _fSize++) Item{name, ibytes};
+    } else {
+      SetStoredAnywhere(name, ibytes);
+    }
+  }
   bool Erase(TextView name);
   void clear();
 
@@ -79,6 +90,7 @@ class CStrDict {
  private:
   static constexpr uint32_t kNone = CHashIndex::kNone;
 
+  void SetStoredAnywhere(TextView name, BytesView ibytes);
   uint32_t Find(TextView name) const;
   // To be called before any change.
   void MakeItemsOwn() {
@@ -89,7 +101,17 @@ class CStrDict {
   void DetachItems();
   void Append(TextView name, BytesView ibytes);
   void Reserve(size_t capacity);
-  void Swap(CStrDict& other) noexcept;
+  void Swap(CStrDict& other) noexcept {
+    std::swap(_fArena, other._fArena);
+    std::swap(_fBorrowedArena, other._fBorrowedArena);
+    std::swap(_fArenaBorrowed, other._fArenaBorrowed);
+    std::swap(_fItemsShared, other._fItemsShared);
+    std::swap(_fItems, other._fItems);
+    std::swap(_fSize, other._fSize);
+    std::swap(_fCapacity, other._fCapacity);
+    std::swap(_fAscending, other._fAscending);
+    std::swap(_fIndex, other._fIndex);
+  }
 
   CArena _fArena;
   CArena _fBorrowedArena;   // of a copy that changed: the one it shared, for views that are out

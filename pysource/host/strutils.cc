@@ -1,7 +1,6 @@
 #include "pysource/host/strutils.h"
 
 #include <array>
-#include <cstring>
 
 #include "pysource/host/errors.h"
 
@@ -59,22 +58,10 @@ Bytes EncodeUrl(BytesView url) {
   return result;
 }
 
-bool IsUtf8(BytesView s) noexcept {
+bool IsUtf8Beyond127(BytesView s) noexcept {
   const auto* at = reinterpret_cast<const unsigned char*>(s.data());
   const auto* const end = at + s.size();
   while (at != end) {
-    // Nearly all names are ASCII: eight bytes a step.
-    while (end - at >= 8) {
-      uint64_t word;
-      std::memcpy(&word, at, 8);
-      if ((word & 0x8080808080808080ULL) != 0) {
-        break;
-      }
-      at += 8;
-    }
-    if (at == end) {
-      return true;
-    }
     const unsigned lead = *at;
     if (lead < 0x80) {
       ++at;

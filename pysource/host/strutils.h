@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "pysource/host/text.h"
+#include "pysource/host/words.h"
 
 namespace pysource {
 
@@ -27,7 +28,23 @@ char GetOneByte(BytesView s, size_t i);
 // result.
 Bytes EncodeUrl(BytesView url);
 
-// Whether the bytes are well-formed UTF-8 (no surrogates, no overlong forms).
-bool IsUtf8(BytesView s) noexcept;
+// Whether no byte is above 127.
+inline bool IsAscii(BytesView s) noexcept {
+  uint64_t all = 0;
+  if (s.size() < kWordSize) {
+    all = LoadShort(s.data(), s.size());
+  } else {
+    for (size_t i = 0; i + kWordSize < s.size(); i += kWordSize) {
+      all |= LoadWord(s.data() + i);
+    }
+    all |= LoadWord(s.data() + s.size() - kWordSize);
+  }
+  return (all & 0x8080808080808080ULL) == 0;
+}
+
+// Whether the bytes are well-formed UTF-8 (no surrogates, no overlong forms). Nearly all names are
+// ASCII, which takes a few instructions.
+bool IsUtf8Beyond127(BytesView s) noexcept;
+inline bool IsUtf8(BytesView s) noexcept { return IsAscii(s) || IsUtf8Beyond127(s); }
 
 }  // namespace pysource

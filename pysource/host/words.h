@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string_view>
 
 namespace pysource {
 
@@ -49,6 +50,18 @@ inline uint64_t LoadShort(const char* at, size_t size) noexcept {
     return 0;
   }
   return byte(0) | byte(size / 2) << (8 * (size / 2)) | byte(size - 1) << (8 * (size - 1));
+}
+
+// Whether `a` stands before `b` in byte order. Names mostly differ in their first eight bytes.
+inline bool IsBelow(std::string_view a, std::string_view b) noexcept {
+  const auto first = [](std::string_view s) {
+    const uint64_t word =
+        s.size() >= kWordSize ? LoadWord(s.data()) : LoadShort(s.data(), s.size());
+    return __builtin_bswap64(word);
+  };
+  const uint64_t first_a = first(a);
+  const uint64_t first_b = first(b);
+  return first_a != first_b ? first_a < first_b : a < b;
 }
 
 // Copies `size` bytes, eight or more; the last word overlaps the one before it. For what is mostly

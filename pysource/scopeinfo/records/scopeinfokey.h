@@ -63,6 +63,10 @@ class CScopeInfoKey {
     return Optional(_fRep->scanned_scope_at, _fRep->scanned_scope_size);
   }
 
+  // Asks for the shared value to be brought near, for one who will copy the handle soon: keys of
+  // records that were not looked at for long lie in cold memory.
+  void Prefetch() const noexcept { __builtin_prefetch(_fRep, 1); }
+
   size_t Hash() const noexcept { return _fRep == nullptr ? 0 : static_cast<size_t>(_fRep->hash); }
 
   // Whether both are keys with equal fields, looked at in declared order.

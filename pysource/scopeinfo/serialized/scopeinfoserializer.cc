@@ -174,7 +174,9 @@ CScopeInfoPtr CScopeInfoSerializer::ReadScopeInfo(const CScopeInfoKey& key,
                                                   std::optional<DiskTime> disk_mtime,
                                                   bool incomplete, BytesView data) {
   try {
+    __builtin_prefetch(&key);
     fEncodedReader.SetStr(data);
+    key.Prefetch();
     _fBatch.Clear();
     fEncodedReader.ReadTokenizedStrInto(_fBatch);
     for (int dict = 0; dict < 4; ++dict) {
