@@ -74,31 +74,38 @@ void CStrDictBatch::Clear() {
   _fDictCount = 0;
 }
 
-CArena CStrDictBatch::Finish(BytesView* plain, CStrDict* dicts) {
+CArena CStrDictBatch::Finish(BytesView* plain) {
   // Items first, since they are aligned and the text is not.
-  const BytesView read = _fText.View();
-  CArena arena(_fPieces.size() * sizeof(CStrDict::Item) + read.size());
-  size_t begin = 0;
-  for (size_t i = 0; i < _fDictCount; ++i) {
-    const size_t end = _fDictEnds[i];
-    if (end != begin) {
-      dicts[i] = CStrDict(arena, end - begin);
-    }
-    begin = end;
-  }
-  const char* text = arena.Store(read).data();
-  const auto take = [&text](size_t size) {
-    return TextView(std::exchange(text, text + size), size);
-  };
-  *plain = take(_fPlainSize);
-  const Piece* piece = _fPieces.data();
-  for (size_t i = 0; i < _fDictCount; ++i) {
-    for (const Piece* const end = _fPieces.data() + _fDictEnds[i]; piece != end; ++piece) {
-      const TextView name = take(piece->name_size);
-      dicts[i].SetStored(name, take(piece->value_size));
-    }
-  }
+  const size_t items_size = _fPieces.size() * sizeof(CStrDict::Item);
+  CArena arena(items_size + _fText.size());
+  _fRoom = static_cast<CStrDict::Item*>(arena.Allocate(items_size, alignof(CStrDict::Item)));
+  const TextView text = arena.Store(_fText.View());
+  *plain = text.substr(0, _fPlainSize);
+  _fTextAt = text.data() + _fPlainSize;
+  _fTaken = 0;
+  _fTakenPieces = 0;
   return arena;
+}
+
+CStrDict CStrDictBatch::TakeNext(const CArena& arena) {
+  const size_t size = NextSize();
+  if (size == 0) {
+    ++_fTaken;
+    return {};
+  }
+  CStrDict dict(arena, _fRoom, size);
+  const Piece* const pieces = _fPieces.data() + _fTakenPieces;
+  const char* text = _fTextAt;
+  for (const Piece* piece = pieces; piece != pieces + size; ++piece) {
+    const TextView name(text, piece->name_size);
+    const BytesView value(text + piece->name_size, piece->value_size);
+    dict.SetStored(name, value);
+    text = value.data() + value.size();
+  }
+  _fTextAt = text;
+  _fRoom += size;
+  _fTakenPieces = _fDictEnds[_fTaken++];
+  return dict;
 }
 
 void CEncodedByteBufferReader::SetStr(BytesView message) {
@@ -172,7 +179,13 @@ size_t CEncodedByteBufferReader::AppendTokenizedStr(CWritableByteBuffer& out) {
   const char* limit = out.Limit();
   uint64_t reference;
   do {
-    reference = ReadIntAt(at);
+    if (at != _fEnd && *at >= 0x80) [[likely]] {
+      reference = *at++ - 0x80U;
+    } else {
+      _fAt = at;
+      reference = ReadInt();
+      at = _fAt;
+    }
     const uint64_t index = reference >> 1;
     if (index >= token_count) {
       Fail("a token reference names no token");
@@ -235,9 +248,9 @@ void CEncodedByteBufferReader::ReadStrDictInto(CStrDictBatch& batch, bool text_k
 void CEncodedByteBufferReader::ReadStrDictInto(CStrDict& dict, bool text_keys) {
   _fBatch.Clear();
   ReadStrDictInto(_fBatch, text_keys);
-  CStrDict read;
   BytesView no_plain;
-  _fBatch.Finish(&no_plain, &read);
+  const CArena arena = _fBatch.Finish(&no_plain);
+  CStrDict read = _fBatch.TakeNext(arena);
   if (dict.empty()) {
     dict = std::move(read);
     return;

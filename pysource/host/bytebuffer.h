@@ -64,10 +64,14 @@ class CStrDictBatch {
   static constexpr size_t kMostDicts = 4;
 
   void Clear();
-  // Makes an arena that holds everything: `plain` becomes the string read outside any dictionary
-  // and `dicts[i]`, which is empty before, the i-th dictionary. Of a doubled key the later value
-  // wins, at the first one's place.
-  CArena Finish(BytesView* plain, CStrDict* dicts);
+  // Makes an arena that holds everything; `plain` becomes the string read outside any dictionary.
+  // The dictionaries can then be taken.
+  CArena Finish(BytesView* plain);
+  // How many items were read of the dictionary that is taken next.
+  size_t NextSize() const noexcept { return _fDictEnds[_fTaken] - _fTakenPieces; }
+  // The next dictionary, in the order in which they were read. `arena` is that of Finish. Of a
+  // doubled key the later value wins, at the first one's place.
+  CStrDict TakeNext(const CArena& arena);
 
  private:
   friend class CEncodedByteBufferReader;
@@ -81,6 +85,11 @@ class CStrDictBatch {
   size_t _fPlainSize = 0;
   size_t _fDictEnds[kMostDicts] = {};  // where each dictionary ends in _fPieces
   size_t _fDictCount = 0;
+  // What is still to be taken: of dictionaries, their items and their text.
+  size_t _fTaken = 0;
+  size_t _fTakenPieces = 0;
+  CStrDict::Item* _fRoom = nullptr;
+  const char* _fTextAt = nullptr;
 };
 
 // Reads encoded messages, whatever they hold: every operation answers with CValueError to what is

@@ -43,6 +43,9 @@ class CStrDict {
   CStrDict(std::initializer_list<std::pair<TextView, BytesView>> items);
   // An empty dictionary that puts what it stores into `arena`, with room for `capacity` names.
   CStrDict(CArena arena, size_t capacity);
+  // The same in `room` for that many names, which was allocated from the arena.
+  CStrDict(CArena arena, Item* room, size_t capacity) noexcept
+      : _fArena(std::move(arena)), _fItems(room), _fCapacity(static_cast<uint32_t>(capacity)) {}
   CStrDict(const CStrDict& other);
   CStrDict(CStrDict&& other) noexcept { Swap(other); }
   CStrDict& operator=(CStrDict other) noexcept {

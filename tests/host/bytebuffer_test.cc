@@ -109,8 +109,8 @@ TEST(Messages, StringsAndDictionaries) {
     reader.ReadStrDictInto(batch, true);
     reader.ReadStrDictInto(batch, true);
     BytesView plain;
-    CStrDict dicts[2];
-    const CArena arena = batch.Finish(&plain, dicts);
+    const CArena arena = batch.Finish(&plain);
+    const CStrDict dicts[] = {batch.TakeNext(arena), batch.TakeNext(arena)};
     EXPECT_EQ(plain, "a.a");
     EXPECT_TRUE(dicts[0] == (CStrDict{{"a", ""}}));
     EXPECT_TRUE(dicts[1] == second);

@@ -185,21 +185,21 @@ CScopeInfoPtr CScopeInfoSerializer::ReadScopeInfo(const CScopeInfoKey& key,
     const bool does_not_exist = fEncodedReader.ReadInt() != 0;
 
     BytesView scope_ibytes;
-    std::array<CStrDict, CStrDictBatch::kMostDicts> dicts;
-    CArena arena = _fBatch.Finish(&scope_ibytes, dicts.data());
-    auto info = std::make_shared<CScopeInfo>(key, std::move(arena), scope_ibytes, disk_mtime,
-                                             incomplete, does_not_exist);
-    info->type_equivs = std::move(dicts[0]);
+    const CArena arena = _fBatch.Finish(&scope_ibytes);
+    auto info = std::make_shared<CScopeInfo>(key, arena, scope_ibytes, disk_mtime, incomplete,
+                                             does_not_exist);
+    info->type_equivs = _fBatch.TakeNext(arena);
     // An empty dictionary is dropped: in the message it cannot be told from an absent one.
-    const auto take = [](std::optional<CStrDict>& field, CStrDict& dict) {
+    const auto take = [&](std::optional<CStrDict>& field) {
+      CStrDict dict = _fBatch.TakeNext(arena);
       if (!dict.empty()) {
-        field = std::move(dict);
+        field.emplace(std::move(dict));
       }
     };
-    take(info->_domains, dicts[1]);
-    take(info->inst_type_equivs, dicts[2]);
-    take(info->_inst_domains, dicts[3]);
-    info->FinishedBuilding();
+    take(info->_domains);
+    take(info->inst_type_equivs);
+    take(info->_inst_domains);
+    // FinishedBuilding would only look once more whether names are UTF-8.
     return info;
   } catch (const CValueError&) {
     return nullptr;
