@@ -50,11 +50,15 @@ class CBytesTokenizer {
     }
     char* const next = _fTable.Room(1 + kMostInKey);
     next[0] = static_cast<char>(0x80 + size);
-    const uint64_t beyond = Mask(size > kWordSize);
+    const uint64_t beyond = MaskIfBelow(kWordSize, size);
     StoreWord(next + 1, key.first);
     StoreWord(next + 1 + ((size - kWordSize) & beyond), key.last | (key.first & ~beyond));
-    _fCells[at].key = key;
-    return Enter(_fCells[at].place, 1 + size);
+    // Not as a whole: the compiler would put the key together in memory first.
+    CCell& cell = _fCells[at];
+    cell.key.first = key.first;
+    cell.key.last = key.last;
+    cell.key.size = key.size;
+    return Enter(cell.place, 1 + size);
   }
   // The same for the token of this one byte.
   uint32_t GetByteIndex(char byte) {
@@ -76,7 +80,11 @@ class CBytesTokenizer {
  private:
   static constexpr size_t kMostInKey = 2 * kWordSize;
 
-  static uint64_t Mask(bool set) noexcept { return uint64_t{0} - (set ? 1 : 0); }
+  // All bits when `a` is below `b`, both below 2^63. Told by the sign of the difference, because a
+  // compiler that sees a comparison is free to branch on it.
+  static uint64_t MaskIfBelow(uint64_t a, uint64_t b) noexcept {
+    return static_cast<uint64_t>(static_cast<int64_t>(a - b) >> 63);
+  }
 
   // All of a token of one to kMostInKey bytes.
   struct CKey {
@@ -100,7 +108,7 @@ class CBytesTokenizer {
     bool IsAnother(const CKey& other, uint64_t round) const noexcept {
       const uint64_t differs =
           (key.first ^ other.first) | (key.last ^ other.last) | (key.size ^ other.size);
-      return (differs & Mask(place >> 32 == round)) != 0;
+      return (differs & MaskIfBelow(place >> 32 ^ round, 1)) != 0;
     }
   };
 
@@ -109,14 +117,14 @@ class CBytesTokenizer {
     // are shifted out.
     const char* const from = std::min(piece.data(), last_word);
     const uint64_t word = LoadWord(from) >> (8 * (piece.data() - from));
-    const uint64_t beyond = Mask(piece.size() > kWordSize);
+    const uint64_t beyond = MaskIfBelow(kWordSize, piece.size());
     const uint64_t last = LoadWord(from + ((piece.size() - kWordSize) & beyond)) & beyond;
     return {FirstBytes(word, piece.size()), last, piece.size()};
   }
 
   // Enters the token that stands behind the end of _fTable, in the place that is its own or free.
   uint32_t Enter(Place& place, size_t table_size) {
-    const uint64_t is_new = Mask(place >> 32 != _fRound);
+    const uint64_t is_new = MaskIfBelow(0, place >> 32 ^ _fRound);
     const uint64_t index = (place & ~is_new & 0xFFFFFFFF) | (_fCount & is_new);
     place = _fRound << 32 | index;
     _fCount -= is_new;
