@@ -7,8 +7,8 @@
 namespace pysource {
 namespace {
 
-// Enough for all but one record in thirty.
-constexpr size_t kFirstCells = 128;
+// Enough for all but one record in a hundred.
+constexpr size_t kFirstCells = 256;
 // What one huge record blew up beyond this is given back when the table is cleared.
 constexpr size_t kMostCellsKept = size_t{1} << 15;
 

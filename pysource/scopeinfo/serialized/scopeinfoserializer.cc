@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <memory>
 #include <typeinfo>
 
@@ -142,20 +143,25 @@ void CScopeInfoSerializer::WriteStrDict(const CStrDict* dict) {
 
 void CScopeInfoSerializer::WriteTokens() {
   WriteInt(fTokens.size());
-  fWriteBuffer.WriteStr(fTokens.Table());
+  if (!OverridesPieces()) {
+    fWriteBuffer.WriteStr(fTokens.Table());
+    return;
+  }
+  for (size_t index = 0; index < fTokens.size(); ++index) {
+    const BytesView token = fTokens.Token(index);
+    WriteInt(token.size());
+    fWriteBuffer.WriteStr(token);
+  }
 }
 
 Bytes CScopeInfoSerializer::FinishMessage() {
-  // The number of tokens is written behind the content and moves to the front with the table: so
-  // each byte is copied once, into memory of the right size.
+  // The table is written behind the content; they change places in the copy that is handed out.
   const size_t content_size = fWriteBuffer.size();
-  WriteInt(fTokens.size());
-  const BytesView content = fWriteBuffer.View().substr(0, content_size);
-  const BytesView count = fWriteBuffer.View().substr(content_size);
-  const BytesView table = fTokens.Table();
+  WriteTokens();
+  const BytesView all = fWriteBuffer.View();
   Bytes data;
-  data.reserve(count.size() + table.size() + content.size());
-  data.append(count).append(table).append(content);
+  data.reserve(all.size());
+  data.append(all.substr(content_size)).append(all.substr(0, content_size));
   Clear();
   return data;
 }
