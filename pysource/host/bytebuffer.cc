@@ -112,6 +112,7 @@ void CEncodedByteBufferReader::SetStr(BytesView message) {
   _fAt = reinterpret_cast<const unsigned char*>(message.data());
   _fEnd = _fAt + message.size();
   _fTokenCount = 0;
+  _fBlockCount = 0;
   if (_fTokens.size() > kMostScratchKept / sizeof(BytesView)) {
     _fTokens = {};
   }
@@ -131,6 +132,11 @@ void CEncodedByteBufferReader::SetStr(BytesView message) {
   }
   _fAt = at;
   _fTokenCount = count;
+  _fBlockCount = count;
+  while (_fBlockCount != 0 && static_cast<size_t>(reinterpret_cast<const char*>(_fEnd) -
+                                                  _fTokens[_fBlockCount - 1].data()) < kBlock) {
+    --_fBlockCount;
+  }
 }
 
 uint64_t CEncodedByteBufferReader::ReadLongInt(const unsigned char*& at) const {
@@ -169,17 +175,17 @@ size_t CEncodedByteBufferReader::ReadCount(size_t least_item_size, const char* w
 size_t CEncodedByteBufferReader::AppendTokenizedStr(CWritableByteBuffer& out) {
   // In variables of its own: as far as the compiler knows, every byte stored could change a member.
   const unsigned char* at = _fAt;
+  const unsigned char* const end = _fEnd;
   const BytesView* const tokens = _fTokens.data();
-  const size_t token_count = _fTokenCount;
-  const char* const end = reinterpret_cast<const char*>(_fEnd);
-  const size_t expansion_before = _fExpansionLeft;
-  size_t expansion_left = expansion_before;
-  char* begin = out.Room(kBlock);  // of what was stored and not counted yet
+  const size_t block_count = _fBlockCount;
+  size_t done = 0;                 // of what is counted in `out`
+  char* begin = out.Room(kBlock);  // of what is not counted yet
   char* to = begin;
-  const char* limit = out.Limit();
+  // How much more may be stored before anything has to be looked at.
+  size_t room = std::min(out.RoomSize() - kBlock, _fExpansionLeft);
   uint64_t reference;
   do {
-    if (at != _fEnd && *at >= 0x80) [[likely]] {
+    if (at != end && *at >= 0x80) [[likely]] {
       reference = *at++ - 0x80U;
     } else {
       _fAt = at;
@@ -187,30 +193,35 @@ size_t CEncodedByteBufferReader::AppendTokenizedStr(CWritableByteBuffer& out) {
       at = _fAt;
     }
     const uint64_t index = reference >> 1;
-    if (index >= token_count) {
+    if (index < block_count && tokens[index].size() <= std::min(room, kBlock)) [[likely]] {
+      std::memcpy(to, tokens[index].data(), kBlock);  // what is too much is written over
+      room -= tokens[index].size();
+      to += tokens[index].size();
+      continue;
+    }
+    if (index >= _fTokenCount) {
       Fail("a token reference names no token");
     }
     const BytesView token = tokens[index];
-    if (token.size() > expansion_left) {
-      Fail("its strings are out of proportion to its size");
+    if (token.size() > room) {
+      const auto stored = static_cast<size_t>(to - begin);
+      done += stored;
+      if (token.size() > _fExpansionLeft - done) {
+        Fail("its strings are out of proportion to its size");
+      }
+      out.Count(stored);
+      begin = to = out.Room(token.size() + kBlock);
+      room = std::min(out.RoomSize() - kBlock, _fExpansionLeft - done);
     }
-    expansion_left -= token.size();
-    if (static_cast<size_t>(limit - to) < token.size() + kBlock) {
-      out.Count(static_cast<size_t>(to - begin));
-      to = begin = out.Room(token.size() + kBlock);
-      limit = out.Limit();
-    }
-    if (token.size() <= kBlock && static_cast<size_t>(end - token.data()) >= kBlock) [[likely]] {
-      std::memcpy(to, token.data(), kBlock);  // what is too much is written over
-    } else {
-      std::memcpy(to, token.data(), token.size());
-    }
+    std::memcpy(to, token.data(), token.size());
+    room -= token.size();
     to += token.size();
   } while ((reference & 1) == 0);
-  out.Count(static_cast<size_t>(to - begin));
+  const auto stored = static_cast<size_t>(to - begin);
+  out.Count(stored);
   _fAt = at;
-  _fExpansionLeft = expansion_left;
-  return expansion_before - expansion_left;
+  _fExpansionLeft -= done + stored;
+  return done + stored;
 }
 
 Bytes CEncodedByteBufferReader::ReadTokenizedStr() {

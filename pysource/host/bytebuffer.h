@@ -35,9 +35,8 @@ class CWritableByteBuffer {
     }
     return _fEnd;
   }
-  bool HasRoom(size_t size) const noexcept { return static_cast<size_t>(_fLimit - _fEnd) >= size; }
-  // Where the room ends.
-  const char* Limit() const noexcept { return _fLimit; }
+  bool HasRoom(size_t size) const noexcept { return RoomSize() >= size; }
+  size_t RoomSize() const noexcept { return static_cast<size_t>(_fLimit - _fEnd); }
   void Count(size_t size) noexcept { _fEnd += size; }
   // Empties the buffer and keeps its memory, unless one huge message left it huge.
   void Reset();
@@ -128,6 +127,7 @@ class CEncodedByteBufferReader {
   const unsigned char* _fEnd = nullptr;
   std::vector<BytesView> _fTokens;  // views into the message; the first _fTokenCount count
   size_t _fTokenCount = 0;
+  size_t _fBlockCount = 0;  // of these, how many can be read as a block, whatever their size
   // How many more bytes strings may expand to. A token that is long and named often makes a string
   // much longer than the message; without a bound a few megabytes could ask for terabytes.
   size_t _fExpansionLeft = 0;
