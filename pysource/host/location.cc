@@ -94,8 +94,8 @@ size_t CLocationCache::MemoryUse() const {
   // A node is a link, the view, the owning pointer and the hash.
   size_t bytes = _fLocations.bucket_count() * sizeof(void*);
   for (const auto& [url, location] : _fLocations) {
-    bytes += 3 * sizeof(void*) + sizeof(TextView) + sizeof(CResourceLocation) +
-             HeapUse(location->fUrl);
+    bytes +=
+        3 * sizeof(void*) + sizeof(TextView) + sizeof(CResourceLocation) + HeapUse(location->fUrl);
   }
   return bytes;
 }
