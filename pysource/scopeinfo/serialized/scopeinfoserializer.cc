@@ -16,6 +16,18 @@
 namespace pysource::scopeinfo {
 namespace {
 
+// Asks for what is encoded of the record to be brought near, all of it at once: a record that waits
+// to be written lies in cold memory, and fetching one part after the other takes as long as
+// encoding it. Not the text of the names: its address is not there yet, and waiting for it loses
+// more.
+void Prefetch(const CScopeInfo& info) {
+  __builtin_prefetch(&info.scope_ibytes);
+  __builtin_prefetch(&info.inst_type_equivs);
+  __builtin_prefetch(&info._inst_domains);
+  __builtin_prefetch(info.type_equivs.begin());
+  __builtin_prefetch(info.scope_ibytes.data());
+}
+
 const CStrDict* OrNull(const std::optional<CStrDict>& dict) { return dict ? &*dict : nullptr; }
 
 }  // namespace
@@ -167,6 +179,7 @@ Bytes CScopeInfoSerializer::FinishMessage() {
 }
 
 Bytes CScopeInfoSerializer::WriteScopeInfo(const CScopeInfo& info) {
+  Prefetch(info);
   WriteStr(info.scope_ibytes);
   WriteStrDict(&info.type_equivs);
   WriteStrDict(OrNull(info._domains));
