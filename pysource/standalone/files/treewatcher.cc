@@ -1,7 +1,8 @@
 #include "pysource/standalone/files/treewatcher.h"
 
 #include <fmt/format.h>
-#include <gio/gio.h>
+#include <glib-unix.h>
+#include <glib.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -45,33 +46,47 @@ CStamp StampOf(const struct stat& status) {
   return {DiskTimeOf(status), status.st_size, IdentityOf(status)};
 }
 
-// Asks the system whether it would watch one more folder. GIO does not say so: when it gets no
-// watch it tries again in silence.
-class CWatchProbe {
+// The system's events for folders (inotify), by the number of the watch.
+class CFolderEvents {
  public:
-  CWatchProbe() : _fFd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {}
-  ~CWatchProbe() {
+  CFolderEvents() : _fFd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {}
+  ~CFolderEvents() {
     if (_fFd >= 0) {
       close(_fFd);
     }
   }
-  CWatchProbe(const CWatchProbe&) = delete;
-  CWatchProbe& operator=(const CWatchProbe&) = delete;
+  CFolderEvents(const CFolderEvents&) = delete;
+  CFolderEvents& operator=(const CFolderEvents&) = delete;
 
-  // 0, or the errno that a watch fails with.
-  int Try(const std::string& folder) const {
-    // Without an instance of inotify GIO gets none either.
-    const int watch =
-        _fFd < 0 ? -1 : inotify_add_watch(_fFd, folder.c_str(), IN_DELETE_SELF | IN_ONLYDIR);
-    if (watch < 0) {
-      return _fFd < 0 ? EMFILE : errno;
+  // Readable when there are events; -1 when the system has none for us.
+  int Fd() const { return _fFd; }
+
+  // The watch of the folder, which is the same for all names of one folder; or -1, with errno.
+  int Add(const std::string& folder) const {
+    constexpr uint32_t kEvents = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_MODIFY |
+                                 IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
+    if (_fFd < 0) {
+      errno = EMFILE;
+      return -1;
     }
-    inotify_rm_watch(_fFd, watch);
-    // Removing a watch leaves an event.
-    std::array<char, 4096> events;
-    while (read(_fFd, events.data(), events.size()) > 0) {
+    return inotify_add_watch(_fFd, folder.c_str(), kEvents | IN_ONLYDIR);
+  }
+  void Remove(int watch) const { inotify_rm_watch(_fFd, watch); }
+
+  // Calls visit(event, name) with all that has happened; the name is empty where the folder itself
+  // is meant.
+  template <class Visit>
+  void Read(const Visit& visit) const {
+    alignas(inotify_event) std::array<char, 16384> events;
+    for (ssize_t size; (size = read(_fFd, events.data(), events.size())) > 0;) {
+      for (const char* at = events.data(); at < events.data() + size;) {
+        inotify_event event;
+        std::memcpy(&event, at, sizeof event);
+        at += sizeof event;
+        visit(event, event.len == 0 ? std::string() : std::string(at));
+        at += event.len;
+      }
     }
-    return 0;
   }
 
  private:
@@ -93,8 +108,7 @@ struct CFolder {
   std::set<std::string> folders;        // names of those below that may be in the watcher's list
   std::set<std::string> touched;        // names that the system told of since the last look
 
-  GFileMonitor* monitor = nullptr;  // null while the folder is not watched
-  void* owner = nullptr;            // the watcher, for the callback
+  int watch = -1;  // -1 while the folder is not watched
 
   bool IsKept() const { return is_root || !named.empty(); }
 };
@@ -115,12 +129,18 @@ class CTreeWatcher::CImpl {
       LookAgain();
       return true;
     });
+    if (_fEvents.Fd() >= 0) {
+      _fEventSource = g_unix_fd_source_new(_fEvents.Fd(), G_IO_IN);
+      g_source_set_callback(_fEventSource, G_SOURCE_FUNC(&CImpl::OnEvents), this, nullptr);
+      g_source_attach(_fEventSource, _fLoop.Context());
+    }
   }
   ~CImpl() {
     _fLoop.timeout_remove(_fLookAgainTimer);
     _fLoop.timeout_remove(_fFlushTimer);
-    for (auto& [path, folder] : _fFolders) {
-      StopMonitor(*folder);
+    if (_fEventSource != nullptr) {
+      g_source_destroy(_fEventSource);
+      g_source_unref(_fEventSource);
     }
   }
   CImpl(const CImpl&) = delete;
@@ -151,11 +171,7 @@ class CTreeWatcher::CImpl {
     _fIsInWatch = false;
   }
 
-  size_t WatchCount() const {
-    return static_cast<size_t>(std::count_if(_fFolders.begin(), _fFolders.end(), [](auto& folder) {
-      return folder.second->monitor != nullptr;
-    }));
-  }
+  size_t WatchCount() const { return _fByWatch.size(); }
   size_t LookAgainCount() const {
     return static_cast<size_t>(std::count_if(_fFolders.begin(), _fFolders.end(), [](auto& folder) {
       return folder.second->look_again;
@@ -168,7 +184,6 @@ class CTreeWatcher::CImpl {
     if (folder == nullptr) {
       folder = std::make_unique<CFolder>();
       folder->path = path;
-      folder->owner = this;
     }
     return *folder;
   }
@@ -180,29 +195,44 @@ class CTreeWatcher::CImpl {
 
   // --- what the system tells ---
 
-  static void OnEvent(GFileMonitor*, GFile* file, GFile* other, GFileMonitorEvent type,
-                      gpointer data) {
-    CFolder& folder = *static_cast<CFolder*>(data);
-    CImpl& self = *static_cast<CImpl*>(folder.owner);
-    for (GFile* const said : {file, other}) {
-      const char* const path = said == nullptr ? nullptr : g_file_peek_path(said);
-      if (path != nullptr) {
-        self.NoteEvent(folder, path, type);
-      }
-    }
+  static gboolean OnEvents(gint, GIOCondition, gpointer data) {
+    auto& self = *static_cast<CImpl*>(data);
+    self._fEvents.Read([&self](const inotify_event& event, const std::string& name) {
+      self.NoteEvent(event, name);
+    });
+    return G_SOURCE_CONTINUE;
   }
 
-  void NoteEvent(CFolder& folder, const std::string& path, GFileMonitorEvent type) {
-    if (path != folder.path) {
-      const size_t slash = path.rfind('/');
-      const std::string name = path.substr(slash + 1);
-      if (path != PathInFolder(folder.path, name) || !Matters(folder, name, type)) {
+  void NoteEvent(const inotify_event& event, const std::string& name) {
+    if ((event.mask & IN_Q_OVERFLOW) != 0) {
+      // There were more events than the system keeps, so it may be any folder.
+      for (const auto& [watch, folder] : _fByWatch) {
+        MakeDirty(*folder);
+      }
+      return;
+    }
+    const auto found = _fByWatch.find(event.wd);
+    if (found == _fByWatch.end()) {
+      return;  // from before the watch was ended
+    }
+    CFolder& folder = *found->second;
+    if ((event.mask & IN_IGNORED) != 0) {
+      // The system has ended it: the folder is gone. Another one can be in its place by now.
+      folder.watch = -1;
+      _fByWatch.erase(found);
+    }
+    if (!name.empty()) {
+      if (!Matters(folder, name, event.mask)) {
         return;
       }
-      if (type != G_FILE_MONITOR_EVENT_ATTRIBUTE_CHANGED || folder.folders.contains(name)) {
+      if ((event.mask & IN_ATTRIB) == 0 || folder.folders.contains(name)) {
         folder.touched.insert(name);
       }
     }
+    MakeDirty(folder);
+  }
+
+  void MakeDirty(const CFolder& folder) {
     _fDirty.insert(folder.path);
     const gint64 now = g_get_monotonic_time();
     _fLastEvent = now;
@@ -214,7 +244,7 @@ class CTreeWatcher::CImpl {
 
   // Whether the event can change what is known of the folder. A file that is no Python is written
   // to all the time in some folders, and must cost nothing.
-  static bool Matters(const CFolder& folder, const std::string& name, GFileMonitorEvent type) {
+  static bool Matters(const CFolder& folder, const std::string& name, uint32_t events) {
     if (folder.named.contains(name)) {
       return true;
     }
@@ -227,9 +257,8 @@ class CTreeWatcher::CImpl {
     if (folder.is_left_out || IsPassedOver(name)) {
       return false;
     }
-    return IsPythonName(name) || folder.folders.contains(name) ||
-           (type != G_FILE_MONITOR_EVENT_CHANGED &&
-            type != G_FILE_MONITOR_EVENT_CHANGES_DONE_HINT && type != G_FILE_MONITOR_EVENT_DELETED);
+    constexpr uint32_t kOfFiles = IN_MODIFY | IN_CLOSE_WRITE | IN_DELETE | IN_MOVED_FROM;
+    return IsPythonName(name) || folder.folders.contains(name) || (events & kOfFiles) == 0;
   }
 
   void StartFlushTimer(unsigned ms) {
@@ -316,8 +345,8 @@ class CTreeWatcher::CImpl {
         return;
       }
       folder.look_again = true;
-    } else if (folder.monitor == nullptr) {
-      StartMonitor(folder);
+    } else if (folder.watch < 0) {
+      StartWatch(folder);
     }
     const CTreeFolder now = Read(folder);
     if (now.error == ENOENT || now.error == ENOTDIR) {
@@ -391,7 +420,7 @@ class CTreeWatcher::CImpl {
 
   // Whether the folder is the one that stands for the real folder of this identity. Each is
   // followed under one name, so that loops of links do no harm; and watched under one name, since
-  // GIO ends all watches of a real folder with the first of them.
+  // the system has one watch for a real folder.
   bool Claim(const CFolder& folder, const Identity& identity) {
     const auto [claim, is_new] = _fByIdentity.try_emplace(identity, folder.path);
     if (is_new || claim->second == folder.path) {
@@ -402,7 +431,7 @@ class CTreeWatcher::CImpl {
         return false;
       }
       // It was renamed and is still to be looked at, or has to make room.
-      StopMonitor(*holder);
+      StopWatch(*holder);
       _fToLookAt.push_back(holder->path);
     }
     claim->second = folder.path;
@@ -467,7 +496,7 @@ class CTreeWatcher::CImpl {
   }
 
   void Empty(CFolder& folder) {
-    StopMonitor(folder);
+    StopWatch(folder);
     CompareFiles(folder, {}, false);
     CompareFolders(folder, {});
     if (folder.identity) {
@@ -482,40 +511,28 @@ class CTreeWatcher::CImpl {
 
   // --- watching ---
 
-  void StartMonitor(CFolder& folder) {
-    if (const int error = _fProbe.Try(folder.path); error != 0) {
+  void StartWatch(CFolder& folder) {
+    const int watch = _fEvents.Add(folder.path);
+    if (watch < 0) {
+      const int error = errno;
       folder.look_again = true;
       if (error == ENOSPC || error == EMFILE) {
         TellNoMoreWatches(folder);
       } else if (error != ENOENT && error != ENOTDIR && error != EACCES) {
         TellError(folder, error, std::strerror(error));
       }  // else reading it is about to find the same
-      return;
+    } else if (_fByWatch.try_emplace(watch, &folder).second) {
+      folder.watch = watch;
+    } else {
+      folder.look_again = true;  // it has just become another name of a folder that is watched
     }
-    // The local file system alone: the default one may start a session bus for a path.
-    GFile* const file = g_vfs_get_file_for_path(g_vfs_get_local(), folder.path.c_str());
-    GError* error = nullptr;
-    // Events go to the context that is the thread's default when the monitor is made.
-    g_main_context_push_thread_default(_fLoop.Context());
-    folder.monitor = g_file_monitor_directory(file, G_FILE_MONITOR_WATCH_MOVES, nullptr, &error);
-    g_main_context_pop_thread_default(_fLoop.Context());
-    g_object_unref(file);
-    if (folder.monitor == nullptr) {
-      TellError(folder, EIO, error->message);
-      g_error_free(error);
-      return;
-    }
-    // GIO would hold repeated changes of a file back for 800 ms; bursts are gathered here.
-    g_file_monitor_set_rate_limit(folder.monitor, 0);
-    g_signal_connect(folder.monitor, "changed", G_CALLBACK(&CImpl::OnEvent), &folder);
   }
 
-  static void StopMonitor(CFolder& folder) {
-    if (folder.monitor != nullptr) {
-      g_signal_handlers_disconnect_by_data(folder.monitor, &folder);
-      g_file_monitor_cancel(folder.monitor);
-      g_object_unref(folder.monitor);
-      folder.monitor = nullptr;
+  void StopWatch(CFolder& folder) {
+    if (folder.watch >= 0) {
+      _fEvents.Remove(folder.watch);
+      _fByWatch.erase(folder.watch);
+      folder.watch = -1;
     }
   }
 
@@ -545,8 +562,10 @@ class CTreeWatcher::CImpl {
 
   CGlibMainLoop& _fLoop;
   const CTreeWatcherOptions _fOptions;
-  const CWatchProbe _fProbe;
+  const CFolderEvents _fEvents;
+  GSource* _fEventSource = nullptr;
   std::unordered_map<std::string, std::unique_ptr<CFolder>> _fFolders;
+  std::unordered_map<int, CFolder*> _fByWatch;  // those that are watched
   // Which of the folders stands for each real one.
   std::map<Identity, std::string> _fByIdentity;
   bool _fToldNoMoreWatches = false;
