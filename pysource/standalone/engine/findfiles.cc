@@ -14,6 +14,8 @@
 namespace pysource::standalone {
 namespace {
 
+constexpr TextView kScheme = "file://";
+
 class CFinder {
  public:
   CFinder(CFoundFiles& found, CLocationCache& loc_cache) : _fFound(found), _fLocCache(loc_cache) {}
@@ -55,10 +57,12 @@ class CFinder {
         !_fVisited.emplace(folder.status.st_dev, folder.status.st_ino).second) {
       return;
     }
+    // The folder's path is absolute and normalised, so those of its files are, too.
     for (const CTreeFolder::Entry& file : folder.files) {
       std::string file_path = PathInFolder(path, file.name);
-      const Loc loc = _fLocCache.GetLocationForPath(file_path);
-      _fFound.files.push_back({std::move(file_path), loc, DiskTimeOf(file.status)});
+      _fUrl.replace(kScheme.size(), std::string::npos, file_path);
+      _fFound.files.push_back(
+          {std::move(file_path), _fLocCache.GetLocation(_fUrl), DiskTimeOf(file.status)});
     }
     for (const CTreeFolder::Entry& below : folder.folders) {
       (below.is_link ? _fLinkedFolders : _fFolders).push_back(PathInFolder(path, below.name));
@@ -67,6 +71,7 @@ class CFinder {
 
   CFoundFiles& _fFound;
   CLocationCache& _fLocCache;
+  Text _fUrl = Text(kScheme);  // of the last file
   std::vector<std::string> _fFolders;
   std::vector<std::string> _fLinkedFolders;
   std::set<std::pair<dev_t, ino_t>> _fVisited;
