@@ -159,9 +159,9 @@ TEST_F(IndexTest, RandomChangesLeaveTheDatabaseAsAFreshScanMakesIt) {
     ASSERT_EQ(report.scanned + report.unchanged, alive.size());
     ExpectExact();
     ASSERT_FALSE(HasFailure());
-    Start()->Database().VisitTiedRecords([&](const CStoredRow& row) {
-      rows_for_others += row.record.for_loc == row.record.scanned_loc ? 0 : 1;
-    });
+    Start()->Database().VisitFilesAndTies(
+        [](const CStoredFile&) {},
+        [&](const CTie& tie) { rows_for_others += tie.for_loc == tie.scanned_loc ? 0 : 1; });
     const CIndexReport again = Index();
     ASSERT_EQ(again.scanned, 0U);
     ASSERT_EQ(again.unchanged, alive.size());

@@ -1,6 +1,7 @@
 #include "pysource/standalone/engine/indexplan.h"
 
 #include <algorithm>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -21,29 +22,48 @@ bool IsBelow(const std::string& path, const std::vector<std::string>& folders) {
   });
 }
 
+// What is known of one file.
+struct CFileState {
+  std::optional<DiskTime> now;  // its time on the disk, once that was asked for
+  bool is_found = false;
+  bool is_stored = false;
+  bool is_scanned = false;  // both scans are stored
+  DiskTime stored = 0;      // as it was at that time
+};
+
 class CPlanner {
  public:
   CPlanner(CSqliteAnalysisDb& db, const CFoundFiles& found) : _fDb(db), _fFound(found) {
+    _fStates.reserve(found.files.size() * 2);
+    _fStatesOfFound.reserve(found.files.size());
     for (const CFoundFile& file : found.files) {
-      _fTimes.emplace(file.loc, file.disk_mtime);
-      _fFoundLocs.insert(file.loc);
+      CFileState& state = _fStates[file.loc];
+      state.now = file.disk_mtime;
+      state.is_found = true;
+      _fStatesOfFound.push_back(&state);
     }
-    _fDb.VisitFiles([this](const CStoredFile& file) { _fStored.emplace(file.loc, file); });
+    _fDb.VisitFilesAndTies(
+        [this](const CStoredFile& file) {
+          CFileState& state = _fStates[file.loc];
+          state.is_stored = true;
+          state.is_scanned = file.scans_done == kAllScansDone;
+          state.stored = file.disk_time;
+        },
+        [this](const CTie& tie) { TakeTie(tie); });
   }
 
   CIndexPlan Make() {
-    for (const CFoundFile& file : _fFound.files) {
-      if (IsIndexed(file.loc)) {
+    for (size_t i = 0; i < _fFound.files.size(); ++i) {
+      const CFoundFile& file = _fFound.files[i];
+      if (IsIndexed(file.loc, *_fStatesOfFound[i])) {
         ++_fPlan.unchanged;
       } else {
         _fChanged.insert(file.loc);
         _fPlan.to_scan.push_back(file);
       }
     }
-    for (const auto& [loc, unused] : _fStored) {
-      const auto path = PathForLocation(loc);
-      if (path && !_fFoundLocs.contains(loc) && IsBelow(*path, _fFound.paths) &&
-          TimeOf(loc) == kGone) {
+    for (auto& [loc, state] : _fStates) {
+      if (state.is_stored && !state.is_found && IsRemoved(loc, state)) {
         ++_fPlan.removed;
         _fChanged.insert(loc);
         _fPlan.to_clear.push_back(loc);
@@ -52,7 +72,6 @@ class CPlanner {
     for (const Loc loc : _fDb.LostSources()) {
       _fAgain.insert(loc);
     }
-    ReadTies();
     FollowTies();
     AddFilesToScanAgain();
     std::sort(_fPlan.to_clear.begin(), _fPlan.to_clear.end());
@@ -61,44 +80,43 @@ class CPlanner {
 
  private:
   // The present time of the file; asked of the disk once.
-  DiskTime TimeOf(Loc loc) {
-    const auto known = _fTimes.find(loc);
-    if (known != _fTimes.end()) {
-      return known->second;
+  static DiskTime TimeOf(Loc loc, CFileState& state) {
+    if (!state.now) {
+      const auto path = PathForLocation(loc);
+      state.now = path ? GetFileDiskTime(*path) : kGone;
     }
-    const auto path = PathForLocation(loc);
-    return _fTimes.emplace(loc, path ? GetFileDiskTime(*path) : kGone).first->second;
+    return *state.now;
   }
+  DiskTime TimeOf(Loc loc) { return TimeOf(loc, _fStates[loc]); }
 
   // Whether it is stored as it is on the disk now, with both scans.
-  bool IsIndexed(Loc loc) {
-    const auto stored = _fStored.find(loc);
-    return stored != _fStored.end() && stored->second.scans_done == kAllScansDone &&
-           stored->second.disk_time == TimeOf(loc);
+  static bool IsIndexed(Loc loc, CFileState& state) {
+    return state.is_scanned && state.stored == TimeOf(loc, state);
   }
 
-  void ReadTies() {
-    _fDb.VisitTiedRecords([this](const CStoredRow& row) {
-      const Loc loc = row.record.for_loc;
-      const Loc source = row.record.scanned_loc;
-      if (!loc || !source) {
-        return;
+  bool IsRemoved(Loc loc, CFileState& state) const {
+    const auto path = PathForLocation(loc);
+    return path && IsBelow(*path, _fFound.paths) && TimeOf(loc, state) == kGone;
+  }
+
+  void TakeTie(const CTie& tie) {
+    if (!tie.scanned_loc) {
+      return;
+    }
+    bool is_stale = tie.scopes_seen == nullptr;
+    if (tie.scopes_seen != nullptr) {
+      for (const auto& [scope, time] : *tie.scopes_seen) {
+        is_stale = is_stale || TimeOf(scope.loc) != time;
       }
-      bool is_stale = row.record.scopes_seen == nullptr;
-      if (row.record.scopes_seen != nullptr) {
-        for (const auto& [scope, time] : *row.record.scopes_seen) {
-          is_stale = is_stale || TimeOf(scope.loc) != time;
-        }
+    }
+    if (!(tie.scanned_loc == tie.for_loc)) {
+      _fSources[tie.for_loc].insert(tie.scanned_loc);
+      if (is_stale) {
+        _fMisinformed.insert(tie.for_loc);
       }
-      if (source != loc) {
-        _fSources[loc].insert(source);
-        if (is_stale) {
-          _fMisinformed.insert(loc);
-        }
-      } else if (is_stale) {
-        _fAgain.insert(loc);
-      }
-    });
+    } else if (is_stale) {
+      _fAgain.insert(tie.for_loc);
+    }
   }
 
   void FollowTies() {
@@ -121,14 +139,14 @@ class CPlanner {
 
   void AddFilesToScanAgain() {
     for (const Loc loc : _fAgain) {
-      if (!_fChanged.contains(loc) && IsIndexed(loc)) {
+      if (!_fChanged.contains(loc) && IsIndexed(loc, _fStates[loc])) {
         _fPlan.to_forget.push_back({*PathForLocation(loc), loc, TimeOf(loc)});
       }
     }
     std::sort(_fPlan.to_forget.begin(), _fPlan.to_forget.end(),
               [](const CFoundFile& a, const CFoundFile& b) { return a.path < b.path; });
     for (const CFoundFile& file : _fPlan.to_forget) {
-      _fPlan.unchanged -= _fFoundLocs.contains(file.loc) ? 1 : 0;
+      _fPlan.unchanged -= _fStates[file.loc].is_found ? 1 : 0;
       _fPlan.to_scan.push_back(file);
     }
   }
@@ -137,9 +155,8 @@ class CPlanner {
   const CFoundFiles& _fFound;
   CIndexPlan _fPlan;
 
-  CLocSet _fFoundLocs;
-  std::unordered_map<Loc, DiskTime> _fTimes;  // on the disk now
-  std::unordered_map<Loc, CStoredFile> _fStored;
+  std::unordered_map<Loc, CFileState> _fStates;
+  std::vector<CFileState*> _fStatesOfFound;    // in the order of the found files
   CLocSet _fChanged;                           // new, changed or removed
   std::unordered_map<Loc, CLocSet> _fSources;  // B to the files A that have rows in it
   CLocSet _fMisinformed;                       // B with such a row that is no longer true

@@ -538,7 +538,7 @@ class CSqliteAnalysisDb::CImpl {
     CQuery query(statement.get());
     while (query.Step()) {
       // A file in a workspace that was not given has no location.
-      if (const auto url = _fNames.UrlOf(Text(query.ViewAt(0)))) {
+      if (const auto url = _fNames.UrlOf(query.ViewAt(0))) {
         visit({_fLocCache.GetLocation(*url), query.DoubleAt(1), Text(query.ViewAt(2))});
       }
     }
@@ -555,32 +555,62 @@ class CSqliteAnalysisDb::CImpl {
     return sources;
   }
 
-  void VisitTiedRecords(const std::function<void(const CStoredRow&)>& visit) {
+  void VisitFilesAndTies(const std::function<void(const CStoredFile&)>& visit_file,
+                         const std::function<void(const CTie&)>& visit_tie) {
     struct CPlace {
-      Text file;
+      int64_t place;
+      Loc loc;
       DiskTime disk_time;
     };
-    std::unordered_map<int64_t, CPlace> places;
-    const auto files =
-        _fConnection->Prepare("SELECT place, name, disk_time FROM files WHERE place IS NOT NULL");
+    std::vector<std::pair<int64_t, Loc>> by_id;
+    std::vector<CPlace> places;
+    const auto files = _fConnection->Prepare(
+        "SELECT id, name, disk_time, scans_done, place FROM files ORDER BY id");
     for (CQuery query(files.get()); query.Step();) {
-      places[query.IntAt(0)] = {Text(query.ViewAt(1)), query.DoubleAt(2)};
-    }
-    const auto statement = _fConnection->Prepare(
-        "SELECT id, scope, scan, scanned_file, scanned_scope, seen, NULL, NULL, x'' FROM records "
-        "WHERE scanned_file IS NOT NULL OR seen IS NOT NULL");
-    for (CQuery query(statement.get()); query.Step();) {
-      const auto place = places.find(query.IntAt(0) & ~(sqlitedb::kPlaceSpan - 1));
-      if (place == places.end()) {
-        continue;  // Verify() tells of it
+      const auto url = _fNames.UrlOf(query.ViewAt(1));
+      if (!url) {
+        continue;
       }
-      CStoredRow row;
-      row.file = place->second.file;
-      row.disk_time = place->second.disk_time;
-      const auto url = _fNames.UrlOf(row.file);
-      const Loc loc = url ? _fLocCache.GetLocation(*url) : Loc();
-      row.error = ReadRow(query, 1, loc, row.disk_time, row.record);
-      visit(row);
+      const CStoredFile file{_fLocCache.GetLocation(*url), query.DoubleAt(2),
+                             Text(query.ViewAt(3))};
+      by_id.emplace_back(query.IntAt(0), file.loc);
+      if (!query.IsNull(2)) {
+        visit_file(file);
+      }
+      if (const auto place = query.OptionalIntAt(4)) {
+        places.push_back({*place, file.loc, file.disk_time});
+      }
+    }
+    // In the order of the rows, which are asked for in the order of their ids.
+    std::sort(places.begin(), places.end(),
+              [](const CPlace& a, const CPlace& b) { return a.place < b.place; });
+    const auto file_of = [this, &by_id](int64_t id) {
+      const auto found =
+          std::lower_bound(by_id.begin(), by_id.end(), id,
+                           [](const auto& entry, int64_t wanted) { return entry.first < wanted; });
+      return found != by_id.end() && found->first == id ? found->second : FileLoc(id);
+    };
+    const auto statement = _fConnection->Prepare(
+        "SELECT id, scanned_file, seen FROM records "
+        "WHERE scanned_file IS NOT NULL OR seen IS NOT NULL ORDER BY id");
+    auto place = places.begin();
+    for (CQuery query(statement.get()); query.Step();) {
+      const int64_t wanted = query.IntAt(0) & ~(sqlitedb::kPlaceSpan - 1);
+      place = std::find_if(place, places.end(),
+                           [wanted](const CPlace& each) { return each.place >= wanted; });
+      if (place == places.end() || place->place != wanted) {
+        continue;  // of a file without a location, or of none: Verify() tells of that
+      }
+      CTie tie{place->loc, place->loc, nullptr};
+      if (const auto source = query.OptionalIntAt(1)) {
+        tie.scanned_loc = *source == kAbsentFile ? Loc() : file_of(*source);
+      }
+      try {
+        tie.scopes_seen = ReadScopesSeen(query, 2, place->loc, place->disk_time, file_of);
+      } catch (const CValueError&) {
+        // Verify() tells of that, too.
+      }
+      visit_tie(tie);
     }
   }
 
@@ -988,27 +1018,35 @@ class CSqliteAnalysisDb::CImpl {
       default:
         record.scanned_scope = query.ViewAt(first + 3);
     }
-    if (query.IsNull(first + 4)) {
-      if (for_loc) {
-        record.scopes_seen = std::make_shared<CScopesSeenDict>();
-        record.scopes_seen->Set(CScopeRef{for_loc, Text(kWildcardScope)}, disk_mtime);
-      }
-      return {};
-    }
     try {
-      record.scopes_seen =
-          _fSerializer.DeserializeScopesSeenDict(query.ViewAt(first + 4), [this](uint64_t id) {
-            const Loc loc = id > sqlitedb::kMaxFileId ? Loc() : FileLoc(static_cast<int64_t>(id));
-            // A record must not lose one of its dependencies without a word.
-            if (!loc) {
-              throw CValueError("the file " + std::to_string(id) + " is not known");
-            }
-            return loc;
-          });
+      record.scopes_seen = ReadScopesSeen(query, first + 4, for_loc, disk_mtime,
+                                          [this](int64_t id) { return FileLoc(id); });
     } catch (const CValueError& error) {
       return std::string("its scopes seen are damaged: ") + error.what();
     }
     return {};
+  }
+
+  // The scopes seen of a row. `file_of` gives the location of a file's id, or none.
+  template <class FileOf>
+  CScopesSeenPtr ReadScopesSeen(CQuery& query, int column, Loc for_loc, DiskTime disk_mtime,
+                                const FileOf& file_of) {
+    if (!query.IsNull(column)) {
+      return _fSerializer.DeserializeScopesSeenDict(query.ViewAt(column), [&](uint64_t id) {
+        const Loc loc = id > sqlitedb::kMaxFileId ? Loc() : file_of(static_cast<int64_t>(id));
+        // A record must not lose one of its dependencies without a word.
+        if (!loc) {
+          throw CValueError("the file " + std::to_string(id) + " is not known");
+        }
+        return loc;
+      });
+    }
+    if (!for_loc) {
+      return nullptr;
+    }
+    auto itself = std::make_shared<CScopesSeenDict>();
+    itself->Set(CScopeRef{for_loc, Text(kWildcardScope)}, disk_mtime);
+    return itself;
   }
 
   void ReportDamagedRow(Loc loc, const Text& scope, const Text& error) {
@@ -1347,9 +1385,10 @@ void CSqliteAnalysisDb::VisitFiles(const std::function<void(const CStoredFile&)>
   });
 }
 
-void CSqliteAnalysisDb::VisitTiedRecords(const std::function<void(const CStoredRow&)>& visit) {
-  _fImpl->Looking<bool>("reading tied records", [&] {
-    _fImpl->VisitTiedRecords(visit);
+void CSqliteAnalysisDb::VisitFilesAndTies(const std::function<void(const CStoredFile&)>& visit_file,
+                                          const std::function<void(const CTie&)>& visit_tie) {
+  _fImpl->Looking<bool>("reading all files and ties", [&] {
+    _fImpl->VisitFilesAndTies(visit_file, visit_tie);
     return true;
   });
 }

@@ -58,6 +58,13 @@ struct CStoredFile {
   Text scans_done;
 };
 
+// A row that was made from another file than the one it is for, or rests on one.
+struct CTie {
+  Loc for_loc;
+  Loc scanned_loc;             // absent when the database does not know the file
+  CScopesSeenPtr scopes_seen;  // null where they cannot be decoded
+};
+
 // One call of the service, told when it is done: for tools that show what a question costs.
 struct CDbCall {
   const char* operation = "";  // its name
@@ -129,9 +136,10 @@ class CSqliteAnalysisDb final : public CAnalysisDb {
   std::vector<Loc> LostSources();
   // Every file that has a disk time.
   void VisitFiles(const std::function<void(const CStoredFile&)>& visit);
-  // Every row that was made from another file than the one it is for, or rests on one, without its
-  // equivalences and data. Costs as much as there are such rows.
-  void VisitTiedRecords(const std::function<void(const CStoredRow&)>& visit);
+  // The same, then every row that ties files together. Costs as much as there are such files and
+  // rows.
+  void VisitFilesAndTies(const std::function<void(const CStoredFile&)>& visit_file,
+                         const std::function<void(const CTie&)>& visit_tie);
   // Every row, those that no read would hand out included, file by file.
   void VisitAllRecords(const std::function<void(const CStoredRow&)>& visit);
   CSqliteDbStats Stats();
