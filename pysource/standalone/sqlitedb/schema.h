@@ -5,9 +5,10 @@
 //   records   id, scope, scan, scanned_file, scanned_scope, seen, classes, imports, data
 //   changes   seq, file                                  which file each save or clear was of
 //   lost      source, target                             what a file has said of another, and is
-//   gone ties      an index of the records that hang together with other files than their own: made
-//   from
-//             another one, or resting on one. They are few, and an index run asks for all of them.
+//                                                        gone
+//   ties      an index of the records that hang together with other files than their own: made from
+//             another one, or resting on one. They are few, and an index run asks for all of them;
+//             what it asks is in the index, since the rows lie far apart.
 //
 // A file's id is its number in scopes-seen bytes and in scanned_file, so a row of `files` is never
 // deleted; a file without data has no disk time. The id is a hash of the name, or the next free
@@ -54,7 +55,7 @@
 
 namespace pysource::standalone::sqlitedb {
 
-inline constexpr int kSchemaVersion = 3;
+inline constexpr int kSchemaVersion = 4;
 // "PySI", in the header of the file: tells our databases from those of other programs.
 inline constexpr int kApplicationId = 0x50795349;
 
@@ -68,7 +69,7 @@ inline constexpr const char* kSchema = R"(
   CREATE TABLE changes(seq INTEGER PRIMARY KEY, file INTEGER NOT NULL);
   CREATE TABLE lost(source INTEGER NOT NULL, target INTEGER NOT NULL, PRIMARY KEY(source, target))
                     WITHOUT ROWID;
-  CREATE INDEX ties ON records(id) WHERE scanned_file IS NOT NULL OR seen IS NOT NULL;
+  CREATE INDEX ties ON records(id, scanned_file, seen) WHERE scanned_file IS NOT NULL OR seen IS NOT NULL;
 )";
 inline constexpr int kTableCount = 5;
 
