@@ -77,7 +77,9 @@ CTreeFolder ReadTreeFolder(const std::string& path, bool is_named) {
 }
 
 std::string PathInFolder(const std::string& folder, std::string_view name) {
-  std::string path = folder;
+  std::string path;
+  path.reserve(folder.size() + 1 + name.size());
+  path = folder;
   if (!path.ends_with('/')) {
     path += '/';
   }
