@@ -121,7 +121,7 @@ int RunIndex(const COptions& options) {
          session.Between()});
   }
   // The pages, not the file: the last saves are still in the log beside it.
-  const size_t database_bytes = report.scanned > 0 ? engine.Database().Stats().database_bytes : 0;
+  const size_t database_bytes = report.scanned > 0 ? engine.Database().DatabaseBytes() : 0;
   Write(Summary(options, found, report, database_bytes, find_seconds, SecondsSince(start)));
   session.DumpIfAsked();
   FlushOutput();

@@ -614,6 +614,11 @@ class CSqliteAnalysisDb::CImpl {
     }
   }
 
+  uint64_t DatabaseBytes() {
+    return static_cast<uint64_t>(_fConnection->IntOf("PRAGMA page_size") *
+                                 _fConnection->IntOf("PRAGMA page_count"));
+  }
+
   CSqliteDbStats Stats() {
     CSqliteDbStats stats;
     const auto count = [this](const char* sql) {
@@ -641,9 +646,8 @@ class CSqliteAnalysisDb::CImpl {
       stats.name_bytes += value(4);
       stats.scopes_seen_bytes += value(5);
     }
-    const uint64_t page = count("PRAGMA page_size");
-    stats.database_bytes = page * count("PRAGMA page_count");
-    stats.free_bytes = page * count("PRAGMA freelist_count");
+    stats.database_bytes = DatabaseBytes();
+    stats.free_bytes = count("PRAGMA page_size") * count("PRAGMA freelist_count");
     return stats;
   }
 
@@ -1404,6 +1408,10 @@ size_t CSqliteAnalysisDb::MemoryUse() const { return _fImpl->MemoryUse(); }
 
 CSqliteDbStats CSqliteAnalysisDb::Stats() {
   return _fImpl->Looking<CSqliteDbStats>("counting", [&] { return _fImpl->Stats(); });
+}
+
+uint64_t CSqliteAnalysisDb::DatabaseBytes() {
+  return _fImpl->Looking<uint64_t>("counting pages", [&] { return _fImpl->DatabaseBytes(); });
 }
 
 std::vector<Text> CSqliteAnalysisDb::Verify() {

@@ -143,6 +143,8 @@ class CSqliteAnalysisDb final : public CAnalysisDb {
   // Every row, those that no read would hand out included, file by file.
   void VisitAllRecords(const std::function<void(const CStoredRow&)>& visit);
   CSqliteDbStats Stats();
+  // The database_bytes of these; costs nothing, where the others read all rows.
+  uint64_t DatabaseBytes();
   // Bytes that SQLite holds for this connection, most of it pages of the database.
   size_t MemoryUse() const;
   // SQLite's own check of every page, then of every row; what is wrong, a line each.
