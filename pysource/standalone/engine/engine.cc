@@ -29,7 +29,7 @@ CEngine::CEngine(CEngineOptions options)
   _fOldSingletons = singleton::SetSingletons(&_fSingletons);
   _fCache = std::make_unique<scopeinfo::CInfoCache>(&_fAnaMgr, &_fLocCache, options.limits);
   _fAnaMgr.fInfoCache = _fCache.get();
-  _fFiles.fOnFileChanged = [this](Loc loc) { FileHasChanged(loc); };
+  _fFiles.fOnFileChanged = [this](Loc loc, bool forgotten) { FileHasChanged(loc, forgotten); };
   _fCache->connect(kScopesModified,
                    [this](CInfoCacheBase&, const CChangedDict& changed) { TellOfStubs(changed); });
   _fDb->connect(kExternalDbContentsChanged, [this](CAnalysisDb&, const CLocSet* changed_locs) {
@@ -102,19 +102,20 @@ void CEngine::CloseBuffer(Loc loc) {
     CLocMtimeDict present;
     present.Set(loc, _fCache->GetDiskMTime(loc));
     _fFiles.emit(kExternalFilesChanged, present);
-    FileHasChanged(loc);
+    FileHasChanged(loc, false);
   }
 }
 
-void CEngine::FileHasChanged(Loc loc) {
+void CEngine::FileHasChanged(Loc loc, bool forgotten) {
   if (_fCache->GetDiskMTime(loc) == scopeinfo::kFileModifiedInMemoryMtime) {
     // An edited buffer hides the disk.
     return;
   }
-  // What is in memory of the file the cache has marked itself. But merged records, and records for
-  // other files that were scanned from this one, can outlive it: they stay when the file, or a
-  // scope of it, leaves memory. Where nothing was merged, that is news for nobody.
-  if (_fCache->DbgGetPerFileDict().Contains(loc) && !_fCache->HasMergedInfoOf(loc)) {
+  // What is in memory of the file the cache has marked itself, if the file was in memory all the
+  // time. But merged records, and records for other files that were scanned from this one, can
+  // outlive it: they stay when the file, or a scope of it, leaves memory. Where nothing was merged,
+  // that is news for nobody.
+  if (!forgotten && _fCache->DbgGetPerFileDict().Contains(loc) && !_fCache->HasMergedInfoOf(loc)) {
     return;
   }
   CChangedDict changed;

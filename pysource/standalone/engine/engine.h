@@ -78,7 +78,7 @@ class CEngine {
  private:
   // What was made of the file is of a content that is gone: readers hear of it, and its scans for
   // other files are run again.
-  void FileHasChanged(Loc loc);
+  void FileHasChanged(Loc loc, bool forgotten);
   // The same of what others have changed in the database; null for every file.
   void DatabaseHasChanged(const CLocSet* changed_locs);
   // Says of the stubs of these files that the same scopes have changed.

@@ -73,7 +73,7 @@ void CFileManager::CheckFile(Loc loc) { Check({loc}); }
 
 void CFileManager::Check(const std::vector<Loc>& locs) {
   CLocMtimeDict changed;
-  std::vector<Loc> all_changed;
+  std::vector<std::pair<Loc, bool>> all_changed;
   for (const Loc loc : locs) {
     const DiskTime now = TimeOnDisk(loc);
     const auto watched = _fLastTold.find(loc);
@@ -88,15 +88,15 @@ void CFileManager::Check(const std::vector<Loc>& locs) {
       _fForgotten.erase(forgotten);
     }
     if (has_changed || was_forgotten) {
-      all_changed.push_back(loc);
+      all_changed.emplace_back(loc, was_forgotten);
     }
   }
   if (!changed.empty()) {
     emit(kExternalFilesChanged, changed);
   }
-  for (const Loc loc : all_changed) {
+  for (const auto& [loc, was_forgotten] : all_changed) {
     if (fOnFileChanged) {
-      fOnFileChanged(loc);
+      fOnFileChanged(loc, was_forgotten);
     }
   }
 }

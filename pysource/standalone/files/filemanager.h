@@ -44,7 +44,9 @@ class CFileManager final : public CSavableManager {
   // The files that are watched no more and have not changed since.
   std::vector<Loc> Forgotten() const;
   // Called with each file that is found to have changed, watched or remembered.
-  std::function<void(Loc)> fOnFileChanged;
+  // `forgotten`: it was watched no more at some time between. An entry that its watcher has made
+  // anew since then knows nothing of the change.
+  std::function<void(Loc, bool forgotten)> fOnFileChanged;
 
   bool IsWatched(Loc loc) const { return _fLastTold.contains(loc); }
   size_t WatchCount() const { return _fLastTold.size(); }
