@@ -7,8 +7,9 @@
 // file that came and went within one batch is not told of, and of a folder that comes or goes each
 // of its files is told.
 //
-// The system is asked to tell (inotify); what it tells is taken as a hint where to
-// look, and a folder that is new is watched first and read then, so that nothing falls in between.
+// The system is asked to tell (inotify); what it tells is taken as a hint where to look, and a
+// folder that is new is watched first and read then, so that nothing falls in between. When more
+// happens at once than the system keeps for us, it says so, and every folder is looked at.
 // What the system cannot tell of is looked at again every `look_again_ms`: folders for which it has
 // no more watches, folders that cannot be read, files that are links to elsewhere, and what was
 // named and is not there. An error says so, once.
