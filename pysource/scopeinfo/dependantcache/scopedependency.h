@@ -58,7 +58,7 @@ class CDependedScopes {
   Iterator begin() const { return Iterator(_fScopes.data()); }
   Iterator end() const { return Iterator(_fScopes.data() + _fScopes.size()); }
   bool Contains(Loc loc, TextView scope_name) const;
-  size_t MemoryUse() const noexcept { return _fScopes.capacity() * sizeof(CDependedScope*); }
+  size_t MemoryUse() const noexcept { return _fScopes.capacity() * sizeof(void*); }
 
  private:
   friend class CScopeDependency;
