@@ -151,13 +151,14 @@ class CPerFileEntry {
   CInsertionOrderedDict<Text, CScopeInfoPtr, TextHash> primary_info_dict;
   // The time that the state in memory belongs to, or one of the markers.
   DiskTime disk_mtime;
+  // * The database may hold what is not reflected here: names and scans done are to be read again.
+  // Stands beside the time because every read looks at both.
+  bool fDatabaseChanged;
   TextSet all_db_scope_names;         // * of the scopes that the database holds, as far as known
   TextSet db_scope_names_not_loaded;  // those of them that have no entry in serialized_data_dict
   CInsertionOrderedDict<Text, RecordList, TextHash> serialized_data_dict;
   bool clear_db = false;  // * the database rows are to be deleted at the next write
-  // * The database may hold what is not reflected here: names and scans done are to be read again.
-  bool fDatabaseChanged;
-  Text fScansDone;  // * names of the scans done, joined with ","
+  Text fScansDone;        // * names of the scans done, joined with ","
   // * fScansDone differs from what the database holds. Raised at first, so that a first write
   // stores it.
   bool fScansDoneNeedsToBeWritten = true;

@@ -301,6 +301,10 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
   void CancelPendingCalls();
 
   // read.cc
+  static const CScopeInfoPtr& AnswerWith(const CMergedValue& found, const CPerFileEntry& per_file,
+                                         CNeedsScanDict* needs_scan_dict);
+  CScopeInfoPtr FindOrMerge(Loc loc, TextView scope_name, bool merge_secondary,
+                            CNeedsScanDict* needs_scan_dict);
   void RememberShortcut(const CMergedKeyView& key, bool merge_secondary,
                         const CPerFilePtr& per_file, CUsedScopes::Slot used_slot) const;
   void ForgetShortcuts() { ++_fShortcutStamp; }

@@ -36,25 +36,35 @@ CScopeInfoPtr CInfoCache::GetScopeInfo(Loc loc, TextView scope_name, bool merge_
     fLog("None loc passed to GetScopeInfo()");
     return nullptr;
   }
-  const auto answer = [&](const CMergedValue& found, const CPerFileEntry& per_file) {
-    if (needs_scan_dict != nullptr && found.needs_scan != nullptr) {
-      for (const auto& [scope, scan_names] : *found.needs_scan) {
-        needs_scan_dict->Set(scope, scan_names);
-      }
-    }
-    // The record takes on the present time, whatever it was merged under.
-    found.merged_info->disk_mtime = per_file.disk_mtime;
-    return found.merged_info;
-  };
   const CRequestView request{loc, scope_name, merge_secondary, _fShortcutStamp};
   if (const auto known = _fMergedInfoCache.EntryOf(request); known != CScopeDependency::kNoEntry) {
     const CShortcut& shortcut = _fMergedInfoCache.KeyAt(known).shortcut;
     if (IsUpToDate(*shortcut.per_file)) {
       _fUsedScopesDict.MarkUsed(shortcut.used_slot);
       _fUsedScopesDict.ValueAt(shortcut.used_slot) = true;
-      return answer(_fMergedInfoCache.Use(known), *shortcut.per_file);
+      return AnswerWith(_fMergedInfoCache.Use(known), *shortcut.per_file, needs_scan_dict);
     }
   }
+  return FindOrMerge(loc, scope_name, merge_secondary, needs_scan_dict);
+}
+
+const CScopeInfoPtr& CInfoCache::AnswerWith(const CMergedValue& found,
+                                            const CPerFileEntry& per_file,
+                                            CNeedsScanDict* needs_scan_dict) {
+  if (needs_scan_dict != nullptr && found.needs_scan != nullptr) {
+    for (const auto& [scope, scan_names] : *found.needs_scan) {
+      needs_scan_dict->Set(scope, scan_names);
+    }
+  }
+  // The record takes on the present time, whatever it was merged under.
+  found.merged_info->disk_mtime = per_file.disk_mtime;
+  return found.merged_info;
+}
+
+// GetScopeInfo without a shortcut, kept apart so that the way with one needs no more of the stack
+// than it uses.
+CScopeInfoPtr CInfoCache::FindOrMerge(Loc loc, TextView scope_name, bool merge_secondary,
+                                      CNeedsScanDict* needs_scan_dict) {
   const CPerFilePtr per_file = GetPerFile(loc, true);
   const CSecondaryFiles other_locs = merge_secondary ? GetSecondaryFiles(loc) : NoSecondaryFiles();
 
@@ -62,7 +72,7 @@ CScopeInfoPtr CInfoCache::GetScopeInfo(Loc loc, TextView scope_name, bool merge_
   if (const auto found = _fMergedInfoCache.LookupInCache(merged_key); found.value != nullptr) {
     const auto used_slot = MarkReturned(loc, scope_name);
     RememberShortcut(merged_key, merge_secondary, per_file, used_slot);
-    return answer(*found.value, *per_file);
+    return AnswerWith(*found.value, *per_file, needs_scan_dict);
   }
 
   const bool log_is_open = fLog.fOutputFile != nullptr;
