@@ -148,6 +148,7 @@ class SqliteDbFailingSave : public SqliteDb {
       }
       ASSERT_TRUE(failed);
       ASSERT_THAT(db->LastError(), HasSubstr("scopes.db: saving: "));
+      ASSERT_EQ(db->RefusalOf(loc), db->LastError());
       ASSERT_EQ(AllOf(*db, loc, 2), old_rows);
       ASSERT_THAT(AllOf(*db, loc, 3), IsEmpty());
       auto reopened = Open();
@@ -155,7 +156,7 @@ class SqliteDbFailingSave : public SqliteDb {
       ASSERT_EQ(reopened->Message(), "");
     }
     EXPECT_GT(n, least_steps);
-    EXPECT_EQ(db->LastError(), "");
+    EXPECT_EQ(db->LastError() + db->RefusalOf(loc), "");
     EXPECT_EQ(db->Message(), "");
     EXPECT_THAT(db->Verify(), IsEmpty());
   }
@@ -277,6 +278,27 @@ TEST_F(SqliteDb, TwoProcessesWriteAndReadAtTheSameTime) {
     EXPECT_EQ(Held(*db, "b" + std::to_string(i)), "db" + std::to_string(i));
   }
   EXPECT_THAT(db->Verify(), IsEmpty());
+}
+
+TEST_F(SqliteDb, WhoeverComesWhileItIsMadeWaitsForIt) {
+  constexpr int kRounds = 40;
+  for (int round = 0; round < kRounds; ++round) {
+    const auto open = [this] {
+      try {
+        EXPECT_EQ(Open()->Message(), "");
+      } catch (const CError& error) {
+        ADD_FAILURE() << error.what();
+      }
+    };
+    std::thread second(open);
+    std::thread third(open);
+    open();
+    second.join();
+    third.join();
+    for (const char* const companion : {"", "-wal", "-shm", "-journal"}) {
+      fs::remove(DbPath() + companion);
+    }
+  }
 }
 
 // ---- Whatever lies in the database's place.

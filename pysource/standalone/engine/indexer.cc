@@ -51,8 +51,9 @@ std::vector<CPathNote> ForgetForPlan(CEngine& engine, const CIndexPlan& plan) {
   cache.WriteToDatabase(to_forget);
   for (const Loc loc : to_forget) {
     const auto* const entry = entry_of(loc);
-    if (entry != nullptr && (*entry)->fScansDoneNeedsToBeWritten) {
-      refused.push_back({PathOf(loc), engine.Database().LastError()});
+    const std::string& why = engine.Database().RefusalOf(loc);
+    if (entry != nullptr && (*entry)->fScansDoneNeedsToBeWritten && !why.empty()) {
+      refused.push_back({PathOf(loc), why});
       return refused;
     }
   }
@@ -61,7 +62,7 @@ std::vector<CPathNote> ForgetForPlan(CEngine& engine, const CIndexPlan& plan) {
     for (const Loc loc : plan.to_clear) {
       const auto* const entry = entry_of(loc);
       if (entry != nullptr && (*entry)->clear_db) {
-        refused.push_back({PathOf(loc), engine.Database().LastError()});
+        refused.push_back({PathOf(loc), engine.Database().RefusalOf(loc)});
         return refused;
       }
     }
@@ -130,8 +131,8 @@ void CIndexer::TakeScanned(const CScanJobResult& scanned) {
   const Loc loc = scanned.job.loc;
   scopeinfo::CInfoCache& cache = _fEngine.Cache();
   ++_fDone;
-  if (cache.DbgGetCrossFileData().GetToWriteInfoKeyCount(loc) != 0) {
-    Refuse(PathOf(loc), _fEngine.Database().LastError());
+  if (IsRefused(loc)) {
+    Refuse(PathOf(loc), _fEngine.Database().RefusalOf(loc));
   } else {
     _fFailuresInARow = 0;
     // A file that changes while the run goes on is scanned more than once.
@@ -178,6 +179,12 @@ void CIndexer::Refuse(const std::string& path, const std::string& why) {
   ++_fFailuresInARow;
 }
 
+// Whether the database would not take records of the file.
+bool CIndexer::IsRefused(Loc loc) const {
+  return !_fEngine.Database().RefusalOf(loc).empty() &&
+         _fEngine.Cache().DbgGetCrossFileData().GetToWriteInfoKeyCount(loc) != 0;
+}
+
 // Whether all that the file holds, and all that was scanned from it, is written and up to date.
 bool CIndexer::IsSettled(Loc loc) const {
   const scopeinfo::CCrossFileData& data = _fEngine.Cache().DbgGetCrossFileData();
@@ -217,8 +224,8 @@ void CIndexer::WriteTheRest() {
   cache.WriteToDatabase();
   for (const auto& [loc, entry] : cache.DbgGetPerFileDict()) {
     // Records for a file that is gone by now have nowhere to go.
-    if (entry->disk_mtime > 0 && cache.DbgGetCrossFileData().GetToWriteInfoKeyCount(loc) != 0) {
-      Refuse(PathOf(loc), _fEngine.Database().LastError());
+    if (entry->disk_mtime > 0 && IsRefused(loc)) {
+      Refuse(PathOf(loc), _fEngine.Database().RefusalOf(loc));
     }
   }
 }

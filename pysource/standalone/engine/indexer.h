@@ -77,6 +77,7 @@ class CIndexer {
   void TakeScanned(const CScanJobResult& scanned);
   void TakeFailure(const CScanRunner::Failure& failure);
   void Refuse(const std::string& path, const std::string& why);
+  bool IsRefused(Loc loc) const;
   bool IsSettled(Loc loc) const;
   void Sweep();
   void WriteTheRest();

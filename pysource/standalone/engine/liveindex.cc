@@ -107,7 +107,7 @@ std::vector<CPathNote> CLiveIndex::WriteAll() {
     _fEngine->Cache().WriteToDatabase();
     for (const auto& [loc, entry] : _fEngine->Cache().DbgGetPerFileDict()) {
       if (IsRefused(loc)) {
-        refused.push_back({PathOf(loc), _fEngine->Database().LastError()});
+        refused.push_back({PathOf(loc), _fEngine->Database().RefusalOf(loc)});
       }
     }
   } catch (const std::exception& error) {
@@ -116,9 +116,12 @@ std::vector<CPathNote> CLiveIndex::WriteAll() {
   return refused;
 }
 
-// Whether something of the file could not be written. Records for a file that is gone have nowhere
-// to go.
+// Whether the database would not take something of the file. What else waits is for the cache to
+// know: records for a file that is gone have nowhere to go.
 bool CLiveIndex::IsRefused(Loc loc) {
+  if (_fEngine->Database().RefusalOf(loc).empty()) {
+    return false;
+  }
   scopeinfo::CInfoCache& cache = _fEngine->Cache();
   const scopeinfo::CPerFilePtr* const entry = cache.DbgGetPerFileDict().Find(loc);
   return entry != nullptr &&
@@ -308,7 +311,7 @@ void CLiveIndex::TakeScanned(Loc loc) {
   // A scan of the whole file is written already, one of some of its scopes is not.
   _fEngine->Cache().WriteToDatabase({loc});
   if (IsRefused(loc)) {
-    Trouble({PathOf(loc), _fEngine->Database().LastError()});
+    Trouble({PathOf(loc), _fEngine->Database().RefusalOf(loc)});
   }
   if (_fOptions.on_scanned) {
     _fOptions.on_scanned(loc);

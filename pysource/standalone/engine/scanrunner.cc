@@ -355,10 +355,11 @@ void CScanRunner::Write(Loc loc, const std::vector<Loc>& others, bool whole_file
     }
   }
   _fCache.WriteToDatabase(others);
-  // If the database refused one of them, the file is stored without the claim.
+  // If the database refused one of them, or the file that it is for is gone by now, the file is
+  // stored without the claim: whoever finds that it is back, or that it is gone, scans again.
   const bool is_complete = std::none_of(others.begin(), others.end(), [this](Loc other) {
-    const auto time = _fCache.GetDiskModTimeUsed(other, false);
-    return time && *time > 0 && _fCache.DbgGetCrossFileData().GetToWriteInfoKeyCount(other) != 0;
+    return _fCache.GetDiskModTimeUsed(other, false) != scopeinfo::kFileModifiedInMemoryMtime &&
+           _fCache.DbgGetCrossFileData().GetToWriteInfoKeyCount(other) != 0;
   });
   if (whole_file) {
     for (const TextView scan_name : {kNamesScan, kAttrsScan}) {

@@ -129,6 +129,7 @@ void CFileImportResolver::SetRoots(std::vector<std::string> roots) {
 }
 
 void CFileImportResolver::Clear() {
+  ++_fClears;
   for (CShard& shard : *_fShards) {
     const std::lock_guard lock(shard.mutex);
     shard.modules.clear();
@@ -141,6 +142,7 @@ Loc CFileImportResolver::Find(const std::string& folder, TextView name) const {
   question += '\0';
   question += name;
   CShard& shard = ShardOf(question);
+  const uint64_t clears = _fClears;
   {
     const std::lock_guard lock(shard.mutex);
     const auto known = shard.modules.find(question);
@@ -151,7 +153,9 @@ Loc CFileImportResolver::Find(const std::string& folder, TextView name) const {
   // Unlocked: two threads may look for the same file, and find the same.
   const Loc found = FindOnDisk(folder, name);
   const std::lock_guard lock(shard.mutex);
-  shard.modules.emplace(std::move(question), found);
+  if (clears == _fClears) {
+    shard.modules.emplace(std::move(question), found);
+  }
   return found;
 }
 
@@ -166,6 +170,7 @@ Loc CFileImportResolver::FindOnDisk(const std::string& folder, TextView name) co
 
 std::string CFileImportResolver::PackageRoot(const std::string& folder) const {
   CShard& shard = ShardOf(folder);
+  const uint64_t clears = _fClears;
   {
     const std::lock_guard lock(shard.mutex);
     const auto known = shard.package_roots.find(folder);
@@ -182,7 +187,10 @@ std::string CFileImportResolver::PackageRoot(const std::string& folder) const {
     root = std::move(*above);
   }
   const std::lock_guard lock(shard.mutex);
-  return shard.package_roots.emplace(folder, std::move(root)).first->second;
+  if (clears == _fClears) {
+    shard.package_roots.emplace(folder, root);
+  }
+  return root;
 }
 
 }  // namespace pysource::standalone

@@ -7,6 +7,8 @@
 #pragma once
 
 #include <array>
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -58,7 +60,8 @@ class CFileImportResolver final : public CImportResolver {
 
   // Takes other roots, and forgets all answers. Not while a scan runs.
   void SetRoots(std::vector<std::string> roots);
-  // Forgets all answers: files have come or gone.
+  // Forgets all answers: files have come or gone. What a thread is looking for meanwhile it may
+  // still find as it was before, but nobody else is told so.
   void Clear();
 
  private:
@@ -81,6 +84,7 @@ class CFileImportResolver final : public CImportResolver {
 
   CLocationCache& _fLocCache;
   std::vector<std::string> _fRoots;
+  std::atomic<uint64_t> _fClears = 0;  // so far
   const std::unique_ptr<std::array<CShard, 16>> _fShards;
 };
 

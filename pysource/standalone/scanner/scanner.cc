@@ -68,6 +68,8 @@ using scopeinfo::CScopeInfo;
 using scopeinfo::CScopeInfoKey;
 using scopeinfo::CScopeInfoPtr;
 
+constexpr auto kGone = static_cast<DiskTime>(scopeinfo::kFileDoesNotExistMtime);
+
 // What the import `item` binds its name to, for a use of that name as `object` ("os.path"): the
 // module is `object` itself or what it begins with.
 std::optional<Text> ModuleOf(BytesView item, TextView object) {
@@ -215,8 +217,7 @@ CScopesSeenPtr CScanner::CImpl::MakeScopesSeen(uint32_t scope) const {
 // A file that comes into being changes what an import means.
 void CScanner::CImpl::AddLookedForInVain(TextView module, Loc found, CScopesSeenDict& seen) const {
   for (const Loc loc : _fResolver.LookedForInVain(_fRequest->loc, module, found)) {
-    seen.Set(CScopeRef{loc, Text(kModuleScopeName)},
-             static_cast<DiskTime>(scopeinfo::kFileDoesNotExistMtime));
+    seen.Set(CScopeRef{loc, Text(kModuleScopeName)}, kGone);
   }
 }
 
@@ -277,10 +278,12 @@ CScopeInfoPtr CScanner::CImpl::MakeNamesInfo(uint32_t scope) {
     if (star.scope != scope) {
       continue;
     }
-    const Loc loc = _fResolver.Resolve(_fRequest->loc, star.module);
-    if (loc) {
-      info->scope_seen_dict->Set(CScopeRef{loc, Text(kModuleScopeName)},
-                                 _fResolver.GetDiskTime(loc));
+    Loc loc = _fResolver.Resolve(_fRequest->loc, star.module);
+    const DiskTime time = loc ? _fResolver.GetDiskTime(loc) : kGone;
+    if (time == kGone) {
+      loc = nullptr;  // or gone since it was found: whichever file comes next is news
+    } else {
+      info->scope_seen_dict->Set(CScopeRef{loc, Text(kModuleScopeName)}, time);
     }
     AddLookedForInVain(star.module, loc, *info->scope_seen_dict);
   }

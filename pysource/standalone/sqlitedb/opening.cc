@@ -29,8 +29,9 @@ struct CInspection {
   int64_t version = 0;
 };
 
-// Few statements: this is a good part of what it costs to look up one scope in a new process.
-CInspection Inspect(CSqliteConnection& connection) {
+// To be called within a transaction. Few statements: this is a good part of what it costs to look
+// up one scope in a new process.
+CInspection InspectInTransaction(CSqliteConnection& connection) {
   const int64_t program = connection.IntOf("PRAGMA application_id");
   const int64_t version = connection.IntOf("PRAGMA user_version");
   int64_t tables = 0;
@@ -64,13 +65,27 @@ CInspection Inspect(CSqliteConnection& connection) {
   return {EContent::kOurs, version};
 }
 
+// All that it looks at is of one moment: what another process makes meanwhile is seen whole or not
+// at all, and never as tables that nobody has marked as ours.
+CInspection Inspect(CSqliteConnection& connection) {
+  connection.Execute("BEGIN");
+  try {
+    const CInspection inspection = InspectInTransaction(connection);
+    connection.Execute("COMMIT");
+    return inspection;
+  } catch (const CSqliteFailure&) {
+    connection.RollBack();
+    throw;
+  }
+}
+
 // Makes the tables, unless another process has just done so.
 void MakeTables(CSqliteConnection& connection) {
   // Once, now, while nobody else has the file open. A refusal (a file system without shared memory)
   // costs speed, nothing else.
   sqlite3_exec(connection.Handle(), "PRAGMA journal_mode = WAL", nullptr, nullptr, nullptr);
   CWriteTransaction transaction(connection);
-  if (Inspect(connection).content == EContent::kEmpty) {
+  if (InspectInTransaction(connection).content == EContent::kEmpty) {
     connection.Execute(kSchema);
     connection.Execute(("PRAGMA application_id = " + std::to_string(kApplicationId)).c_str());
     connection.Execute(("PRAGMA user_version = " + std::to_string(kSchemaVersion)).c_str());

@@ -242,6 +242,27 @@ class CSqliteAnalysisDb::CImpl {
     return false;
   }
 
+  bool SaveFile(Loc loc, const std::vector<CDatabaseRecord>& records, TextView scans_done,
+                DiskTime disk_mtime) {
+    const bool saved = Changing("saving", [&] { Save(loc, records, scans_done, disk_mtime); });
+    NoteOutcome(loc, saved);
+    return saved;
+  }
+
+  bool ClearFiles(const std::vector<Loc>& loc_list) {
+    const bool cleared = Changing("clearing", [&] { Clear(loc_list); });
+    for (const Loc loc : loc_list) {
+      NoteOutcome(loc, cleared);
+    }
+    return cleared;
+  }
+
+  const std::string& RefusalOf(Loc loc) const {
+    static const std::string none;
+    const auto refusal = _fRefusals.find(loc);
+    return refusal == _fRefusals.end() ? none : refusal->second;
+  }
+
   // ---- The service.
 
   std::vector<Text> ReadScopeNames(Loc loc, TextView scan, DiskTime disk_mtime) {
@@ -727,6 +748,17 @@ class CSqliteAnalysisDb::CImpl {
     bool _fKept = false;
   };
 
+  void NoteOutcome(Loc loc, bool done) {
+    if (!done) {
+      _fRefusals[loc] = _fLastError;
+      return;
+    }
+    _fRefusals.erase(loc);
+    if (_fBatch != nullptr) {
+      _fBatchFiles.push_back(loc);
+    }
+  }
+
   // ---- The batch.
 
   // Some failures end a transaction, or the whole connection.
@@ -745,10 +777,14 @@ class CSqliteAnalysisDb::CImpl {
         }
       } catch (const CSqliteFailure& failure) {
         _fLastError = Shown() + ": saving: " + failure.what();
+        for (const Loc loc : _fBatchFiles) {
+          _fRefusals[loc] = _fLastError;
+        }
       }
       _fConnection->RollBack();
     }
     _fBatch = nullptr;
+    _fBatchFiles.clear();
     if (!committed) {
       // The tables hold what was undone, and the log may get other entries under the same numbers.
       Forget();
@@ -1246,6 +1282,7 @@ class CSqliteAnalysisDb::CImpl {
   sqlitedb::CFileIdentity _fIdentity;               // of the file that is open
   std::string _fMessage;
   std::string _fLastError;
+  std::unordered_map<Loc, std::string> _fRefusals;  // by file, until it is written after all
 
   // The ids of the files met so far, both ways, and all scans. Ids never change, so these hold
   // whatever other processes do, as long as the database is the same file.
@@ -1262,6 +1299,7 @@ class CSqliteAnalysisDb::CImpl {
   // The database was replaced, or continuity was lost otherwise: to be told at the next check.
   bool _fEverythingChanged = false;
   CSqliteConnection* _fBatch = nullptr;  // that the batch began on; null: no batch
+  std::vector<Loc> _fBatchFiles;         // that the batch has written
   // Numbers in the log, after _fChangesSeen, of what this process did: runs from first to last.
   std::vector<std::pair<int64_t, int64_t>> _fOwnChanges;
   std::vector<int64_t> _fOwnSaves;  // those of the running transaction
@@ -1312,14 +1350,13 @@ CScansDoneDict CSqliteAnalysisDb::GetScansDone(const CLocMtimeDict& loc_mtime_di
 
 bool CSqliteAnalysisDb::SaveDataForFile(Loc loc, const std::vector<CDatabaseRecord>& records,
                                         TextView scans_done, DiskTime disk_mtime) {
-  const bool saved =
-      _fImpl->Changing("saving", [&] { _fImpl->Save(loc, records, scans_done, disk_mtime); });
+  const bool saved = _fImpl->SaveFile(loc, records, scans_done, disk_mtime);
   Tell("SaveDataForFile", loc, nullptr, saved ? records.size() : 0);
   return saved;
 }
 
 bool CSqliteAnalysisDb::ClearInfoForFiles(const std::vector<Loc>& loc_list) {
-  const bool cleared = _fImpl->Changing("clearing", [&] { _fImpl->Clear(loc_list); });
+  const bool cleared = _fImpl->ClearFiles(loc_list);
   Tell("ClearInfoForFiles", loc_list.size() == 1 ? loc_list.front() : Loc(), nullptr,
        cleared ? loc_list.size() : 0);
   return cleared;
@@ -1370,6 +1407,8 @@ Text CSqliteAnalysisDb::CheckForExternalChanges() {
 
 const std::string& CSqliteAnalysisDb::Message() const { return _fImpl->Message(); }
 const std::string& CSqliteAnalysisDb::LastError() const { return _fImpl->LastError(); }
+
+const std::string& CSqliteAnalysisDb::RefusalOf(Loc loc) const { return _fImpl->RefusalOf(loc); }
 const std::string& CSqliteAnalysisDb::Path() const { return _fImpl->Shown(); }
 bool CSqliteAnalysisDb::ReadOnly() const { return _fImpl->ReadOnly(); }
 

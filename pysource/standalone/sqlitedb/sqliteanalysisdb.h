@@ -118,6 +118,9 @@ class CSqliteAnalysisDb final : public CAnalysisDb {
   const std::string& Message() const;
   // Why the last save or clear answered false; empty when it answered true.
   const std::string& LastError() const;
+  // Why the last save or clear of this file was not made; empty when it was, or when there was
+  // none.
+  const std::string& RefusalOf(Loc loc) const;
   // Whether the database may only be read.
   bool ReadOnly() const;
   const std::string& Path() const;
@@ -128,8 +131,8 @@ class CSqliteAnalysisDb final : public CAnalysisDb {
   // Calls `work`; the saves and clears that it makes become true together, for other processes and
   // after a kill. Each still answers for itself, and one that answers false is left out. False when
   // what they answered true is undone after all, because the disk is full at the last moment: then
-  // LastError() says so. When no transaction can be begun, each is on its own. What `work` throws
-  // undoes them and passes through.
+  // LastError() says so, and RefusalOf() each of their files. When no transaction can be begun,
+  // each is on its own. What `work` throws undoes them and passes through.
   bool Together(const std::function<void()>& work);
 
   // Files that claim to be scanned, and of which rows that are for other files were dropped since.
