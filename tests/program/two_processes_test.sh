@@ -66,10 +66,16 @@ while ((SECONDS < end)); do
   sleep "0.0$((RANDOM % 10))"
 done
 
-# When it is quiet, both come to rest, and nothing is left to do.
+# When it is quiet, both come to rest, and nothing is left to do. Each looks once a second for what the other stored, so
+# rest is when neither has said anything for longer.
+said=
+quiet=0
 for _ in {1..100}; do
   sleep 0.2
-  if "$program" verify tree --merged --db shared.db >verify.out 2>verify.err && [[ ! -s verify.err ]]; then
+  before=$said
+  said=$(cat one.out two.out | wc -l)
+  quiet=$((said == before ? quiet + 1 : 0))
+  if ((quiet > 6)) && "$program" verify tree --merged --db shared.db >verify.out 2>verify.err && [[ ! -s verify.err ]]; then
     break
   fi
 done

@@ -200,9 +200,18 @@ step
 kill -USR1 "$watch"
 says '"event":"statistics"' '"to_write":0' '"needs_scan":0' '"merged_hit_rate"' '"memory":{"bytes":' '"key sets":{"bytes":'
 
+# Sixty more files, each there at once with all that is in it.
+copies_of() { # FILE
+  local i
+  for i in {1..60}; do
+    cp "$1" copy.new
+    mv copy.new "notebook/m$i.py"
+  done
+}
+
 # ---- Interrupted in the midst of work: all is written that was said to be scanned.
 step
-for i in {1..60}; do cat notebook/model.py >"notebook/m$i.py"; done
+copies_of notebook/model.py
 says '"event":"scanned"'
 kill -INT "$watch"
 ended 130
@@ -239,7 +248,7 @@ rm notebook/m*.py
 start notebook
 says '"event":"ready"'
 step
-for i in {1..60}; do cat notebook/store.py >"notebook/m$i.py"; done
+copies_of notebook/store.py
 says '"event":"scanned"'
 kill -KILL "$watch"
 wait "$watch" 2>/dev/null || true

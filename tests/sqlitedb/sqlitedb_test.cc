@@ -25,6 +25,7 @@ namespace pysource::standalone {
 namespace {
 
 using testing::Each;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::internal::CaptureStdout;
@@ -278,6 +279,46 @@ TEST_F(SqliteDb, TwoProcessesWriteAndReadAtTheSameTime) {
     EXPECT_EQ(Held(*db, "b" + std::to_string(i)), "db" + std::to_string(i));
   }
   EXPECT_THAT(db->Verify(), IsEmpty());
+}
+
+// What b.py says of a.py goes when a.py is cleared. Whoever scans b.py again without having heard
+// of that takes the row for stored.
+TEST_F(SqliteDb, WhatASourceLostIsForgottenByWhoHasHeardOfTheLossAlone) {
+  auto db = Open();
+  auto other = Open();
+  const Loc a = File("a.py");
+  const Loc b = File("b.py");
+  const auto save_b = [&](CAnalysisDb& by, TextView scans_done) {
+    return by.SaveDataForFile(b, {MakeRecord(b, "", ":names", "d", 2)}, scans_done, 2);
+  };
+  CDatabaseRecord said = MakeRecord(a, "", ":attrs", "said", 2);
+  said.scanned_loc = b;
+  const auto save_a = [&](CAnalysisDb& by) {
+    return by.SaveDataForFile(a, {MakeRecord(a, "", ":names", "d", 2), said}, ":names", 2);
+  };
+  ASSERT_TRUE(save_a(*db) && save_b(*db, ":names"));
+  EXPECT_THAT(db->LostSources(), IsEmpty());
+
+  for (const char* const was_claimed : {":names", ""}) {
+    SCOPED_TRACE(was_claimed);
+    ASSERT_TRUE(save_b(*db, was_claimed));
+    (void)db->CheckForExternalChanges();
+    ASSERT_TRUE(other->ClearInfoForFiles({a}));
+    EXPECT_THAT(db->LostSources(), ElementsAre(b));
+    ASSERT_TRUE(save_b(*db, "") && save_b(*db, ":names"));
+    EXPECT_THAT(db->LostSources(), ElementsAre(b));
+    EXPECT_EQ(Told(*db), "a.py");
+    ASSERT_TRUE(save_b(*db, "") && save_b(*db, ":names"));
+    EXPECT_THAT(db->LostSources(), IsEmpty());
+    ASSERT_TRUE(save_a(*db));
+  }
+  // Its own clears a process knows of.
+  ASSERT_TRUE(db->ClearInfoForFiles({a}));
+  EXPECT_THAT(db->LostSources(), ElementsAre(b));
+  ASSERT_TRUE(save_a(*db));
+  EXPECT_THAT(db->LostSources(), IsEmpty());
+  ASSERT_TRUE(db->ClearInfoForFiles({a, b}));
+  EXPECT_THAT(db->LostSources(), IsEmpty());
 }
 
 TEST_F(SqliteDb, WhoeverComesWhileItIsMadeWaitsForIt) {

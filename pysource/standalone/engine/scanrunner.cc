@@ -17,6 +17,8 @@ constexpr int kReaderUrgency = 20;
 constexpr int kDefaultUrgency = 10;
 constexpr int kBulkUrgency = 0;
 
+constexpr auto kGone = static_cast<DiskTime>(scopeinfo::kFileDoesNotExistMtime);
+
 // The priority of reports about scopes that change as the user types.
 constexpr int kUnderTheHands = 1;
 
@@ -243,11 +245,20 @@ void CScanRunner::HandOver(const CScanJobResult& result) {
     _fCache.GetMultipleScopeInfos(loc, {});
   }
   _fFiles.CheckFile(loc);
+  // Likewise of the files that the result is for. One that has gone makes the scan wrong about what
+  // an import means.
+  const std::vector<Loc> others = OthersOf(result);
+  bool is_other_gone = false;
+  for (const Loc other : others) {
+    _fFiles.CheckFile(other);
+    is_other_gone |= _fFiles.GetLastModTimes({other}, true).front() == kGone;
+  }
   const uint64_t content = ContentOf(loc);
   const bool is_present =
-      result.job.unsaved_text
-          ? content == result.job.content
-          : result.error.empty() && _fCache.GetDiskModTimeUsed(loc, false) == result.disk_mtime;
+      !is_other_gone &&
+      (result.job.unsaved_text
+           ? content == result.job.content
+           : result.error.empty() && _fCache.GetDiskModTimeUsed(loc, false) == result.disk_mtime);
   if (result.error.empty() && !is_present) {
     ++_fCounts.dropped;
     Want(loc, kWildcardScope, kNamesScan, wanted.urgency);
@@ -258,7 +269,7 @@ void CScanRunner::HandOver(const CScanJobResult& result) {
     Fail(content, {loc, result.error});
   } else {
     try {
-      AddResults(result, wanted);
+      AddResults(result, wanted, others);
       const uint64_t last_content = _fStates[loc].content;
       if (last_content != 0 && last_content != content) {
         TellOtherFiles(result);
@@ -291,7 +302,8 @@ void CScanRunner::Fail(uint64_t content, const Failure& failure) {
   }
 }
 
-void CScanRunner::AddResults(const CScanJobResult& result, const Wanted& wanted) {
+void CScanRunner::AddResults(const CScanJobResult& result, const Wanted& wanted,
+                             const std::vector<Loc>& others) {
   const Loc loc = result.job.loc;
   ++_fCounts.files_scanned;
   _fCounts.source_bytes += result.source_bytes;
@@ -322,7 +334,6 @@ void CScanRunner::AddResults(const CScanJobResult& result, const Wanted& wanted)
   if (wanted.all) {
     ForgetScopesThatAreGone(result);
   }
-  const std::vector<Loc> others = OthersOf(result);
   if (others.empty()) {
     Write(loc, others, wanted.all);
   } else if (!_fDb.Together([&] { Write(loc, others, wanted.all); })) {

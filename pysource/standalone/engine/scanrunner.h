@@ -120,7 +120,8 @@ class CScanRunner final : public CDestroyable {
   void GiveJob(Loc loc, Wanted wanted);
   void HandOver(const CScanJobResult& result);
   void Fail(uint64_t content, const Failure& failure);
-  void AddResults(const CScanJobResult& result, const Wanted& wanted);
+  void AddResults(const CScanJobResult& result, const Wanted& wanted,
+                  const std::vector<Loc>& others);
   static std::vector<Loc> OthersOf(const CScanJobResult& result);
   void Write(Loc loc, const std::vector<Loc>& others, bool whole_file);
   void AddWanted(const CScanJobResult& result, const Wanted& wanted);

@@ -146,6 +146,7 @@ class CScanner::CImpl {
   // binds it.
   uint32_t Lookup(uint32_t scope, TextView name) const;
   CScopesSeenPtr MakeScopesSeen(uint32_t scope) const;
+  std::pair<Loc, DiskTime> Resolve(TextView module) const;
   void AddLookedForInVain(TextView module, Loc found, CScopesSeenDict& seen) const;
 
   const CImportResolver& _fResolver;
@@ -214,6 +215,14 @@ CScopesSeenPtr CScanner::CImpl::MakeScopesSeen(uint32_t scope) const {
   return seen;
 }
 
+// The file of the module and its time. One that has gone since the resolver found it counts as
+// none: otherwise nothing would say that the scan is out of date when it comes back.
+std::pair<Loc, DiskTime> CScanner::CImpl::Resolve(TextView module) const {
+  const Loc loc = _fResolver.Resolve(_fRequest->loc, module);
+  const DiskTime time = loc ? _fResolver.GetDiskTime(loc) : kGone;
+  return {time == kGone ? nullptr : loc, time};
+}
+
 // A file that comes into being changes what an import means.
 void CScanner::CImpl::AddLookedForInVain(TextView module, Loc found, CScopesSeenDict& seen) const {
   for (const Loc loc : _fResolver.LookedForInVain(_fRequest->loc, module, found)) {
@@ -278,11 +287,8 @@ CScopeInfoPtr CScanner::CImpl::MakeNamesInfo(uint32_t scope) {
     if (star.scope != scope) {
       continue;
     }
-    Loc loc = _fResolver.Resolve(_fRequest->loc, star.module);
-    const DiskTime time = loc ? _fResolver.GetDiskTime(loc) : kGone;
-    if (time == kGone) {
-      loc = nullptr;  // or gone since it was found: whichever file comes next is news
-    } else {
+    const auto [loc, time] = Resolve(star.module);
+    if (loc) {
       info->scope_seen_dict->Set(CScopeRef{loc, Text(kModuleScopeName)}, time);
     }
     AddLookedForInVain(star.module, loc, *info->scope_seen_dict);
@@ -361,11 +367,14 @@ void CScanner::CImpl::ResolveAttribute(uint32_t name) {
   const size_t begin = _fResolved.size();
   _fBindings.ForEachItem(_fBindings.Name(found), [&](BytesView item) {
     const std::optional<Text> module = ModuleOf(item, object);
-    const Loc loc = module ? _fResolver.Resolve(_fRequest->loc, *module) : nullptr;
-    if (module && (_fModulesSetOn.empty() || _fModulesSetOn.back().scanned_scope != entry.scope ||
-                   _fModulesSetOn.back().module != *module)) {
-      _fModulesSetOn.push_back({entry.scope, *module, loc});
+    if (!module) {
+      return;
     }
+    if (_fModulesSetOn.empty() || _fModulesSetOn.back().scanned_scope != entry.scope ||
+        _fModulesSetOn.back().module != *module) {
+      _fModulesSetOn.push_back({entry.scope, *module, Resolve(*module).first});
+    }
+    const Loc loc = _fModulesSetOn.back().found;
     const bool is_known =
         std::any_of(_fResolved.begin() + static_cast<ptrdiff_t>(begin), _fResolved.end(),
                     [&](const CResolved& r) { return r.for_loc == loc; });

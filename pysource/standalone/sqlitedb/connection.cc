@@ -45,11 +45,12 @@ const char* SqlOf(EStatement statement) {
     case EStatement::kDropRecords:
       return "DELETE FROM records WHERE id BETWEEN ? AND ?";
     case EStatement::kNoteLost:
-      return "INSERT OR IGNORE INTO lost SELECT DISTINCT f.id, ?3 FROM records r "
-             "JOIN files f ON f.id = r.scanned_file "
-             "WHERE r.id BETWEEN ?1 AND ?2 AND f.scans_done <> ''";
-    case EStatement::kForgetLostOf:
-      return "DELETE FROM lost WHERE source = ?";
+      return "INSERT OR REPLACE INTO lost SELECT DISTINCT f.id, ?3, "
+             "(SELECT coalesce(max(seq), 0) + 1 FROM changes) FROM records r JOIN files f ON f.id "
+             "= r.scanned_file "
+             "WHERE r.id BETWEEN ?1 AND ?2 AND f.disk_time IS NOT NULL";
+    case EStatement::kLostOf:
+      return "SELECT target, seq FROM lost WHERE source = ?";
     case EStatement::kForgetLost:
       return "DELETE FROM lost WHERE source = ? AND target = ?";
     case EStatement::kLogChange:

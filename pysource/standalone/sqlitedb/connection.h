@@ -79,7 +79,7 @@ enum class EStatement {
   kPutRecord,
   kDropRecords,
   kNoteLost,
-  kForgetLostOf,
+  kLostOf,
   kForgetLost,
   kLogChange,
   kCutChanges,

@@ -4,8 +4,8 @@
 //   scans     id, name                                   scan names, as small numbers
 //   records   id, scope, scan, scanned_file, scanned_scope, seen, classes, imports, data
 //   changes   seq, file                                  which file each save or clear was of
-//   lost      source, target                             what a file has said of another, and is
-//                                                        gone
+//   lost      source, target, seq                        what a file has said of another, and is
+//                                                        gone, by which change
 //   ties      an index of the records that hang together with other files than their own: made from
 //             another one, or resting on one. They are few, and an index run asks for all of them;
 //             what it asks is in the index, since the rows lie far apart.
@@ -40,7 +40,8 @@
 // sources. Whoever does it scans the sources again; but another process may have added one
 // meanwhile, which claims to be scanned, and nothing else would say that a row of it is missing. So
 // the pair is noted in the transaction that drops the row, and goes when the source claims to be
-// scanned anew, or says something of the target again.
+// scanned anew, or says something of the target again, by a process that has heard of the drop: one
+// that has not takes rows for stored that went with it, and does not store them again.
 //
 // `changes` is a log. A process that looks for changes reads what came since it last looked; the
 // log keeps the last kChangesKept, and who looks too late is told that everything changed.
@@ -55,7 +56,7 @@
 
 namespace pysource::standalone::sqlitedb {
 
-inline constexpr int kSchemaVersion = 4;
+inline constexpr int kSchemaVersion = 5;
 // "PySI", in the header of the file: tells our databases from those of other programs.
 inline constexpr int kApplicationId = 0x50795349;
 
@@ -67,8 +68,8 @@ inline constexpr const char* kSchema = R"(
                        scanned_file INTEGER, scanned_scope, seen BLOB, classes TEXT, imports TEXT,
                        data BLOB NOT NULL);
   CREATE TABLE changes(seq INTEGER PRIMARY KEY, file INTEGER NOT NULL);
-  CREATE TABLE lost(source INTEGER NOT NULL, target INTEGER NOT NULL, PRIMARY KEY(source, target))
-                    WITHOUT ROWID;
+  CREATE TABLE lost(source INTEGER NOT NULL, target INTEGER NOT NULL, seq INTEGER NOT NULL,
+                    PRIMARY KEY(source, target)) WITHOUT ROWID;
   CREATE INDEX ties ON records(id, scanned_file, seen) WHERE scanned_file IS NOT NULL OR seen IS NOT NULL;
 )";
 inline constexpr int kTableCount = 5;

@@ -368,7 +368,7 @@ class CSqliteAnalysisDb::CImpl {
       DropRecords(file.id, file.place);
     }
     if (!scans_done.empty() && (!same_time || file.scans_done.value_or("").empty())) {
-      _fConnection->Use(EStatement::kForgetLostOf).Int(file.id).Run();
+      ForgetLost(file.id);
     }
     // Without rows, the place is free: the next file may get it.
     int64_t place = records.empty() && !same_time ? 0 : file.place;
@@ -396,7 +396,7 @@ class CSqliteAnalysisDb::CImpl {
       Assert(record.for_loc == loc);
       if (record.scanned_loc && record.scanned_loc != loc && record.scanned_loc != source) {
         source = record.scanned_loc;
-        _fConnection->Use(EStatement::kForgetLost).Int(FileIdToStore(source)).Int(file.id).Run();
+        ForgetLost(FileIdToStore(source), file.id);
       }
     }
     PutRecords(loc, file.id, place, same_time && file.place != 0, records, disk_mtime);
@@ -412,7 +412,7 @@ class CSqliteAnalysisDb::CImpl {
       if (file.place != 0) {
         DropRecords(file.id, file.place);
       }
-      _fConnection->Use(EStatement::kForgetLostOf).Int(file.id).Run();
+      ForgetLost(file.id);
       _fConnection->Use(EStatement::kSetFile).Int(file.id).Null().Null().Null().Run();
       LogChange(file.id);
     }
@@ -1109,10 +1109,34 @@ class CSqliteAnalysisDb::CImpl {
     return SameBits(time, disk_mtime);
   }
 
+  // To be followed by LogChange of the same file, before that of any other: what is lost is noted
+  // under the number that it gives.
   void DropRecords(int64_t file, int64_t place) {
     const int64_t last = place + sqlitedb::kPlaceSpan - 1;
     _fConnection->Use(EStatement::kNoteLost).Int(place).Int(last).Int(file).Run();
     _fConnection->Use(EStatement::kDropRecords).Int(place).Int(last).Run();
+  }
+
+  // Forgets that rows from `source` were lost, of `target` or of all: they are there again. But not
+  // what another process has dropped since this one last looked: who has not heard of it can still
+  // take rows for stored that went then.
+  void ForgetLost(int64_t source, std::optional<int64_t> target = std::nullopt) {
+    std::vector<int64_t> found;
+    {
+      CQuery query = _fConnection->Use(EStatement::kLostOf);
+      query.Int(source);
+      while (query.Step()) {
+        const int64_t seq = query.IntAt(1);
+        if ((!target || *target == query.IntAt(0)) &&
+            (seq <= _fChangesSeen || IsOwnChange(seq) ||
+             std::find(_fOwnSaves.begin(), _fOwnSaves.end(), seq) != _fOwnSaves.end())) {
+          found.push_back(query.IntAt(0));
+        }
+      }
+    }
+    for (const int64_t id : found) {
+      _fConnection->Use(EStatement::kForgetLost).Int(source).Int(id).Run();
+    }
   }
 
   int64_t NewPlace() {
