@@ -221,6 +221,54 @@ TEST_F(SqliteDbFailingSave, EveryWriteToTheDisk) {
   }
 }
 
+TEST_F(SqliteDb, ABatchSaysOfEachFileWhetherItIsStored) {
+  const std::vector<std::string> names{"a.py", "b.py", "c.py"};
+  for (const auto& [code, all_later] :
+       {std::pair(SQLITE_IOERR_WRITE, false), {SQLITE_FULL, true}}) {
+    SCOPED_TRACE(code);
+    const CFailingVfs vfs;
+    auto db = Open();
+    bool failed = true;
+    int undone = 0;
+    for (int n = 1; failed; ++n) {
+      ASSERT_LT(n, 20000);
+      SCOPED_TRACE("write " + std::to_string(n));
+      const Bytes data = std::to_string(code) + " " + std::to_string(n) + Bytes(9000, 'd');
+      CFailingVfs::FailAt(n, code, all_later);
+      std::vector<bool> answers;
+      const bool together = db->Together([&] {
+        for (const std::string& name : names) {
+          answers.push_back(Save(*db, name, data));
+        }
+      });
+      failed = CFailingVfs::HasFailed();
+      CFailingVfs::FailAt(0, SQLITE_OK, false);
+      const auto other = Open();
+      for (size_t i = 0; i < names.size(); ++i) {
+        const bool stored = Held(*other, names[i]) == data;
+        EXPECT_EQ(Held(*db, names[i]) == data, stored) << names[i];
+        EXPECT_EQ(db->RefusalOf(File(names[i])).empty(), stored) << names[i];
+        if (together) {
+          EXPECT_EQ(answers[i], stored) << names[i];
+        }
+        undone += answers[i] && !stored ? 1 : 0;
+      }
+      EXPECT_TRUE(failed || together);
+    }
+    EXPECT_GT(undone, 0) << "no batch has failed at its end";
+    EXPECT_THAT(db->Verify(), IsEmpty());
+  }
+  // What the work throws undoes it, too.
+  auto db = Open();
+  EXPECT_THROW(db->Together([&] {
+    EXPECT_TRUE(Save(*db, "a.py", "thrown"));
+    throw CValueError("thrown");
+  }),
+               CValueError);
+  EXPECT_THAT(db->RefusalOf(File("a.py")), HasSubstr("scopes.db: saving: "));
+  EXPECT_NE(Held(*db, "a.py"), "thrown");
+}
+
 TEST_F(SqliteDb, ALockIsWaitedForShortlyAndTheSaveGoesThroughLater) {
   for (const char* journal : {"wal", "delete"}) {
     SCOPED_TRACE(journal);

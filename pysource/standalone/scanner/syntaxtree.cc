@@ -177,6 +177,28 @@ bool CSyntaxTree::Parse(BytesView source) {
   return true;
 }
 
+NodeIndex CSyntaxTree::Child(NodeIndex parent, Tag tag) const {
+  for (const NodeIndex child : Children(parent)) {
+    if (_fNodes[child].tag == tag) {
+      return child;
+    }
+  }
+  return kNoNode;
+}
+
+NodeIndex CSyntaxTree::LastChild(NodeIndex parent) const {
+  NodeIndex last = kNoNode;
+  for (const NodeIndex child : Children(parent)) {
+    last = child;
+  }
+  return last;
+}
+
+size_t CSyntaxTree::ChildCount(NodeIndex parent) const {
+  const CChildren children = Children(parent);
+  return static_cast<size_t>(std::distance(children.begin(), children.end()));
+}
+
 void CSyntaxTree::NoteError(uint32_t row) {
   ++_fErrorCount;
   if (_fFirstErrorLine == 0 || row < _fFirstErrorLine) {

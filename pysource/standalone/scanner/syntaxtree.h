@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <vector>
 
 #include "pysource/host/text.h"
@@ -146,6 +147,14 @@ class CSyntaxTree {
     return next < _fNodes[parent].next ? next : kNoNode;
   }
 
+  // The children in order, to be gone through with `for`.
+  class CChildren;
+  CChildren Children(NodeIndex parent) const;
+  // The first child of that kind, or kNoNode.
+  NodeIndex Child(NodeIndex parent, Tag tag) const;
+  NodeIndex LastChild(NodeIndex parent) const;
+  size_t ChildCount(NodeIndex parent) const;
+
   // Places that fit no rule, or where something is missing.
   size_t ErrorCount() const { return _fErrorCount; }
   // The line of the first one, counted from 1; 0 when there is none.
@@ -163,5 +172,46 @@ class CSyntaxTree {
   size_t _fErrorCount = 0;
   size_t _fFirstErrorLine = 0;
 };
+
+class CSyntaxTree::CChildren {
+ public:
+  class Iterator {
+   public:
+    using iterator_category = std::forward_iterator_tag;
+    using value_type = NodeIndex;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const NodeIndex*;
+    using reference = NodeIndex;
+
+    Iterator(const CNode* nodes, NodeIndex at) : _fNodes(nodes), _fAt(at) {}
+    NodeIndex operator*() const { return _fAt; }
+    Iterator& operator++() {
+      _fAt = _fNodes[_fAt].next;
+      return *this;
+    }
+    Iterator operator++(int) {
+      const Iterator before = *this;
+      ++*this;
+      return before;
+    }
+    bool operator==(const Iterator& other) const { return _fAt == other._fAt; }
+
+   private:
+    const CNode* _fNodes;
+    NodeIndex _fAt;
+  };
+
+  CChildren(const CNode* nodes, NodeIndex parent) : _fNodes(nodes), _fParent(parent) {}
+  Iterator begin() const { return {_fNodes, _fParent + 1}; }
+  Iterator end() const { return {_fNodes, _fNodes[_fParent].next}; }
+
+ private:
+  const CNode* _fNodes;
+  NodeIndex _fParent;
+};
+
+inline CSyntaxTree::CChildren CSyntaxTree::Children(NodeIndex parent) const {
+  return {_fNodes.data(), parent};
+}
 
 }  // namespace pysource::standalone

@@ -107,6 +107,17 @@ bool CSqliteFailure::IsDamage() const {
   return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB;
 }
 
+Text JsonArray(const std::vector<int64_t>& values) {
+  Text json = "[";
+  for (const int64_t value : values) {
+    if (json.size() > 1) {
+      json += ',';
+    }
+    json += std::to_string(value);
+  }
+  return json += ']';
+}
+
 // ---- CQuery
 
 CQuery::~CQuery() {

@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "pysource/host/errors.h"
 #include "pysource/host/text.h"
@@ -64,6 +65,9 @@ class CQuery {
   sqlite3_stmt* _fStatement;
   int _fBound = 0;
 };
+
+// "[1,2,3]", which json_each makes rows of: one statement for any number of values.
+Text JsonArray(const std::vector<int64_t>& values);
 
 // The statements that a connection keeps prepared.
 enum class EStatement {
@@ -123,6 +127,7 @@ class CSqliteConnection {
   void RollBack() noexcept;
 
   sqlite3* Handle() { return _fDb; }
+  int64_t LastInsertId() const { return sqlite3_last_insert_rowid(_fDb); }
   bool ReadOnly() const { return sqlite3_db_readonly(_fDb, "main") == 1; }
 
  private:

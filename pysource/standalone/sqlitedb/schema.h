@@ -74,6 +74,9 @@ inline constexpr const char* kSchema = R"(
 )";
 inline constexpr int kTableCount = 5;
 
+// What scanned_file holds for an absent location.
+inline constexpr int64_t kAbsentFile = 0;
+
 inline constexpr int kRunningBits = 20;
 inline constexpr int kScopeBits = 18;
 inline constexpr int64_t kScopeSpan = int64_t{1} << kRunningBits;
