@@ -59,8 +59,17 @@ class CLinkedSlots {
   const Entry& At(Slot slot) const { return *_fNodes[slot].entry; }
 
   template <class K>
+  static uint64_t HashOf(const K& key) {
+    return static_cast<uint64_t>(Hash()(key));
+  }
+
+  template <class K>
   Slot Find(const K& key) const {
-    const auto hash = static_cast<uint64_t>(Hash()(key));
+    return Find(key, HashOf(key));
+  }
+  // With the hash of the key, for who needs it twice.
+  template <class K>
+  Slot Find(const K& key, uint64_t hash) const {
     if (_fIndexed) {
       return _fIndex.Find(hash, [&](Slot slot) {
         return _fNodes[slot].hash == hash && Equal()(At(slot).first, key);
@@ -76,7 +85,10 @@ class CLinkedSlots {
 
   // Adds an entry whose key must be new, at the front or at the back of the order.
   Slot Add(bool at_front, Key key, Value value) {
-    const auto hash = static_cast<uint64_t>(Hash()(key));
+    const uint64_t hash = HashOf(key);
+    return Add(at_front, std::move(key), hash, std::move(value));
+  }
+  Slot Add(bool at_front, Key key, uint64_t hash, Value value) {
     Slot slot = _fFree;
     if (slot == kNone) {
       slot = static_cast<Slot>(_fNodes.size());

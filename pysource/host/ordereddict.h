@@ -48,20 +48,31 @@ class CInsertionOrderedDict {
 
   // Stores the value under the key, at the key's old place or at the end.
   Value& Set(Key key, Value value) {
-    const auto slot = _fSlots.Find(key);
+    const uint64_t hash = Slots::HashOf(key);
+    const auto slot = _fSlots.Find(key, hash);
     if (slot == Slots::kNone) {
-      return _fSlots.At(_fSlots.Add(false, std::move(key), std::move(value))).second;
+      return _fSlots.At(_fSlots.Add(false, std::move(key), hash, std::move(value))).second;
     }
     // Swapped, not assigned: what the old value's end sets off finds the new one in place.
     std::swap(_fSlots.At(slot).second, value);
     return _fSlots.At(slot).second;
   }
 
-  // The value of `key`, stored as a default-made one if the key is new.
-  Value& GetOrMake(Key key) {
-    const auto slot = _fSlots.Find(key);
-    return slot == Slots::kNone ? _fSlots.At(_fSlots.Add(false, std::move(key), Value())).second
-                                : _fSlots.At(slot).second;
+  // The value of `key`, stored as a default-made one if the key is new. The key can be anything
+  // that a key can be looked up by and made from.
+  template <class K>
+  Value& GetOrMake(const K& key) {
+    const uint64_t hash = Slots::HashOf(key);
+    auto slot = _fSlots.Find(key, hash);
+    if (slot == Slots::kNone) {
+      slot = _fSlots.Add(false, Key(key), hash, Value());
+    }
+    return _fSlots.At(slot).second;
+  }
+
+  // Stores the value at the end, under a key that is new.
+  Value& Add(Key key, Value value) {
+    return _fSlots.At(_fSlots.Add(false, std::move(key), std::move(value))).second;
   }
 
   // Takes the value out; absent when the key is unknown.

@@ -48,9 +48,10 @@ class CUsageOrderedDict {
   // Stores the value. With `count_as_use` the key becomes the most recently used; without it a
   // known key keeps its place and a new one enters at the least recently used end.
   void Set(Key key, Value value, bool count_as_use = true) {
-    const auto slot = _fSlots.Find(key);
+    const uint64_t hash = Slots::HashOf(key);
+    const auto slot = _fSlots.Find(key, hash);
     if (slot == Slots::kNone) {
-      _fSlots.Add(count_as_use, std::move(key), std::move(value));
+      _fSlots.Add(count_as_use, std::move(key), hash, std::move(value));
       return;
     }
     if (count_as_use) {
@@ -58,6 +59,16 @@ class CUsageOrderedDict {
     }
     // Swapped, not assigned: what the old value's end sets off finds the new one in place.
     std::swap(_fSlots.At(slot).second, value);
+  }
+
+  // Enters what `key` looks up at the least recently used end, unless it is known; `make()` gives
+  // the key to be stored then.
+  template <class K, class Make>
+  void EnterUnused(const K& key, Make make, Value value) {
+    const uint64_t hash = Slots::HashOf(key);
+    if (_fSlots.Find(key, hash) == Slots::kNone) {
+      _fSlots.Add(false, make(), hash, std::move(value));
+    }
   }
 
   // ---- Entries by number. A number stays good until its entry is removed, and costs no hashing;

@@ -120,11 +120,13 @@ class CScopeDependantCache final : public CScopeDependency {
   // type that the caller can choose.
   template <class Set = KeySet>
   Set GetDependentKeys(Loc loc, const TextSet& scope_name_set) const {
-    Set keys;
-    for (const EntryId entry : DependentEntries(loc, scope_name_set)) {
-      keys.insert(_fCache.At(entry).first);
-    }
-    return keys;
+    const std::vector<TextView> names(scope_name_set.begin(), scope_name_set.end());
+    return KeysOf<Set>(DependentEntries(loc, names));
+  }
+  // The same for one scope.
+  template <class Set = KeySet>
+  Set GetDependentKeysOfScope(Loc loc, TextView scope_name) const {
+    return KeysOf<Set>(DependentEntries(loc, {&scope_name, 1}));
   }
 
   // Takes out the entries of which `predicate(key, value)` says so.
@@ -174,6 +176,15 @@ class CScopeDependantCache final : public CScopeDependency {
       return entry.first;
     }
   };
+
+  template <class Set>
+  Set KeysOf(const std::vector<EntryId>& entries) const {
+    Set keys;
+    for (const EntryId entry : entries) {
+      keys.insert(_fCache.At(entry).first);
+    }
+    return keys;
+  }
 
   bool IsLive(EntryId entry) const override { return _fCache.IsLive(entry); }
   void VisitLeastUsedFirst(const std::function<bool(EntryId)>& visit) const override {

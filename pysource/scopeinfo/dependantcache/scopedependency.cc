@@ -138,7 +138,7 @@ void CScopeDependency::DropScope(const CDependedScope& scope) {
 }
 
 std::vector<CScopeDependency::EntryId> CScopeDependency::DependentEntries(
-    Loc loc, const TextSet& scope_name_set) const {
+    Loc loc, std::span<const TextView> scope_names) const {
   std::vector<EntryId> entries;
   const ScopeDict* const scope_dict = _fCacheKeysForLoc.Find(loc);
   if (scope_dict == nullptr) {
@@ -147,14 +147,14 @@ std::vector<CScopeDependency::EntryId> CScopeDependency::DependentEntries(
   const auto add = [&entries](const CDependedScope& scope) {
     entries.insert(entries.end(), scope.entries.begin(), scope.entries.end());
   };
-  if (scope_name_set.contains(kWildcardScope)) {
+  if (std::find(scope_names.begin(), scope_names.end(), kWildcardScope) != scope_names.end()) {
     for (const auto& [name, scope] : *scope_dict) {
       add(*scope);
     }
     return entries;
   }
-  for (const Text& name : scope_name_set) {
-    if (const auto* const scope = scope_dict->Find(TextView(name))) {
+  for (const TextView name : scope_names) {
+    if (const auto* const scope = scope_dict->Find(name)) {
       add(**scope);
     }
   }
@@ -226,7 +226,7 @@ CDependedScope& CScopeDependency::GetOrMakeScope(const CScopeRefView& ref) {
   }
   auto scope = std::make_unique<CDependedScope>(CScopeRef{ref.loc, Text(ref.scope)});
   const TextView name = scope->ref.scope;
-  return *scope_dict.Set(name, std::move(scope));
+  return *scope_dict.Add(name, std::move(scope));
 }
 
 bool CScopeDependency::SameSet(const CDependedScopes& scopes, std::vector<CDependedScope*> other) {

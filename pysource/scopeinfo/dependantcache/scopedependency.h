@@ -6,6 +6,7 @@
 #include <iterator>
 #include <memory>
 #include <optional>
+#include <span>
 #include <vector>
 
 #include "pysource/host/analysismgr.h"
@@ -171,7 +172,7 @@ class CScopeDependency {
 
   // The numbers of the entries that rest on one of the scopes of the file, or on the file as a
   // whole.
-  std::vector<EntryId> DependentEntries(Loc loc, const TextSet& scope_name_set) const;
+  std::vector<EntryId> DependentEntries(Loc loc, std::span<const TextView> scope_names) const;
 
   void ScheduleIdleTrim();
   bool LogsKey(const Text& repr) const {

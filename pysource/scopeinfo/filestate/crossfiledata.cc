@@ -183,6 +183,27 @@ CScopeInfoKeySet CCrossFileData::GetScannedLocInfoKeys(Loc loc, const TextSet* s
   return GetInfoKeys(_fInfoKeysByScannedLoc, loc, scope_name_set, scan_name_set);
 }
 
+CScopeInfoKeySet CCrossFileData::GetScannedLocInfoKeys(Loc loc, TextView scope_name,
+                                                       TextView scan_name) const {
+  if (scope_name == kWildcardScope || scan_name == kWildcardScope) {
+    const TextSet scope_name_set{Text(scope_name)};
+    const TextSet scan_name_set{Text(scan_name)};
+    return GetScannedLocInfoKeys(loc, &scope_name_set, &scan_name_set);
+  }
+  Assert(static_cast<bool>(loc));
+  CScopeInfoKeySet keys;
+  const CKeysByScope* const by_scope = _fInfoKeysByScannedLoc.Find(loc);
+  const CScopeInfoKeySet* const all = by_scope == nullptr ? nullptr : by_scope->Find(scope_name);
+  if (all != nullptr) {
+    for (const CScopeInfoKey& key : *all) {
+      if (key.scan_name() == scan_name) {
+        keys.insert(key);
+      }
+    }
+  }
+  return keys;
+}
+
 CScopeInfoKeySet CCrossFileData::GetScannedLocNeedsScanInfoKeys(
     Loc loc, const TextSet* scope_name_set, const TextSet* scan_name_set) const {
   return GetInfoKeys(_fNeedsScanInfoKeyByScannedLoc, loc, scope_name_set, scan_name_set);
@@ -275,6 +296,10 @@ CScopeInfoPtr CCrossFileData::LookupExistingSourceInfo(const CScopeInfoKey& key)
 CScopeInfoKeySet CCrossFileData::GetDependentScanKeys(Loc loc,
                                                       const TextSet& scope_name_set) const {
   return _fDependentScans.GetDependentKeys<CScopeInfoKeySet>(loc, scope_name_set);
+}
+
+CScopeInfoKeySet CCrossFileData::GetDependentScanKeysOfScope(Loc loc, TextView scope_name) const {
+  return _fDependentScans.GetDependentKeysOfScope<CScopeInfoKeySet>(loc, scope_name);
 }
 
 void CCrossFileData::CheckInvariants() const {

@@ -79,6 +79,8 @@ class CCrossFileData final : public CDestroyable {
                                        const TextSet* scan_name_set = nullptr) const;
   CScopeInfoKeySet GetScannedLocInfoKeys(Loc loc, const TextSet* scope_name_set = nullptr,
                                          const TextSet* scan_name_set = nullptr) const;
+  // Those of one scan of one scope, for who asks at every record and has no sets of the names.
+  CScopeInfoKeySet GetScannedLocInfoKeys(Loc loc, TextView scope_name, TextView scan_name) const;
   CScopeInfoKeySet GetScannedLocNeedsScanInfoKeys(Loc loc, const TextSet* scope_name_set = nullptr,
                                                   const TextSet* scan_name_set = nullptr) const;
 
@@ -115,6 +117,7 @@ class CCrossFileData final : public CDestroyable {
   // came from a scan since the start; records read from the database are checked by their times
   // instead.
   CScopeInfoKeySet GetDependentScanKeys(Loc loc, const TextSet& scope_name_set) const;
+  CScopeInfoKeySet GetDependentScanKeysOfScope(Loc loc, TextView scope_name) const;
 
   void CheckInvariants() const;
   // Of the sets and indexes, without the keys themselves and the live records.

@@ -1,6 +1,5 @@
 #include "pysource/scopeinfo/filestate/equivs.h"
 
-#include "pysource/host/fastaccess.h"
 #include "pysource/host/symbolinfo.h"
 
 namespace pysource::scopeinfo {
@@ -27,6 +26,28 @@ void AppendItems(Bytes& joined, BytesView eq, IsWanted is_wanted) {
   });
 }
 
+// Which prefixes occur in the value, before its first NUL: every value of every record that a scan
+// has found is looked through for all three of them, so it is done in one pass.
+struct CMarks {
+  bool of_class = false;
+  bool of_import = false;
+};
+
+CMarks MarksIn(BytesView eq) {
+  static_assert(kClassPrefix.size() == 2 && kImportPrefix.size() == 2 &&
+                kFromImportPrefix.size() == 2);
+  static_assert(kClassPrefix[0] == ':' && kImportPrefix[0] == ':' && kFromImportPrefix[0] == ':');
+  CMarks marks;
+  for (size_t i = 0; i + 1 < eq.size() && eq[i] != '\0'; ++i) {
+    if (eq[i] == ':') {
+      const char mark = eq[i + 1];
+      marks.of_class |= mark == kClassPrefix[1];
+      marks.of_import |= mark == kImportPrefix[1] || mark == kFromImportPrefix[1];
+    }
+  }
+  return marks;
+}
+
 }  // namespace
 
 CEquivStrings CollectEquivs(const CScopeInfo& info) {
@@ -37,10 +58,11 @@ CEquivStrings CollectEquivs(const CScopeInfo& info) {
   for (const auto& [name, eq] : info.type_equivs) {
     // A value that holds both kinds counts as a class value only: where a name is a class in one
     // branch and an import in another, readers look for the class.
-    if (StrInStr(kClassPrefix, eq)) {
+    const CMarks marks = MarksIn(eq);
+    if (marks.of_class) {
       AppendItems(equivs.class_equivs, eq,
                   [](BytesView item) { return item.starts_with(kClassPrefix); });
-    } else if (StrInStr(kImportPrefix, eq) || StrInStr(kFromImportPrefix, eq)) {
+    } else if (marks.of_import) {
       AppendItems(equivs.import_equivs, eq, [](BytesView item) {
         return item.starts_with(kImportPrefix) || item.starts_with(kFromImportPrefix);
       });

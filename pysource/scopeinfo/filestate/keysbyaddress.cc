@@ -16,37 +16,38 @@ TextView CKeysByScope::NameOf(const CScopeInfoKey& key) const {
   return _fAddress == KeyAddress::kFor ? key.for_scope() : key.scanned_scope().value_or(kNoScope);
 }
 
-uint32_t CKeysByScope::PlaceOf(TextView scope_name) const {
-  return _fPlaces.Find(HashBytes(scope_name), [&](uint32_t place) {
-    return NameOf(*_fSets[place].begin()) == scope_name;
-  });
+uint32_t CKeysByScope::PlaceOf(TextView scope_name, uint64_t hash) const {
+  return _fPlaces.Find(
+      hash, [&](uint32_t place) { return NameOf(*_fSets[place].begin()) == scope_name; });
 }
 
 const CScopeInfoKeySet* CKeysByScope::Find(TextView scope_name) const {
-  const uint32_t place = PlaceOf(scope_name);
+  const uint32_t place = PlaceOf(scope_name, HashBytes(scope_name));
   return place == CHashIndex::kNone ? nullptr : &_fSets[place];
 }
 
 void CKeysByScope::Add(const CScopeInfoKey& key) {
   const TextView name = NameOf(key);
-  const uint32_t place = PlaceOf(name);
+  const uint64_t hash = HashBytes(name);
+  const uint32_t place = PlaceOf(name, hash);
   if (place != CHashIndex::kNone) {
     _fSets[place].insert(key);
     return;
   }
   _fSets.emplace_back().insert(key);
-  _fPlaces.Insert(HashBytes(name), static_cast<uint32_t>(_fSets.size() - 1));
+  _fPlaces.Insert(hash, static_cast<uint32_t>(_fSets.size() - 1));
 }
 
 void CKeysByScope::Discard(const CScopeInfoKey& key) {
   // Held here: `key` may be the very one in the set, and the name is read off it.
   const CScopeInfoKey held = Held(key);
   const TextView name = NameOf(held);
-  const uint32_t place = PlaceOf(name);
+  const uint64_t hash = HashBytes(name);
+  const uint32_t place = PlaceOf(name, hash);
   if (place == CHashIndex::kNone || !_fSets[place].erase(held) || !_fSets[place].empty()) {
     return;
   }
-  _fPlaces.Erase(HashBytes(name), place);
+  _fPlaces.Erase(hash, place);
   const auto last = static_cast<uint32_t>(_fSets.size() - 1);
   if (place != last) {
     const uint64_t last_hash = HashBytes(NameOf(*_fSets[last].begin()));

@@ -34,7 +34,7 @@ class CKeysByScope {
   size_t MemoryUse() const;
 
  private:
-  uint32_t PlaceOf(TextView scope_name) const;
+  uint32_t PlaceOf(TextView scope_name, uint64_t hash) const;
   TextView NameOf(const CScopeInfoKey& key) const;
 
   KeyAddress _fAddress;

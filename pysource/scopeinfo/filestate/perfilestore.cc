@@ -94,9 +94,9 @@ bool CPerFileEntry::SetSerializedRecord(const CScopeInfoKey& key, BytesView data
                                JoinRecordData(data, class_equivs_str, import_equivs_str,
                                               needs_db_write ? kToWriteFlag : kInDatabaseFlag),
                                scopes_seen, incomplete};
-  RecordList* records = serialized_data_dict.Find(key.for_scope());
-  if (records == nullptr) {
-    records = &serialized_data_dict.Set(Text(key.for_scope()), RecordList());
+  const size_t scopes_before = serialized_data_dict.size();
+  RecordList* const records = &serialized_data_dict.GetOrMake(key.for_scope());
+  if (serialized_data_dict.size() != scopes_before && !db_scope_names_not_loaded.empty()) {
     if (const auto name = db_scope_names_not_loaded.find(key.for_scope());
         name != db_scope_names_not_loaded.end()) {
       db_scope_names_not_loaded.erase(name);

@@ -20,9 +20,9 @@ bool CInfoCache::AddScopeInfo(const CScopeInfoPtr& scope_info, bool allow_write)
     // into the old entry would be out of everybody's sight, with its key still known.
     per_file = GetPerFile(scope_info->loc, true);
   }
-  const TextSet for_scope{Text(key.for_scope())};
   // Taken before storing, which replaces what the record itself depends on.
-  CScopeInfoKeySet dep_keys = _fCrossFileData.GetDependentScanKeys(key.for_loc(), for_scope);
+  CScopeInfoKeySet dep_keys =
+      _fCrossFileData.GetDependentScanKeysOfScope(key.for_loc(), key.for_scope());
   if (!StoreAndPurgeIfRenewed(*per_file, scope_info)) {
     return false;
   }
@@ -93,31 +93,32 @@ bool CInfoCache::AddScopeInfoListForSingleScan(Loc scanned_loc, TextView scanned
   CChangedDict changed_dict;
   CNeedsScanSet needs_scan;
   const CPerFilePtr per_file = GetPerFile(scanned_loc, true);
-  const TextSet scanned_scope_set{Text(scanned_scope)};
-  const TextSet scan_name_set{Text(scan_name)};
   // What this scan found before; what it finds again is taken out below.
   CScopeInfoKeySet old_keys =
-      _fCrossFileData.GetScannedLocInfoKeys(scanned_loc, &scanned_scope_set, &scan_name_set);
+      _fCrossFileData.GetScannedLocInfoKeys(scanned_loc, scanned_scope, scan_name);
   for (const CScopeInfoPtr& scope_info : scope_info_list) {
     Assert(scanned_loc == scope_info->scanned_loc);
     Assert(scanned_scope == scope_info->scanned_scope);
     const TextView for_scope = scope_info->for_scope;
-    old_keys.erase(
-        CScopeInfoKey(scope_info->loc, for_scope, scan_name, scanned_loc, scanned_scope));
+    if (!old_keys.empty()) {
+      old_keys.erase(
+          CScopeInfoKey(scope_info->loc, for_scope, scan_name, scanned_loc, scanned_scope));
+    }
     const CPerFilePtr info_per_file = GetPerFile(scope_info->loc, true);
-    if (info_per_file->db_scope_names_not_loaded.contains(for_scope)) {
+    if (!info_per_file->db_scope_names_not_loaded.empty() &&
+        info_per_file->db_scope_names_not_loaded.contains(for_scope)) {
       // So that the comparison sees what is stored.
       ReadScopeInfoListFromDb(*info_per_file, {Text(for_scope)});
     }
     CScopeInfoKeySet dep_keys =
-        _fCrossFileData.GetDependentScanKeys(scope_info->key.for_loc(), {Text(for_scope)});
+        _fCrossFileData.GetDependentScanKeysOfScope(scope_info->key.for_loc(), for_scope);
     if (StoreAndPurgeIfRenewed(*info_per_file, scope_info)) {
       if (!dep_keys.empty()) {
         MaybeInvalidateDependantScans(*scope_info, dep_keys, needs_scan);
       }
       if (scan_name == PrimaryScanName() && scope_info->loc == scope_info->scanned_loc &&
           for_scope == scope_info->scanned_scope) {
-        info_per_file->primary_info_dict.Set(Text(for_scope), scope_info);
+        info_per_file->primary_info_dict.GetOrMake(for_scope) = scope_info;
       }
       AddToChangedDict(changed_dict, scope_info->loc, for_scope);
     }

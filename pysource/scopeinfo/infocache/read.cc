@@ -361,9 +361,12 @@ CInfoCache::CUsedScopes::Slot CInfoCache::MarkReturned(Loc loc, TextView scope_n
 
 // Notes that the scope is in memory, without counting it as a use.
 void CInfoCache::MarkPresent(Loc loc, TextView scope_name) {
-  if (!_fUsedScopesDict.Contains(CScopeRefView(loc, scope_name))) {
-    _fUsedScopesDict.Set(CScopeRef{loc, Text(scope_name)}, false, false);
-  }
+  _fUsedScopesDict.EnterUnused(
+      CScopeRefView(loc, scope_name),
+      [&] {
+        return CScopeRef{loc, Text(scope_name)};
+      },
+      false);
 }
 
 }  // namespace pysource::scopeinfo

@@ -1,6 +1,8 @@
 #include "pysource/scopeinfo/records/scopeinfokeyset.h"
 
 #include <algorithm>
+#include <memory>
+#include <new>
 
 namespace pysource::scopeinfo {
 
@@ -11,8 +13,10 @@ const CScopeInfoKey* CScopeInfoKeySet::Find(const CScopeInfoKey& key) const {
     const CScopeInfoKey* const found = std::find(cells, end, key);
     return found == end ? nullptr : found;
   }
-  for (size_t at = Home(key); cells[at]; at = (at + 1) & (_fCapacity - 1)) {
-    if (cells[at] == key) {
+  const uint32_t hash = HashOf(key);
+  const uint32_t* const hashes = Hashes();
+  for (uint32_t at = hash & (_fCapacity - 1); cells[at]; at = (at + 1) & (_fCapacity - 1)) {
+    if (hashes[at] == hash && cells[at] == key) {
       return &cells[at];
     }
   }
@@ -27,37 +31,45 @@ bool CScopeInfoKeySet::insert(const CScopeInfoKey& key) {
   if (_fSize == room) {
     Grow();
   }
-  Place(key);
+  Place(key, IsTable() ? HashOf(key) : 0);
   ++_fSize;
   return true;
 }
 
-void CScopeInfoKeySet::Place(CScopeInfoKey key) {
+void CScopeInfoKeySet::Place(CScopeInfoKey key, uint32_t hash) {
   CScopeInfoKey* const cells = Cells();
   if (!IsTable()) {
     cells[_fSize] = std::move(key);
     return;
   }
-  size_t at = Home(key);
+  uint32_t at = hash & (_fCapacity - 1);
   while (cells[at]) {
     at = (at + 1) & (_fCapacity - 1);
   }
   cells[at] = std::move(key);
+  Hashes()[at] = hash;
 }
 
 void CScopeInfoKeySet::Grow() {
   const uint32_t capacity = _fCapacity == 0 ? 4 : _fCapacity * 2;
   CScopeInfoKeySet grown;
-  grown._fCells = std::make_unique<CScopeInfoKey[]>(capacity);
+  grown._fCells = static_cast<CScopeInfoKey*>(::operator new(BytesFor(capacity)));
+  std::uninitialized_value_construct_n(grown._fCells, capacity);
   grown._fCapacity = capacity;
   CScopeInfoKey* const cells = Cells();
   for (size_t i = 0, count = CellCount(); i < count; ++i) {
     if (cells[i]) {
-      grown.Place(std::move(cells[i]));
+      const uint32_t hash = IsTable() ? Hashes()[i] : grown.IsTable() ? HashOf(cells[i]) : 0;
+      grown.Place(std::move(cells[i]), hash);
       ++grown._fSize;
     }
   }
   Swap(grown);
+}
+
+void CScopeInfoKeySet::Free() noexcept {
+  std::destroy_n(_fCells, _fCapacity);
+  ::operator delete(_fCells);
 }
 
 bool CScopeInfoKeySet::erase(const CScopeInfoKey& key) {
@@ -77,9 +89,11 @@ bool CScopeInfoKeySet::erase(const CScopeInfoKey& key) {
     return true;
   }
   const size_t mask = _fCapacity - 1;
+  uint32_t* const hashes = Hashes();
   for (size_t at = (hole + 1) & mask; cells[at]; at = (at + 1) & mask) {
-    if (((at - Home(cells[at])) & mask) >= ((at - hole) & mask)) {
+    if (((at - hashes[at]) & mask) >= ((at - hole) & mask)) {
       cells[hole] = std::move(cells[at]);
+      hashes[hole] = hashes[at];
       hole = at;
     }
   }

@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <initializer_list>
 #include <iterator>
-#include <memory>
 #include <utility>
 
 #include "pysource/scopeinfo/records/scopeinfokey.h"
@@ -14,7 +13,9 @@
 namespace pysource::scopeinfo {
 
 // One key lies in the object itself; more lie in an array, in no order while there are few of them
-// and as an open-addressing table after that. Must not be changed while it is walked.
+// and as an open-addressing table after that. A table has the hash of each key beside it: keys that
+// are merely passed by are then not looked at, which lie scattered and cold. Must not be changed
+// while it is walked.
 class CScopeInfoKeySet {
  public:
   using key_type = CScopeInfoKey;
@@ -66,7 +67,7 @@ class CScopeInfoKeySet {
     Swap(other);
     return *this;
   }
-  ~CScopeInfoKeySet() = default;
+  ~CScopeInfoKeySet() { Free(); }
 
   size_t size() const noexcept { return _fSize; }
   bool empty() const noexcept { return _fSize == 0; }
@@ -89,30 +90,36 @@ class CScopeInfoKeySet {
   friend bool operator==(const CScopeInfoKeySet& a, const CScopeInfoKeySet& b);
 
   // Bytes beyond the object itself, without the keys.
-  size_t MemoryUse() const noexcept { return _fCapacity * sizeof(CScopeInfoKey); }
+  size_t MemoryUse() const noexcept { return BytesFor(_fCapacity); }
 
  private:
   static constexpr uint32_t kLinearSize = 8;
 
-  bool IsTable() const noexcept { return _fCapacity > kLinearSize; }
+  static bool IsTable(uint32_t capacity) noexcept { return capacity > kLinearSize; }
+  bool IsTable() const noexcept { return IsTable(_fCapacity); }
+  // Of one allocation: the cells, and of a table the hashes behind them.
+  static size_t BytesFor(uint32_t capacity) noexcept {
+    return capacity * (sizeof(CScopeInfoKey) + (IsTable(capacity) ? sizeof(uint32_t) : 0));
+  }
   // The cells that can hold keys: of a table all, of an array those in use.
   size_t CellCount() const noexcept { return IsTable() ? _fCapacity : _fSize; }
-  const CScopeInfoKey* Cells() const noexcept {
-    return _fCapacity == 0 ? &_fSingle : _fCells.get();
-  }
-  CScopeInfoKey* Cells() noexcept { return _fCapacity == 0 ? &_fSingle : _fCells.get(); }
-  size_t Home(const CScopeInfoKey& key) const noexcept {
-    return static_cast<size_t>(MixHash(key.Hash())) & (_fCapacity - 1);
+  const CScopeInfoKey* Cells() const noexcept { return _fCapacity == 0 ? &_fSingle : _fCells; }
+  CScopeInfoKey* Cells() noexcept { return _fCapacity == 0 ? &_fSingle : _fCells; }
+  // Of a table; that of an empty cell says nothing.
+  uint32_t* Hashes() const noexcept { return reinterpret_cast<uint32_t*>(_fCells + _fCapacity); }
+  static uint32_t HashOf(const CScopeInfoKey& key) noexcept {
+    return static_cast<uint32_t>(MixHash(key.Hash()));
   }
   const CScopeInfoKey* Find(const CScopeInfoKey& key) const;
-  void Place(CScopeInfoKey key);
+  void Place(CScopeInfoKey key, uint32_t hash);
   void Grow();
+  void Free() noexcept;
   void Swap(CScopeInfoKeySet& other) noexcept;
 
   uint32_t _fSize = 0;
   uint32_t _fCapacity = 0;  // of _fCells; a power of two, or zero while _fSingle serves
   CScopeInfoKey _fSingle;
-  std::unique_ptr<CScopeInfoKey[]> _fCells;
+  CScopeInfoKey* _fCells = nullptr;  // owned
 };
 
 }  // namespace pysource::scopeinfo

@@ -15,6 +15,10 @@ static_assert(kPlaceSpan == 274877906944 && kScopeSpan == 1048576);
 #define PYSOURCE_ROWS_OF_FILE "r.id BETWEEN f.place AND f.place + 274877906943"
 #define PYSOURCE_ROW \
   "r.scope, r.scan, r.scanned_file, r.scanned_scope, r.seen, r.classes, r.imports, r.data"
+#define PYSOURCE_PUT                                                              \
+  "INSERT OR REPLACE INTO records(id, scope, scan, scanned_file, scanned_scope, " \
+  "seen, classes, imports, data) VALUES "
+#define PYSOURCE_PUT_ROW "(?,?,?,?,?,?,?,?,?)"
 
 // CROSS JOIN fixes the order of the loops: the file first, then its range of rows.
 const char* SqlOf(EStatement statement) {
@@ -40,8 +44,12 @@ const char* SqlOf(EStatement statement) {
       return "SELECT id, scope, scan, scanned_file, scanned_scope FROM records "
              "WHERE id BETWEEN ? AND ?";
     case EStatement::kPutRecord:
-      return "INSERT OR REPLACE INTO records(id, scope, scan, scanned_file, scanned_scope, seen, "
-             "classes, imports, data) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?)";
+      return PYSOURCE_PUT PYSOURCE_PUT_ROW;
+    case EStatement::kPutRecords:
+      static_assert(kRowsAtOnce == 8);
+      return PYSOURCE_PUT PYSOURCE_PUT_ROW
+          "," PYSOURCE_PUT_ROW "," PYSOURCE_PUT_ROW "," PYSOURCE_PUT_ROW "," PYSOURCE_PUT_ROW
+          "," PYSOURCE_PUT_ROW "," PYSOURCE_PUT_ROW "," PYSOURCE_PUT_ROW;
     case EStatement::kDropRecords:
       return "DELETE FROM records WHERE id BETWEEN ? AND ?";
     case EStatement::kNoteLost:

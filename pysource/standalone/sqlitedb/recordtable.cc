@@ -1,6 +1,7 @@
 #include "pysource/standalone/sqlitedb/recordtable.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <numeric>
 #include <tuple>
@@ -256,8 +257,9 @@ void CRecordTable::Put(Loc for_loc, int64_t file, int64_t place, bool replacing,
   }
   std::sort(order.begin(), order.end());
 
-  CQuery put = _fConnection.Use(EStatement::kPutRecord);
-  CStoredRows rows;  // those that lie there, and those that were just put there
+  std::vector<CRowToPut> to_put;
+  to_put.reserve(records.size());
+  CStoredRows rows;  // those that lie there, and those that are to be put there
   int64_t next = 0;
   for (size_t at = 0; at < order.size(); ++at) {
     const auto& [offset, index] = order[at];
@@ -281,8 +283,44 @@ void CRecordTable::Put(Loc for_loc, int64_t file, int64_t place, bool replacing,
     if (same == rows.by_id.end()) {
       rows.by_id.emplace_back(id, key);
     }
-    PutRow(put, id, key, record, for_loc, file, disk_time);
+    to_put.push_back({id, key, &record});
   }
+
+  for (std::span<const CRowToPut> left = to_put; !left.empty();) {
+    const size_t count = left.size() < kRowsAtOnce ? 1 : kRowsAtOnce;
+    PutRows(left.first(count), for_loc, file, disk_time);
+    left = left.subspan(count);
+  }
+}
+
+// By one statement: there is one for a row, and one for kRowsAtOnce.
+void CRecordTable::PutRows(std::span<const CRowToPut> rows, Loc for_loc, int64_t file,
+                           DiskTime disk_time) {
+  // Absent where it is NULL. Made before the statement is begun: it can have to enter a file.
+  std::array<std::optional<Bytes>, kRowsAtOnce> seen;
+  for (size_t i = 0; i < rows.size(); ++i) {
+    if (!SeenItselfOnly(*rows[i].record, for_loc, disk_time)) {
+      seen[i] = SeenOf(*rows[i].record, for_loc, file);
+    }
+  }
+  CQuery put =
+      _fConnection.Use(rows.size() == 1 ? EStatement::kPutRecord : EStatement::kPutRecords);
+  for (size_t i = 0; i < rows.size(); ++i) {
+    const auto& [id, key, record] = rows[i];
+    put.Int(id).TextOf(key.scope);
+    key.scan ? put.Int(*key.scan) : put.Null();
+    key.scanned_file ? put.Int(*key.scanned_file) : put.Null();
+    if (key.scanned_scope_absent) {
+      put.Int(0);
+    } else {
+      key.scanned_scope ? put.TextOf(*key.scanned_scope) : put.Null();
+    }
+    seen[i] ? put.BytesOf(*seen[i]) : put.Null();
+    record->class_equivs.empty() ? put.Null() : put.TextOf(record->class_equivs);
+    record->import_equivs.empty() ? put.Null() : put.TextOf(record->import_equivs);
+    put.BytesOf(record->data);
+  }
+  put.Run();
 }
 
 CRecordTable::CStoredKey CRecordTable::KeyOf(const CDatabaseRecord& record, Loc for_loc) {
@@ -302,33 +340,14 @@ CRecordTable::CStoredKey CRecordTable::KeyOf(const CDatabaseRecord& record, Loc 
   return key;
 }
 
-void CRecordTable::PutRow(CQuery& put, int64_t id, const CStoredKey& key,
-                          const CDatabaseRecord& record, Loc for_loc, int64_t file,
-                          DiskTime disk_time) {
-  put.Int(id).TextOf(key.scope);
-  key.scan ? put.Int(*key.scan) : put.Null();
-  key.scanned_file ? put.Int(*key.scanned_file) : put.Null();
-  if (key.scanned_scope_absent) {
-    put.Int(0);
-  } else {
-    key.scanned_scope ? put.TextOf(*key.scanned_scope) : put.Null();
-  }
-  Bytes seen;
-  if (SeenItselfOnly(record, for_loc, disk_time)) {
-    put.Null();
-  } else {
-    seen = _fSerializer.SerializeScopesSeenDict(
-        record.scopes_seen.get(), [&](Loc loc) -> std::optional<uint64_t> {
-          if (!loc) {
-            return std::nullopt;
-          }
-          return static_cast<uint64_t>(loc == for_loc ? file : _fFiles.IdToStore(loc));
-        });
-    put.BytesOf(seen);
-  }
-  record.class_equivs.empty() ? put.Null() : put.TextOf(record.class_equivs);
-  record.import_equivs.empty() ? put.Null() : put.TextOf(record.import_equivs);
-  put.BytesOf(record.data).Run();
+Bytes CRecordTable::SeenOf(const CDatabaseRecord& record, Loc for_loc, int64_t file) {
+  return _fSerializer.SerializeScopesSeenDict(
+      record.scopes_seen.get(), [&](Loc loc) -> std::optional<uint64_t> {
+        if (!loc) {
+          return std::nullopt;
+        }
+        return static_cast<uint64_t>(loc == for_loc ? file : _fFiles.IdToStore(loc));
+      });
 }
 
 // The rows from that number on whose scopes have its hash.

@@ -4,6 +4,8 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -74,6 +76,11 @@ class CRecordTable {
 
     bool operator==(const CStoredKey&) const = default;
   };
+  struct CRowToPut {
+    int64_t id = 0;
+    CStoredKey key;
+    const CDatabaseRecord* record = nullptr;
+  };
   // The rows whose scopes have one hash.
   struct CStoredRows {
     std::vector<std::pair<int64_t, CStoredKey>> by_id;
@@ -82,8 +89,8 @@ class CRecordTable {
 
   void ReadKeys(int64_t first, CStoredRows& rows);
   CStoredKey KeyOf(const CDatabaseRecord& record, Loc for_loc);
-  void PutRow(CQuery& put, int64_t id, const CStoredKey& key, const CDatabaseRecord& record,
-              Loc for_loc, int64_t file, DiskTime disk_time);
+  void PutRows(std::span<const CRowToPut> rows, Loc for_loc, int64_t file, DiskTime disk_time);
+  Bytes SeenOf(const CDatabaseRecord& record, Loc for_loc, int64_t file);
 
   CSqliteConnection& _fConnection;
   CFileTable& _fFiles;
