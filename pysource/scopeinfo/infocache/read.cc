@@ -40,8 +40,8 @@ CScopeInfoPtr CInfoCache::GetScopeInfo(Loc loc, TextView scope_name, bool merge_
   if (const auto known = _fMergedInfoCache.EntryOf(request); known != CScopeDependency::kNoEntry) {
     const CShortcut& shortcut = _fMergedInfoCache.KeyAt(known).shortcut;
     if (IsUpToDate(*shortcut.per_file)) {
+      // That it was returned was noted when the shortcut was made.
       _fUsedScopesDict.MarkUsed(shortcut.used_slot);
-      _fUsedScopesDict.ValueAt(shortcut.used_slot) = true;
       return AnswerWith(_fMergedInfoCache.Use(known), *shortcut.per_file, needs_scan_dict);
     }
   }
