@@ -8,6 +8,7 @@
 // new one.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -66,6 +67,16 @@ class CHashIndex {
   void Clear() {
     _fCells = {};
     _fMask = 0;
+    _fCount = 0;
+  }
+
+  // Forgets all slots, and keeps the room for as many again; half of it where little was used, so
+  // that who is filled again and again needs no allocation, and no more room than of late.
+  void Reuse() {
+    const bool has_too_much = _fCells.size() > 16 && _fCount * 8 < _fCells.size();
+    _fCells.resize(has_too_much ? _fCells.size() / 2 : _fCells.size());
+    std::fill(_fCells.begin(), _fCells.end(), Cell{0, kNone});
+    _fMask = _fCells.empty() ? 0 : _fCells.size() - 1;
     _fCount = 0;
   }
 

@@ -27,10 +27,10 @@ void AppendNumber(Bytes& out, size_t number) {
 void CBindings::Reset() {
   _fScopes.clear();
   _fNames.clear();
-  _fNameIndex.Clear();
+  _fNameIndex.Reuse();
   _fItems.clear();
   _fItemNames.clear();
-  _fItemIndex.Clear();
+  _fItemIndex.Reuse();
   _fText.clear();
   _fKept.clear();
   _fDomains.clear();
