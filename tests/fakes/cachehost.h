@@ -40,9 +40,13 @@ class CFakeLocationCache final : public CLocationCache {
 
 class CFakeSavableManager final : public CSavableManager {
  public:
-  void AddFileLocToWatch(Loc loc) override { fWatched.insert(loc); }
+  void AddFileLocToWatch(Loc loc) override {
+    fOnAsked();
+    fWatched.insert(loc);
+  }
   void RemoveLocToWatch(Loc loc) override { fWatched.erase(loc); }
   std::vector<DiskTime> GetLastModTimes(const std::vector<Loc>& loc_list, bool) override {
+    fOnAsked();
     std::vector<DiskTime> times;
     for (const Loc loc : loc_list) {
       times.push_back(fTimes[loc]);
@@ -54,6 +58,7 @@ class CFakeSavableManager final : public CSavableManager {
   std::map<Loc, DiskTime> fTimes;  // on disk; zero for a file that is not there
   std::set<Loc> fWatched;
   std::vector<Loc> fAsked;  // whose times were asked for
+  std::function<void()> fOnAsked = [] {};
 };
 
 class CFakeSavable final : public CSavable {
@@ -89,17 +94,23 @@ class CFakeFactory final : public CAnalysisFactory {
  public:
   std::vector<Loc> GetSecondaryLocations(Loc loc) override {
     fAsked.push_back(loc);
+    fOnAsked();
     return fSecondary[loc];
   }
 
   std::map<Loc, std::vector<Loc>> fSecondary;
   std::vector<Loc> fAsked;
+  std::function<void()> fOnAsked = [] {};
 };
 
 // The cache with its inner operations open to tests.
 class COpenInfoCache final : public scopeinfo::CInfoCache {
  public:
-  using CInfoCache::CInfoCache;
+  COpenInfoCache(CAnalysisManager* ana_mgr, CLocationCache* loc_cache,
+                 scopeinfo::CInfoCacheLimits limits)
+      : CInfoCache(ana_mgr, loc_cache, limits) {
+    TakeShortcuts();
+  }
   using CInfoCache::GetPerFile;
   using CInfoCache::GetSecondaryFiles;
   using CInfoCache::InvalidateScans;

@@ -47,6 +47,7 @@ const CMemoryDbFile* CMemoryAnalysisDb::FileAt(Loc loc, DiskTime disk_mtime) con
 
 void CMemoryAnalysisDb::NoteRead(Text call) {
   fCalls.push_back(std::move(call));
+  fOnCall();
   if (fFailReads > 0 && fGoodReads-- <= 0) {
     --fFailReads;
     throw CValueError("memory database: told to fail: " + fCalls.back());
@@ -106,6 +107,7 @@ bool CMemoryAnalysisDb::SaveDataForFile(Loc loc, const std::vector<CDatabaseReco
                                         TextView scans_done, DiskTime disk_mtime) {
   fCalls.push_back(FormatPercent("SaveDataForFile %s %d records %r %r",
                                  {loc->fUrl, records.size(), scans_done, disk_mtime}));
+  fOnCall();
   if (fFailSaves > 0) {
     --fFailSaves;
     return false;
@@ -129,6 +131,7 @@ bool CMemoryAnalysisDb::SaveDataForFile(Loc loc, const std::vector<CDatabaseReco
 
 bool CMemoryAnalysisDb::ClearInfoForFiles(const std::vector<Loc>& loc_list) {
   fCalls.push_back(FormatPercent("ClearInfoForFiles %r", {loc_list}));
+  fOnCall();
   if (fFailClears > 0) {
     --fFailClears;
     return false;

@@ -7,6 +7,7 @@
 // wrong below it: locks, damage, full disks; for those, tests tell it to fail.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <set>
@@ -67,6 +68,8 @@ class CMemoryAnalysisDb final : public CAnalysisDb {
   // So many of the next reads (of any kind) throw CValueError, after so many that go well.
   int fFailReads = 0;
   int fGoodReads = 0;
+  // Called in each operation before it does anything: a database may tell of news while it works.
+  std::function<void()> fOnCall = [] {};
   // The next check finds that the database was replaced, and tells of every file.
   bool fReplaced = false;
 

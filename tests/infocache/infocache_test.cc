@@ -2,6 +2,8 @@
 // What a naive model can tell as well is left to random_test.cc.
 #include "pysource/scopeinfo/infocache/infocache.h"
 
+#include <array>
+
 #include "pysource/host/assertions.h"
 #include "pysource/host/errors.h"
 #include "pysource/scopeinfo/records/vocabulary.h"
@@ -217,6 +219,11 @@ TEST_F(InfoCacheTest, AScanReplacesWhatItFoundBefore) {
   EXPECT_THROW(Cache().AddScopeInfoListForSingleScan(kB, "f", ":names",
                                                      {MakeRecord({.loc = kA, .scope = "f"})}),
                CAssertionError);
+  EXPECT_THROW(Cache().AddScopeInfoListForSingleScan(kA, "f", "names",
+                                                     {MakeRecord({.loc = kA, .scope = "f"})}),
+               CAssertionError)
+      << "no name of a scan";
+  EXPECT_EQ(Standing(KeyOf({.loc = kA, .scope = "f"})), "");
   // A scan that has finished without renewing its records: their scopes are gone.
   EXPECT_THAT(Events([&] { Cache().FinishedWithScans(kC, "*", ":names"); }), IsEmpty());
   EXPECT_THAT(Events([&] { Cache().FinishedWithScans(kB, "*", ":attrs"); }), IsEmpty());
@@ -448,13 +455,19 @@ TEST_F(InfoCacheTest, ScansDone) {
   EXPECT_EQ(Entry(kA)->fScansDone, ":a,:c") << "put in order, nothing removed";
   Cache().ChangeScansDone(kA, ":b", true);
   EXPECT_EQ(Entry(kA)->fScansDone, ":a,:b,:c");
-  Cache().WriteToDatabase();
+  for (const auto& [before, added, after] : std::vector<std::array<const char*, 3>>{
+           {":a,", ":b", ",:a,:b"}, {",:a", ":b", ",:a,:b"}, {":a", "", ",:a"}, {"", "", ""}}) {
+    Entry(kB)->fScansDone = before;
+    Cache().ChangeScansDone(kB, added, true);
+    EXPECT_EQ(Entry(kB)->fScansDone, after) << "an empty name is one too";
+  }
+  Cache().WriteToDatabase({kA});
   TakeCalls();
   CLocMtimeDict times;
   times.Set(kA, 2.0);
-  times.Set(kB, 2.0);
+  times.Set(kC, 2.0);
   EXPECT_EQ(*Cache().GetScansDoneForMultipleFiles(times).Find(kA), ":a,:b,:c");
-  EXPECT_THAT(TakeCalls(), ElementsAre("GetScansDone {Location('file:///src/b.py'): 2.0}"));
+  EXPECT_THAT(TakeCalls(), ElementsAre("GetScansDone {Location('file:///src/c.py'): 2.0}"));
   times.Set(kA, 3.0);
   EXPECT_EQ(Cache().GetScansDoneForMultipleFiles(times).size(), 0U) << "another time";
 }
@@ -695,10 +708,147 @@ TEST_F(InfoCacheTest, AnyDatabaseCallMayFail) {
   Db().fFailReads = 1;
   Db().fGoodReads = 0;
   EXPECT_THROW(Cache().destroy(), CValueError);
+  EXPECT_EQ(fWorld.fLoop.PendingIdleCount(), 1U) << "the first step is the last one";
+  fHost.fCache.reset();
   EXPECT_EQ(fWorld.fLoop.PendingIdleCount(), 0U);
-  Read(kB, "f1");
-  Scan({.loc = kB, .scope = "f1", .x = ":s2"});
-  EXPECT_EQ(fWorld.fLoop.PendingIdleCount(), 0U) << "a destroyed cache makes no appointments";
+}
+
+// Whatever the host is asked, it may tell of news before it answers, and handlers of these may call
+// back in. What the operation in hand makes of that can fall between two states of the world; no
+// memory that it holds may go, and a cleared cache is in order.
+TEST_F(InfoCacheTest, AServiceMayTellOfNews) {
+  const auto read_all = [&] {
+    for (const Loc loc : {kA, kB}) {
+      for (const TextView scope : {"", "f", "g"}) {
+        Read(loc, scope);
+        Read(loc, scope);
+        Read(loc, scope);
+      }
+    }
+  };
+  const std::pair<const char*, std::function<void()>> kNews[] = {
+      {"a file changed",
+       [&] {
+         EmitExternalChange({{kA, 3.0}, {kB, 2.0}});
+       }},
+      {"a row changed",
+       [&] {
+         const CLocSet changed{kA, kC};
+         Db().emit(kExternalDbContentsChanged, &changed);
+       }},
+      {"the database was replaced", [&] { Db().emit(kExternalDbContentsChanged, nullptr); }},
+      {"a buffer was saved", [&] { EmitSavePoint(kA, true, 2.0); }},
+      {"imports changed", [&] { fHost.fFactory.emit(kImportResolutionChanged); }},
+  };
+  const std::pair<const char*, std::function<void()>> kHandlers[] = {
+      {"nobody listens", [] {}},
+      {"reads", read_all},
+      {"reads and adds",
+       [&] {
+         read_all();
+         Scan({.loc = kA, .scope = "f", .scan = ":attrs", .scanned_loc = kC, .x = ":s7"});
+         Scan({.loc = kA, .scope = "new", .x = ":s8"});
+       }},
+      {"writes", [&] { Cache().WriteToDatabase(); }},
+      {"clears", [&] { Cache().Clear(); }},
+      {"clears and reads",
+       [&] {
+         Cache().Clear();
+         read_all();
+       }},
+      {"renames",
+       [&] {
+         Cache().SetScanNames({":names", ":more-than-fits-into-the-text-itself"});
+       }},
+  };
+  const std::pair<const char*, std::function<void()>> kOperations[] = {
+      {"read", [&] { Read(kA, "f"); }},
+      {"names", [&] { Cache().GetAllScopeNames(kA, true, true); }},
+      {"trim",
+       [&] {
+         for (const TextView scope : {"", "f", "g"}) {
+           Read(kA, scope);
+         }
+         Scan({.loc = kC, .scope = "u"});
+         const CLocSet changed{kA};
+         Db().emit(kExternalDbContentsChanged, &changed);
+         Read(kB, "f");
+       }},
+      {"several",
+       [&] {
+         Cache().GetMultipleScopeInfos(kB, {"f", "g", ""});
+       }},
+      {"write",
+       [&] {
+         Scan({.loc = kA, .scope = "f", .x = ":s5"});
+         Scan({.loc = kB, .scope = "", .x = ":s5"});
+         Cache().ChangeScansDone(kA, ":names", true);
+         Cache().WriteToDatabase();
+       }},
+      {"add",
+       [&] {
+         Scan({.loc = kB, .scope = "g", .x = ":s6", .seen = {{{kA, "f"}, 2.0}}});
+         Scan({.loc = kA, .scope = "f", .x = ":s6"});
+       }},
+      {"finish", [&] { Cache().FinishedWithScans(kA, kWildcardScope, ":names"); }},
+      {"clear",
+       [&] {
+         Cache().ClearFiles({kA, kB}, true);
+       }},
+      {"queries",
+       [&] {
+         Cache().GetAllImports({kA, kB});
+         Cache().GetAllClasses({kA, kB});
+       }},
+  };
+  size_t times_told = 0;
+  for (const auto& [news, tell] : kNews) {
+    for (const auto& [what, handler] : kHandlers) {
+      for (const auto& [operation, run] : kOperations) {
+        for (int at = 0, asked = 1; at < asked; ++at) {
+          SCOPED_TRACE(FormatPercent("%s, %s, %s, %d", {news, what, operation, at}));
+          fHost.fStore->files.clear();
+          fHost.fFactory.fSecondary = {{kA, {kB}}};
+          Restart();
+          for (const Loc loc : {kA, kB}) {
+            Scan({.loc = loc, .scope = ""});
+            Scan({.loc = loc, .scope = "g", .seen = {{{loc, ""}, 2.0}, {{kC, ""}, 2.0}}});
+            Scan({.loc = loc, .scope = "f", .scan = ":attrs", .scanned_loc = kC});
+            Scan({.loc = loc, .scope = "f", .seen = {{{kC, ""}, 2.0}, {{kB, "g"}, 2.0}}});
+          }
+          Cache().WriteToDatabase();
+          // So few that reads trim.
+          Restart({.kMaxInfoCount = 5, .kMaxForAllScopeRead = 1});
+          asked = 0;
+          const auto on_call = [&, &tell = tell] {
+            if (asked++ == at) {
+              ++times_told;
+              tell();
+            }
+          };
+          fHost.fOnEvent = [&, &handler = handler] {
+            if (asked > at) {
+              const std::function<void()>& call = handler;
+              fHost.fOnEvent = nullptr;  // and with it this
+              call();
+            }
+          };
+          Db().fOnCall = fHost.fSavableMgr.fOnAsked = fHost.fFactory.fOnAsked = on_call;
+          try {
+            Printed(run);
+          } catch (const CAssertionError&) {
+            // A file that changes while it is being saved, or whose scans are being noted.
+          }
+          Db().fOnCall = fHost.fSavableMgr.fOnAsked = fHost.fFactory.fOnAsked = [] {};
+          fHost.fOnEvent = nullptr;
+          Printed(read_all);
+          Cache().Clear();
+          Cache().CheckInvariants();
+        }
+      }
+    }
+  }
+  EXPECT_GT(times_told, 1000U);
 }
 
 }  // namespace

@@ -792,12 +792,18 @@ void CModel::FinishedWithScans(Loc loc, const Text& scope, const Text& scan) {
 void CModel::ChangeScansDone(Loc loc, const Text& scan, bool done) {
   const File file = GetPerFile(loc, true);
   Names names;
-  for (const BytesView name : NonNestedSplit(file->done, ',')) names.emplace(name);
+  Text rest = file->done;
+  while (!file->done.empty()) {
+    const size_t comma = rest.find(',');
+    names.insert(rest.substr(0, comma));
+    if (comma == Text::npos) break;
+    rest.erase(0, comma + 1);
+  }
   if (done == names.contains(scan)) return;
   names.insert(scan);
   Text text;
-  for (const Text& name : names) text += (text.empty() ? "" : ",") + name;
-  SetScansDone(*file, text);
+  for (const Text& name : names) text += "," + name;
+  SetScansDone(*file, text.substr(1));
   if (AssertionsActive() && scan == Primary() && !AllNames(*file).contains("")) Check(false);
 }
 

@@ -19,6 +19,7 @@ CPerFileEntry::CPerFileEntry(CFileStateOwner& info_cache, Loc file_loc, DiskTime
 void CPerFileEntry::ClearAllInfo(bool also_clear_db) {
   primary_info_dict.clear();
   serialized_data_dict.clear();
+  ++_fListsDropped;
   for (const CScopeInfoKey& key : _fCrossFileData.GetInfoKeysByForLoc(loc)) {
     _fCrossFileData.RemoveInfoKey(key);
   }

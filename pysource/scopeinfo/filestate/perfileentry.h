@@ -1,6 +1,8 @@
 // What the cache knows of one file.
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -96,8 +98,10 @@ class CPerFileEntry {
   std::optional<std::vector<CScopeInfoPtr>> GetInfoListToMerge(TextView scope_name,
                                                                CScopeRefSet& all_scopes_seen,
                                                                CNeedsScanDict& needs_scan_dict);
-  // Whether every file still has the time at which it was seen.
-  bool CheckScopesSeen(const CScopesSeenDict& scopes_seen);
+  // Whether every file still has the time at which it was seen. Of a file without an entry the host
+  // is asked, which may bring news; `before_asking`, if given, is called first.
+  bool CheckScopesSeen(const CScopesSeenDict& scopes_seen,
+                       const std::function<void()>& before_asking = nullptr);
   static void AddToNeedsScanDict(CNeedsScanDict& needs_scan_dict, Loc scanned_loc,
                                  TextView scanned_scope, TextView scan_name);
   // A new record object, without scopes seen; null when the data cannot be decoded.
@@ -172,6 +176,7 @@ class CPerFileEntry {
   CScopeInfoKey OwnKey(const CScopeInfoKey& key) const;
 
   CCrossFileData& _fCrossFileData;
+  uint32_t _fListsDropped = 0;  // how often all lists of records have left serialized_data_dict
 };
 
 }  // namespace pysource::scopeinfo

@@ -15,10 +15,14 @@ void CPerFileEntry::AddToNeedsScanDict(CNeedsScanDict& needs_scan_dict, Loc scan
   scan_names->emplace(scan_name);
 }
 
-bool CPerFileEntry::CheckScopesSeen(const CScopesSeenDict& scopes_seen) {
+bool CPerFileEntry::CheckScopesSeen(const CScopesSeenDict& scopes_seen,
+                                    const std::function<void()>& before_asking) {
   for (const auto& [scope, mtime] : scopes_seen) {
     CPerFilePtr per_file = fInfoCache.FindPerFile(scope.loc);
     if (per_file == nullptr) {
+      if (before_asking) {
+        before_asking();
+      }
       // Made, so that the file's present time is known.
       per_file = GetOtherPerFile(scope.loc, true);
     }
@@ -57,14 +61,19 @@ CScopeInfoPtr CPerFileEntry::GetScopeInfoForKey(const CScopeInfoKey& key,
 
 std::optional<std::vector<CScopeInfoPtr>> CPerFileEntry::GetInfoListToMerge(
     TextView scope_name, CScopeRefSet& all_scopes_seen, CNeedsScanDict& needs_scan_dict) {
-  RecordList* const record_list = serialized_data_dict.Find(scope_name);
+  const RecordList* record_list = serialized_data_dict.Find(scope_name);
   if (record_list == nullptr) {
     return std::nullopt;
   }
   const TextView primary_scan_name = fInfoCache.ScanNames()[0];
   std::vector<CScopeInfoPtr> info_list;
   CScopeInfoPtr primary_info;
-  for (const CSerializedRecord& record : *record_list) {
+  // The list and the record in hand as they were when a host service was asked something: handlers
+  // of the news that it may tell can change, move and drop both.
+  std::optional<RecordList> held;
+  RecordList dropped_list;  // walked once lists have left the entry, all together
+  for (size_t i = 0; i < record_list->size(); ++i) {
+    const CSerializedRecord& record = (*record_list)[i];
     const CScopeInfoKey key = record.key;
     const auto scanned_scope = key.scanned_scope();
     const auto report = [&] {
@@ -83,8 +92,26 @@ std::optional<std::vector<CScopeInfoPtr>> CPerFileEntry::GetInfoListToMerge(
       // A live record is taken as it is: its key would have been marked if it were stale.
       info = _fCrossFileData.LookupExistingSourceInfo(key);
       if (info == nullptr) {
-        if (record.scopes_seen == nullptr || CheckScopesSeen(*record.scopes_seen)) {
-          info = GetScopeInfoForKey(key, record);
+        held.reset();
+        const uint32_t lists_dropped = _fListsDropped;
+        const auto hold = [&] {
+          if (!held) {
+            held = *record_list;
+          }
+        };
+        const bool can_be_trusted =
+            record.scopes_seen == nullptr || CheckScopesSeen(*record.scopes_seen, hold);
+        if (held && record_list != &dropped_list) {
+          // The walk goes on over the list that it began with.
+          if (_fListsDropped == lists_dropped) {
+            record_list = serialized_data_dict.Find(scope_name);
+          } else {
+            dropped_list = *held;
+            record_list = &dropped_list;
+          }
+        }
+        if (can_be_trusted) {
+          info = GetScopeInfoForKey(key, held ? (*held)[i] : record);
         } else {
           fInfoCache.Log()("_CheckScopesSeen failed for %r: %r", key.scanned_loc(), scanned_scope);
           _fCrossFileData.AddNeedsScanInfoKey(key);

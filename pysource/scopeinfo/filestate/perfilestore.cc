@@ -86,7 +86,7 @@ bool CPerFileEntry::SetSerializedRecord(const CScopeInfoKey& key, BytesView data
     Assert(!data.empty());
     if (scopes_seen != nullptr) {
       for (const auto& [scope, mtime] : *scopes_seen) {
-        Assert(static_cast<bool>(scope.loc), "a scope seen has no location");
+        Assert(static_cast<bool>(scope.loc), scope.loc ? Text() : Repr(*scopes_seen));
       }
     }
   }

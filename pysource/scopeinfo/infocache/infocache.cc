@@ -55,18 +55,13 @@ CInfoCache::~CInfoCache() {
     // A destructor cannot pass on what the database throws; an owner that wants it calls destroy().
     CriticalLog("the info cache could not write its last records: %s", error.what());
   }
-  // Once more: an operation after destroy() may have made a new appointment.
+  // Once more: destroy() has not come so far if the database threw, and an operation after it may
+  // have made a new appointment.
   CancelPendingCalls();
 }
 
 void CInfoCache::_destroy_impl() {
-  try {
-    WriteToDatabase();
-  } catch (...) {
-    // The main loop must not call what is about to end, whatever becomes of the records.
-    CancelPendingCalls();
-    throw;
-  }
+  WriteToDatabase();
   CancelPendingCalls();
   _fCrossFileData.destroy();
 }
@@ -95,6 +90,11 @@ CPerFilePtr CInfoCache::GetPerFile(Loc loc, bool create) {
     }
     per_file = std::make_shared<CPerFileEntry>(static_cast<CFileStateOwner&>(*this), loc,
                                                GetDiskMTime(loc));
+    if (_fPerFileDict.Contains(loc)) {
+      // The answer about the time came with news whose handlers asked for the same file: the entry
+      // that they made gives way, and no shortcut may lead to it.
+      ForgetShortcuts();
+    }
     _fPerFileDict.Set(loc, per_file);
     fSavableMgr->AddFileLocToWatch(loc);
   }
@@ -152,7 +152,8 @@ void CInfoCache::SetScanNames(const std::vector<Text>& scan_names) {
   if (fScanNames == scan_names) {
     return;
   }
-  fScanNames = scan_names;
+  // Kept: an operation up the stack, whose host service told of news, may be going through them.
+  _fFormerScanNames.push_back(std::exchange(fScanNames, scan_names));
   Clear();
 }
 

@@ -205,6 +205,9 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
   // valid disk time.
   CPerFilePtr GetPerFile(Loc loc, bool create) override;
 
+  virtual void AddPrimaryFileToChangedDict(CChangedDict& changed_dict) const;
+  virtual void MaybeInvalidateDependantScans(const CScopeInfo& info, CScopeInfoKeySet& dep_keys,
+                                             CNeedsScanSet& needs_scan);
   virtual CSecondaryFiles GetSecondaryFiles(Loc loc);
   virtual void AddInstanceScopesToDiscard(std::vector<Text>& scope_list);
   virtual void ScheduleWriteToDatabaseTimeout();
@@ -212,9 +215,14 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
   virtual void CB_WriteToDatabaseTimeout();
   // A null set is every file that has an entry.
   virtual void CB_ExternalDatabaseChanged(const CLocSet* changed_loc_set);
-  void InvalidateScans(const CKeysDict& keys_dict, bool whole_files = false,
-                       CNeedsScanSet* needs_scan = nullptr, Priority priority = std::nullopt,
-                       bool emit_needs_scan_added = true);
+  virtual void InvalidateScans(const CKeysDict& keys_dict, bool whole_files = false,
+                               CNeedsScanSet* needs_scan = nullptr,
+                               Priority priority = std::nullopt, bool emit_needs_scan_added = true);
+
+  // For a subclass that overrides neither GetPerFile nor GetSecondaryFiles, or whose overrides
+  // always give what those here give: repeated reads then need not call them. Others are asked at
+  // every read.
+  void TakeShortcuts() { _fTakesShortcuts = true; }
 
  private:
   using CUsedScopes = CUsageOrderedDict<CScopeRef, bool, CScopeRefHash, CScopeRefEqual>;
@@ -308,26 +316,21 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
   void RememberShortcut(const CMergedKeyView& key, bool merge_secondary,
                         const CPerFilePtr& per_file, CUsedScopes::Slot used_slot) const;
   void ForgetShortcuts() { ++_fShortcutStamp; }
-  bool IsContentThere(const CPerFileEntry& per_file) const;
+  static bool IsContentThere(Loc loc, const CPerFileEntry& per_file);
   void ReadSecondaryScope(Loc other_loc, CPerFileEntry& other_per_file, TextView scope_name,
                           CNeedsScanDict& needs_scan_dict);
-  bool IsInNoFile(CPerFileEntry& per_file, TextView scope_name, const std::vector<Loc>& other_locs,
-                  CNeedsScanDict& needs_scan_dict);
-  std::vector<Text> GetScopeNamesToReadFromDb(const CPerFileEntry& per_file,
-                                              TextView scope_name) const;
-  void ReadScopeInfoListFromDb(CPerFileEntry& per_file, std::vector<Text> scope_name_list);
+  bool IsInNoFile(Loc loc, CPerFileEntry& per_file, TextView scope_name,
+                  const std::vector<Loc>& other_locs, CNeedsScanDict& needs_scan_dict);
+  virtual std::vector<Text> GetScopeNamesToReadFromDb(const CPerFileEntry& per_file,
+                                                      TextView scope_name) const;
+  virtual void ReadScopeInfoListFromDb(CPerFileEntry& per_file, std::vector<Text> scope_name_list);
   CUsedScopes::Slot MarkReturned(Loc loc, TextView scope_name);
   void MarkPresent(Loc loc, TextView scope_name);
 
   // add.cc
   bool BringDiskTimeIntoLine(CPerFileEntry& per_file, const CScopeInfo& scope_info);
   bool StoreAndPurgeIfRenewed(CPerFileEntry& per_file, const CScopeInfoPtr& scope_info);
-  void AddPrimaryFileToChangedDict(CChangedDict& changed_dict) const;
   void FinishAdd(bool allow_write);
-
-  // invalidate.cc
-  void MaybeInvalidateDependantScans(const CScopeInfo& info, CScopeInfoKeySet& dep_keys,
-                                     CNeedsScanSet& needs_scan);
 
   // write.cc
   void WriteFilesToDatabase(const std::vector<CPerFilePtr>& per_files);
@@ -339,9 +342,10 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
   void CB_OnIdle();
   void DoIdle();
   void TrimTotalInfoCount(ptrdiff_t count);
-  void TrimNotModified(ptrdiff_t count, ptrdiff_t spare_count, const CPerFileEntry* keep_per_file);
-  void DiscardScopeInfo(CPerFileEntry& per_file, const std::vector<Text>& scope_names,
-                        bool keep_flag, bool can_remove_per_file);
+  virtual void TrimNotModified(ptrdiff_t count, ptrdiff_t spare_count,
+                               const CPerFileEntry* keep_per_file);
+  virtual void DiscardScopeInfo(CPerFileEntry& per_file, const std::vector<Text>& scope_names,
+                                bool keep_flag, bool can_remove_per_file);
   void DbgCheckUsedScopes(Loc removed_loc) const;
 
   // queries.cc
@@ -375,6 +379,8 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
   CInsertionOrderedDict<Loc, CLocSet> _fReverseSecondaryFiles;
   // Raised whenever something goes to which a shortcut can lead.
   uint64_t _fShortcutStamp = 1;
+  bool _fTakesShortcuts = false;  // although this is a subclass
+  std::vector<std::vector<Text>> _fFormerScanNames;
   velk::Tag _fIdleCallbackTag = 0;            // of the pending idle call, 0 for none
   velk::Tag _fTimeoutForWriteToDatabase = 0;  // of the pending write, 0 for none
 };

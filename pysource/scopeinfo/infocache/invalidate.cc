@@ -28,11 +28,10 @@ void CInfoCache::InvalidateScans(const CKeysDict& keys_dict, bool whole_files,
       continue;
     }
     for (const CScopeInfoKey& key : key_set) {
-      CNeedsScan scan = NeedsScanOf(key);
+      const auto scan = to_scan.insert(NeedsScanOf(key)).first;
       // The dictionary's file, where AddDepKeysToNeedsScan has the scanned one: here the keys are
       // those scanned from that file, and it is what has changed.
-      ChangeScansDone(loc, scan.scan_name, false);
-      to_scan.insert(std::move(scan));
+      ChangeScansDone(loc, scan->scan_name, false);
     }
   }
   if (emit_needs_scan_added) {

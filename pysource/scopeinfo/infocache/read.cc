@@ -1,5 +1,6 @@
 // From a request to a merged record, by way of memory and the database.
 #include <algorithm>
+#include <typeinfo>
 
 #include "pysource/host/assertions.h"
 #include "pysource/host/singleton.h"
@@ -86,7 +87,7 @@ CScopeInfoPtr CInfoCache::FindOrMerge(Loc loc, TextView scope_name, bool merge_s
   if (per_file->GetSerializedDataCount(scope_name) == 0) {
     if (per_file->db_scope_names_not_loaded.contains(scope_name)) {
       ReadScopeInfoListFromDb(*per_file, {Text(scope_name)});
-    } else if (IsInNoFile(*per_file, scope_name, *other_locs, needs_scan)) {
+    } else if (IsInNoFile(loc, *per_file, scope_name, *other_locs, needs_scan)) {
       if (log_is_open) {
         fLog("GetScopeInfo(%r, %r): not in any file\n  needs_scan_dict = %r", loc, scope_name,
              needs_scan);
@@ -147,9 +148,12 @@ CScopeInfoPtr CInfoCache::FindOrMerge(Loc loc, TextView scope_name, bool merge_s
 }
 
 // So that the same request finds the merged record, which is there, in one step from now on. Not if
-// what was found on the way is not what is kept here, as an override may have it.
+// what was found on the way is not what is kept here.
 void CInfoCache::RememberShortcut(const CMergedKeyView& key, bool merge_secondary,
                                   const CPerFilePtr& per_file, CUsedScopes::Slot used_slot) const {
+  if (!_fTakesShortcuts && typeid(*this) != typeid(CInfoCache)) {
+    return;
+  }
   const CSecondaryFiles* const kept_files = _fSecondaryFiles.Find(key.loc);
   const bool files_as_kept =
       !merge_secondary || (kept_files != nullptr && kept_files->get() == &key.other_locs);
@@ -160,29 +164,30 @@ void CInfoCache::RememberShortcut(const CMergedKeyView& key, bool merge_secondar
 }
 
 // Whether there is content to scan. A file with unsaved changes has some, without asking the disk.
-bool CInfoCache::IsContentThere(const CPerFileEntry& per_file) const {
-  return per_file.disk_mtime == kFileModifiedInMemoryMtime || per_file.loc->DoesResourceExist();
+// Asked is the location that the caller has in hand, which need not be the entry's own object.
+bool CInfoCache::IsContentThere(Loc loc, const CPerFileEntry& per_file) {
+  return per_file.disk_mtime == kFileModifiedInMemoryMtime || loc->DoesResourceExist();
 }
 
 // Nothing of the scope is in memory or unread for the file itself. Asks for its primary scan if
 // that was not done, and brings in what the secondary files have. True when none of them has
 // anything.
-bool CInfoCache::IsInNoFile(CPerFileEntry& per_file, TextView scope_name,
+bool CInfoCache::IsInNoFile(Loc loc, CPerFileEntry& per_file, TextView scope_name,
                             const std::vector<Loc>& other_locs, CNeedsScanDict& needs_scan_dict) {
   bool not_in_any_file = true;
   const Text& primary_scan_name = PrimaryScanName();
-  if (!IsScanDone(per_file, primary_scan_name) && IsContentThere(per_file)) {
-    CPerFileEntry::AddToNeedsScanDict(needs_scan_dict, per_file.loc, scope_name, primary_scan_name);
+  if (!IsScanDone(per_file, primary_scan_name) && IsContentThere(loc, per_file)) {
+    CPerFileEntry::AddToNeedsScanDict(needs_scan_dict, loc, scope_name, primary_scan_name);
   }
   if (IsTopLevelModuleScope(scope_name) && per_file.IsPrimaryScanDone() &&
-      IsContentThere(per_file)) {
+      IsContentThere(loc, per_file)) {
     // The scan claims to be done and gave no module scope. Nothing is repaired; it is asked for
     // again.
     CriticalLog("GetScopeInfo(%r, %r): top level module scope not read when primary scan is done",
-                per_file.loc, scope_name);
+                loc, scope_name);
     CriticalLog("  scans_done = %r", per_file.fScansDone);
     CriticalLog("  all_db_scope_names = %r", per_file.all_db_scope_names);
-    CPerFileEntry::AddToNeedsScanDict(needs_scan_dict, per_file.loc, scope_name, primary_scan_name);
+    CPerFileEntry::AddToNeedsScanDict(needs_scan_dict, loc, scope_name, primary_scan_name);
   }
   for (const Loc other_loc : other_locs) {
     const CPerFilePtr other_per_file = GetPerFile(other_loc, true);
@@ -260,6 +265,10 @@ CSecondaryFiles CInfoCache::GetSecondaryFiles(Loc loc) {
   std::vector<Loc> locs = factory.GetSecondaryLocations(loc);
   CSecondaryFiles secondary =
       locs.empty() ? NoSecondaryFiles() : std::make_shared<const std::vector<Loc>>(std::move(locs));
+  if (_fSecondaryFiles.Contains(loc)) {
+    // As in GetPerFile: an answer that came meanwhile gives way.
+    ForgetShortcuts();
+  }
   _fSecondaryFiles.Set(loc, secondary);
   for (const Loc secondary_loc : *secondary) {
     _fReverseSecondaryFiles.GetOrMake(secondary_loc).insert(loc);

@@ -15,8 +15,7 @@ constexpr ptrdiff_t kIdleWriteThreshold = 50;
 }  // namespace
 
 void CInfoCache::ScheduleIdle() {
-  // A handler of the signal that an operation has just emitted may have destroyed this.
-  if (_fIdleCallbackTag == 0 && !destroyed()) {
+  if (_fIdleCallbackTag == 0) {
     _fIdleCallbackTag = velk::idle_add(
         [this] {
           CB_OnIdle();
@@ -126,7 +125,9 @@ void CInfoCache::TrimNotModified(ptrdiff_t count, ptrdiff_t /*spare_count*/,
     }
     to_examine.clear();
     pending = 0;
-    if (removed >= target) {
+    if (removed >= target || !_fUsedScopesDict.IsLive(used.slot())) {
+      // Enough, or what the database was asked came with news whose handlers dropped the scope that
+      // the walk stands on: what was found by now is what goes.
       break;
     }
   }

@@ -14,15 +14,32 @@ namespace {
 constexpr unsigned kWriteDelayMs = 500;
 constexpr char kScanNameSep = ',';
 
-// The names in the text, sorted.
+// The names in the text, sorted. An empty name stands between two separators, or beside one at
+// either end; an empty text has no names.
 std::set<Text, std::less<>> SplitScansDone(TextView scans_done) {
   std::set<Text, std::less<>> names;
-  while (!scans_done.empty()) {
+  if (scans_done.empty()) {
+    return names;
+  }
+  for (;;) {
     const size_t end = scans_done.find(kScanNameSep);
     names.emplace(scans_done.substr(0, end));
-    scans_done.remove_prefix(end == TextView::npos ? scans_done.size() : end + 1);
+    if (end == TextView::npos) {
+      return names;
+    }
+    scans_done.remove_prefix(end + 1);
   }
-  return names;
+}
+
+Text JoinScansDone(const std::set<Text, std::less<>>& names) {
+  Text text;
+  for (const Text& name : names) {
+    if (&name != &*names.begin()) {
+      text += kScanNameSep;
+    }
+    text += name;
+  }
+  return text;
 }
 
 }  // namespace
@@ -89,8 +106,10 @@ void CInfoCache::WriteOneFileToDatabase(CPerFileEntry& per_file) {
         }
       }
     }
-    saved =
-        Db().SaveDataForFile(per_file.loc, to_write_list, per_file.fScansDone, per_file.disk_mtime);
+    // A copy: the database may tell of news before it has taken the text, and a handler of that
+    // reads the file's anew.
+    const Text scans_done = per_file.fScansDone;
+    saved = Db().SaveDataForFile(per_file.loc, to_write_list, scans_done, per_file.disk_mtime);
   }
   if (kDevelopmentRun() && saved && !per_file.fScansDone.empty()) {
     const std::vector<Text> names_in_db =
@@ -130,8 +149,11 @@ void CInfoCache::WriteOneFileToDatabase(CPerFileEntry& per_file) {
 
 void CInfoCache::WriteScansDoneToDatabase(CPerFileEntry& per_file) {
   Assert(per_file.disk_mtime > kFileDoesNotExistMtime);
-  if (per_file.fScansDoneNeedsToBeWritten &&
-      Db().SaveDataForFile(per_file.loc, {}, per_file.fScansDone, per_file.disk_mtime)) {
+  if (!per_file.fScansDoneNeedsToBeWritten) {
+    return;
+  }
+  const Text scans_done = per_file.fScansDone;  // a copy, as above
+  if (Db().SaveDataForFile(per_file.loc, {}, scans_done, per_file.disk_mtime)) {
     per_file.fScansDoneNeedsToBeWritten = false;
   }
 }
@@ -191,14 +213,7 @@ void CInfoCache::ChangeScansDone(Loc loc, TextView scan_name, bool done) {
   // in order. Whoever wants scans forgotten calls SetScansDone("") on the entry; the files that a
   // change touches are reported by needs-scan-added, which does not wait for this text.
   scan_name_set.emplace(scan_name);
-  Text text;
-  for (const Text& name : scan_name_set) {
-    if (!text.empty()) {
-      text += kScanNameSep;
-    }
-    text += name;
-  }
-  per_file->SetScansDone(text);
+  per_file->SetScansDone(JoinScansDone(scan_name_set));
   if (AssertionsActive() && scan_name == PrimaryScanName()) {
     const TextSet all_scope_names = per_file->GetAllScopeNames();
     if (!all_scope_names.contains(kModuleScopeName)) {
