@@ -247,6 +247,11 @@ TEST_F(ScopeDependantCacheTest, PrintsWhatHappensToTheKeysThatAreLogged) {
   EXPECT_EQ(Printed([&] { add("y1", 1); }), "");
   EXPECT_EQ(Printed([&] { cache.InvalidateScopes(kA, {"f"}); }),
             "Deleting key from merged cache: (Location('file:///src/b.py'), 'x1')\n");
+  cache.AddToCache({kB, "x2"}, 1, {{kA, "f"}, {kA, "g"}, {kB, "g"}});
+  EXPECT_EQ(Printed([&] { cache.InvalidateScopes(kA, {"*"}); }),
+            "Deleting key from merged cache: (Location('file:///src/b.py'), 'x2')\n"
+            "Deleting key from merged cache: (Location('file:///src/b.py'), 'x2')\n")
+      << "with each scope that it rested on";
   Printed([&] { add("x2", 1), add("x3", 1), add("z4", 1); });
   EXPECT_EQ(Printed([&] { cache.Clear(); }),
             "Clearing merged cache that contains (Location('file:///src/b.py'), 'x3')\n"

@@ -563,7 +563,7 @@ void CModel::MarkPresent(const Ref& ref) {
 
 bool CModel::AddScopeInfo(const Info& info, bool allow_write) {
   const Key key = info->key;
-  File file = GetPerFile(ForLoc(key), true);
+  const File file = GetPerFile(ForLoc(key), true);
   if (info->mtime && *info->mtime != file->mtime) {
     const DiskTime now = HasModifiedBuffer(file->loc) ? kEdited : GetDiskMTime(file->loc);
     if (now != *info->mtime) {
@@ -575,8 +575,6 @@ bool CModel::AddScopeInfo(const Info& info, bool allow_write) {
     if (!keys_dict.empty()) {
       if (keys_dict.contains(file->loc)) keys_dict[file->loc].erase(key);
       InvalidateScans(keys_dict, true, 2);
-      // A handler may have read, and so trimmed, the very file.
-      file = Find(file->loc) == file ? file : GetPerFile(file->loc, true);
     }
   }
   const KeySet dep_keys = DependentKeys(ForLoc(key), ForScope(key));
@@ -962,6 +960,11 @@ void CModel::TrimNotModified(ptrdiff_t count, const CFile* keep) {
   std::vector<std::pair<Loc, std::vector<Text>>> to_examine;
   std::vector<std::pair<File, std::vector<Text>>> to_remove;
   std::vector<Ref> without_file;
+  const auto drop_those_without_file = [&] {
+    std::erase_if(fUsed, [&](const auto& used) {
+      return std::count(without_file.begin(), without_file.end(), used.first) != 0;
+    });
+  };
   const auto take_or_make = [](auto& in, const auto& key) -> std::vector<Text>& {
     for (auto& [each, list] : in) {
       if (each == key) return list;
@@ -973,7 +976,13 @@ void CModel::TrimNotModified(ptrdiff_t count, const CFile* keep) {
     ++pending;
     if (removed + pending < target) continue;
     for (const auto& [loc, scopes] : to_examine) {
-      const File file = GetPerFile(loc, false);
+      File file;
+      try {
+        file = GetPerFile(loc, false);
+      } catch (...) {
+        drop_those_without_file();
+        throw;
+      }
       if (file == nullptr) {
         for (const Text& scope : scopes) {
           without_file.emplace_back(loc, scope);
@@ -995,9 +1004,7 @@ void CModel::TrimNotModified(ptrdiff_t count, const CFile* keep) {
     pending = 0;
     if (removed >= target) break;
   }
-  std::erase_if(fUsed, [&](const auto& used) {
-    return std::count(without_file.begin(), without_file.end(), used.first) != 0;
-  });
+  drop_those_without_file();
   for (const auto& [file, scopes] : to_remove) Discard(*file, scopes, false, file.get() != keep);
 }
 
@@ -1158,7 +1165,7 @@ void CModel::ClearFiles(const std::vector<Loc>& loc_seq, bool clear_db) {
       file->mtime = kMissing;
     }
   }
-  for (const auto& [loc, scopes] : changed) PurgeMerged(loc, *scopes);
+  for (const Loc loc : locs) PurgeMerged(loc, {"*"});
 }
 
 // ---- As text.

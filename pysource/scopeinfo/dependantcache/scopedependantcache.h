@@ -43,7 +43,7 @@ class CScopeDependantCache final : public CScopeDependency {
   // that removes entries itself.
   CScopeDependantCache(std::optional<Text> name, int64_t cache_size, bool watch_for_changes = true)
       : CScopeDependency(std::move(name), cache_size, watch_for_changes) {}
-  ~CScopeDependantCache() override { Clear(); }
+  ~CScopeDependantCache() override { ClearAtEnd(); }
 
   // Stores the value with the scopes that it rests on: a range of CScopeRef, or a dictionary with
   // such keys. Storing what is there already, value and scopes alike, only counts as a use.

@@ -1,6 +1,7 @@
 #include "pysource/scopeinfo/dependantcache/scopedependency.h"
 
 #include <algorithm>
+#include <exception>
 #include <functional>
 #include <utility>
 
@@ -42,8 +43,14 @@ CScopeDependency::~CScopeDependency() {
   for (const ConnectionId id : _fClassConnList) {
     class_disconnect(id);
   }
-  if (_fIdleTrimTag != 0) {
-    velk::idle_remove(_fIdleTrimTag);
+}
+
+void CScopeDependency::ClearAtEnd() noexcept {
+  try {
+    Clear();
+  } catch (const std::exception& error) {
+    // A destructor cannot pass on what the main loop throws.
+    CriticalLog("a cache of derived values could not cancel its trim: %s", error.what());
   }
 }
 
@@ -69,9 +76,11 @@ void CScopeDependency::InvalidateScopes(Loc loc, const TextSet& scope_names) {
       _fCacheKeysForLoc.Erase(loc);
       for (const auto& [name, scope] : taken) {
         scope->indexed = false;
+        // One that rests on several of the scopes is told of with each of them.
+        LogRemovalOf(scope->entries);
       }
       for (const auto& [name, scope] : taken) {
-        ScopeKeysDifferenceUpdate(scope->entries);
+        TakeEntries(scope->entries);
       }
     } else {
       for (const Text& name : scope_names) {
@@ -101,19 +110,25 @@ void CScopeDependency::InvalidateSingleScopeKey(TextView scope_name, Loc loc) {
 }
 
 void CScopeDependency::ScopeKeysDifferenceUpdate(const CIdSet& entries) {
-  for (const EntryId entry : entries) {
-    // One that rested on several of the scopes is gone by now.
-    if (IsLive(entry)) {
-      RemoveEntry(entry);
+  LogRemovalOf(entries);
+  TakeEntries(entries);
+}
+
+void CScopeDependency::LogRemovalOf(const CIdSet& entries) const {
+  if (fLogIfInKeyRepr) {
+    for (const EntryId entry : entries) {
+      LogKey("Deleting key from {} cache: {}", entry);
     }
   }
 }
 
-void CScopeDependency::RemoveEntry(EntryId entry) {
-  if (fLogIfInKeyRepr) {
-    LogKey("Deleting key from {} cache: {}", entry);
+void CScopeDependency::TakeEntries(const CIdSet& entries) {
+  for (const EntryId entry : entries) {
+    // One that rested on several of the scopes is gone by now.
+    if (IsLive(entry)) {
+      TakeEntry(entry);
+    }
   }
-  TakeEntry(entry);
 }
 
 void CScopeDependency::DiscardKeysFromKeysForLoc(EntryId entry, const CDependedScopes& scopes) {
@@ -209,7 +224,8 @@ void CScopeDependency::Clear() {
   ClearEntries();
   scopes.clear();
   if (_fIdleTrimTag != 0) {
-    velk::idle_remove(std::exchange(_fIdleTrimTag, 0));
+    velk::idle_remove(_fIdleTrimTag);
+    _fIdleTrimTag = 0;
   }
 }
 

@@ -175,6 +175,8 @@ class CScopeDependency {
   std::vector<EntryId> DependentEntries(Loc loc, std::span<const TextView> scope_names) const;
 
   void ScheduleIdleTrim();
+  // Clear, for the destructor of who keeps the entries.
+  void ClearAtEnd() noexcept;
   bool LogsKey(const Text& repr) const {
     return fLogIfInKeyRepr && repr.find(*fLogIfInKeyRepr) != Text::npos;
   }
@@ -189,7 +191,8 @@ class CScopeDependency {
   static bool SameSet(const CDependedScopes& scopes, std::vector<CDependedScope*> other);
   void InvalidateSingleScopeKey(TextView scope_name, Loc loc);
   void ScopeKeysDifferenceUpdate(const CIdSet& entries);
-  void RemoveEntry(EntryId entry);
+  void LogRemovalOf(const CIdSet& entries) const;
+  void TakeEntries(const CIdSet& entries);
   void DropScope(const CDependedScope& scope);
   bool CB_IdleTrim();
   void CB_ScopeInfoModified(const CChangedDict& changed);

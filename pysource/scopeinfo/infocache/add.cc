@@ -10,16 +10,14 @@ namespace pysource::scopeinfo {
 bool CInfoCache::AddScopeInfo(const CScopeInfoPtr& scope_info, bool allow_write) {
   const CScopeInfoKey key = scope_info->key;
   fLog("AddScopeInfo called scope_info.key %r", key);
-  CPerFilePtr per_file = GetPerFile(scope_info->loc, true);
+  const CPerFilePtr per_file = GetPerFile(scope_info->loc, true);
   if (!BringDiskTimeIntoLine(*per_file, *scope_info)) {
     fLog("  not adding info because disk_mtime differs");
     return false;
   }
-  if (FindPerFile(per_file->loc) != per_file) {
-    // The file moved on, and a handler of that news has trimmed or cleared it. A record that went
-    // into the old entry would be out of everybody's sight, with its key still known.
-    per_file = GetPerFile(scope_info->loc, true);
-  }
+  // From here on into the entry in hand, also when a handler of the news that the file moved on has
+  // cleared the file, and the entry with it.
+
   // Taken before storing, which replaces what the record itself depends on.
   CScopeInfoKeySet dep_keys =
       _fCrossFileData.GetDependentScanKeysOfScope(key.for_loc(), key.for_scope());

@@ -165,9 +165,9 @@ void CInfoCache::ClearFiles(const std::vector<Loc>& loc_seq, bool clear_db) {
       }
     }
   }
-  // A handler of the signal may have read them again meanwhile.
-  for (const auto& [loc, scopes] : changed) {
-    _fMergedInfoCache.InvalidateScopes(loc, *scopes);
+  // A handler of the signal may have read them again meanwhile, also such as had no entry before.
+  for (const Loc loc : loc_set) {
+    _fMergedInfoCache.InvalidateScopes(loc, {Text(kWildcardScope)});
   }
 }
 

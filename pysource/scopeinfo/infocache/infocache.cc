@@ -57,7 +57,11 @@ CInfoCache::~CInfoCache() {
   }
   // Once more: destroy() has not come so far if the database threw, and an operation after it may
   // have made a new appointment.
-  CancelPendingCalls();
+  try {
+    CancelPendingCalls();
+  } catch (const std::exception& error) {
+    CriticalLog("the info cache could not cancel its calls: %s", error.what());
+  }
 }
 
 void CInfoCache::_destroy_impl() {
@@ -68,7 +72,8 @@ void CInfoCache::_destroy_impl() {
 
 void CInfoCache::CancelPendingCalls() {
   if (_fIdleCallbackTag != 0) {
-    velk::idle_remove(std::exchange(_fIdleCallbackTag, 0));
+    velk::idle_remove(_fIdleCallbackTag);
+    _fIdleCallbackTag = 0;
   }
   CancelWriteToDatabaseTimeout();
 }

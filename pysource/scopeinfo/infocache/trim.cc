@@ -94,6 +94,10 @@ void CInfoCache::TrimNotModified(ptrdiff_t count, ptrdiff_t /*spare_count*/,
   CInsertionOrderedDict<Loc, std::vector<Text>> to_examine;
   CInsertionOrderedDict<CPerFilePtr, std::vector<Text>> to_remove;
   std::vector<CScopeRef> without_entry;
+  const auto drop_those_without_entry = [&] {
+    ForgetShortcuts();
+    _fUsedScopesDict.DifferenceUpdate(without_entry);
+  };
   for (auto used = _fUsedScopesDict.rbegin(); used != _fUsedScopesDict.rend(); ++used) {
     to_examine.GetOrMake(used->first.loc).push_back(used->first.scope);
     ++pending;
@@ -101,7 +105,14 @@ void CInfoCache::TrimNotModified(ptrdiff_t count, ptrdiff_t /*spare_count*/,
       continue;
     }
     for (const auto& [loc, scope_list] : to_examine) {
-      const CPerFilePtr per_file = GetPerFile(loc, false);
+      CPerFilePtr per_file;
+      try {
+        per_file = GetPerFile(loc, false);
+      } catch (...) {
+        // The database fails; nothing is trimmed, but what was told of does not come up again.
+        drop_those_without_entry();
+        throw;
+      }
       if (per_file == nullptr) {
         // A file can leave while pairs of it stay. They hold nothing; left alone they would stand
         // in the way of every later read that needs room.
@@ -131,8 +142,7 @@ void CInfoCache::TrimNotModified(ptrdiff_t count, ptrdiff_t /*spare_count*/,
       break;
     }
   }
-  ForgetShortcuts();
-  _fUsedScopesDict.DifferenceUpdate(without_entry);
+  drop_those_without_entry();
   for (const auto& [per_file, scope_list] : to_remove) {
     if (kDevelopmentRun()) {
       const TextSet scope_set(scope_list.begin(), scope_list.end());
