@@ -46,11 +46,11 @@ class CFakeSavableManager final : public CSavableManager {
   }
   void RemoveLocToWatch(Loc loc) override { fWatched.erase(loc); }
   std::vector<DiskTime> GetLastModTimes(const std::vector<Loc>& loc_list, bool) override {
+    fAsked.insert(fAsked.end(), loc_list.begin(), loc_list.end());
     fOnAsked();
     std::vector<DiskTime> times;
     for (const Loc loc : loc_list) {
       times.push_back(fTimes[loc]);
-      fAsked.push_back(loc);
     }
     return times;
   }

@@ -726,6 +726,25 @@ TEST_F(InfoCacheTest, AnyDatabaseCallMayFail) {
   EXPECT_EQ(fWorld.fLoop.PendingIdleCount(), 0U);
 }
 
+TEST_F(InfoCacheTest, AReadGoesOnOverTheRecordsThatItBeganWith) {
+  Scan({.loc = kA, .scope = "f", .scan = ":attrs", .x = ":s7", .seen = {{{kB, "g"}, 2.0}}});
+  Scan({.loc = kA, .scope = "f"});
+  Cache().WriteToDatabase();
+  Restart();
+  fHost.fSavableMgr.fOnAsked = [&] {
+    if (fHost.fSavableMgr.fAsked.back() == kA) {
+      return;
+    }
+    fHost.fSavableMgr.fOnAsked = [] {};
+    Scan({.loc = kA, .scope = "f", .x = ":s99"});
+    Scan({.loc = kA, .scope = "f", .scan = ":attrs", .scanned_loc = kC, .x = ":s8"});
+    const CLocSet changed{kA};
+    Db().emit(kExternalDbContentsChanged, &changed);
+    EXPECT_EQ(Entry(kA)->GetSerializedDataCount(), 0U);
+  };
+  EXPECT_EQ(Read(kA, "f"), "x=:s99;:s7;:s8 needs={}");
+}
+
 // Whatever the host is asked, it may tell of news before it answers, and handlers of these may call
 // back in. What the operation in hand makes of that can fall between two states of the world; no
 // memory that it holds may go, and a cleared cache is in order.

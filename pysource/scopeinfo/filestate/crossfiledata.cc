@@ -103,6 +103,7 @@ void CCrossFileData::Clear() {
   _fAllCouldNotWriteInfoKeys.clear();
   _fExistingScopeInfo.clear();
   _fDependentScans.Clear();
+  _fEmptyDependencies = 0;
 }
 
 void CCrossFileData::AddInfoKey(const CScopeInfoKey& key, const CScopeInfoPtr& info,
@@ -256,6 +257,7 @@ size_t CCrossFileData::GetToWriteInfoKeyCount(Loc loc, const TextSet* scope_name
 }
 
 size_t CCrossFileData::GetToWriteInfoKeyCount(Loc loc, TextView scope_name) const {
+  Assert(static_cast<bool>(loc));
   if (scope_name == kWildcardScope) {
     return GetToWriteInfoKeyCount(loc);
   }

@@ -18,8 +18,10 @@ CPerFileEntry::CPerFileEntry(CFileStateOwner& info_cache, Loc file_loc, DiskTime
 
 void CPerFileEntry::ClearAllInfo(bool also_clear_db) {
   primary_info_dict.clear();
+  if (_fWalks != 0) {
+    _fForgotten.push_back(std::move(serialized_data_dict));
+  }
   serialized_data_dict.clear();
-  ++_fListsDropped;
   for (const CScopeInfoKey& key : _fCrossFileData.GetInfoKeysByForLoc(loc)) {
     _fCrossFileData.RemoveInfoKey(key);
   }

@@ -1,7 +1,7 @@
 // What the cache knows of one file.
 #pragma once
 
-#include <cstdint>
+#include <cstddef>
 #include <functional>
 #include <optional>
 #include <utility>
@@ -50,6 +50,7 @@ struct CSerializedRecord {
 class CPerFileEntry {
  public:
   using RecordList = std::vector<CSerializedRecord>;
+  using RecordDict = CInsertionOrderedDict<Text, RecordList, TextHash>;
 
   CPerFileEntry(CFileStateOwner& info_cache, Loc file_loc, DiskTime mtime);
   CPerFileEntry(const CPerFileEntry&) = delete;
@@ -160,7 +161,7 @@ class CPerFileEntry {
   bool fDatabaseChanged;
   TextSet all_db_scope_names;         // * of the scopes that the database holds, as far as known
   TextSet db_scope_names_not_loaded;  // those of them that have no entry in serialized_data_dict
-  CInsertionOrderedDict<Text, RecordList, TextHash> serialized_data_dict;
+  RecordDict serialized_data_dict;
   bool clear_db = false;  // * the database rows are to be deleted at the next write
   Text fScansDone;        // * names of the scans done, joined with ","
   // * fScansDone differs from what the database holds. Raised at first, so that a first write
@@ -168,6 +169,8 @@ class CPerFileEntry {
   bool fScansDoneNeedsToBeWritten = true;
 
  private:
+  class CWalk;
+
   void UpdateScopesSeenDiskMtime(const CSerializedRecord& record, DiskTime old_mtime) const;
   CScopeInfoPtr GetScopeInfoForKey(const CScopeInfoKey& key, const CSerializedRecord& record);
   void AfterRecordRemoved(const CSerializedRecord& record);
@@ -176,7 +179,10 @@ class CPerFileEntry {
   CScopeInfoKey OwnKey(const CScopeInfoKey& key) const;
 
   CCrossFileData& _fCrossFileData;
-  uint32_t _fListsDropped = 0;  // how often all lists of records have left serialized_data_dict
+  // How many walks over records are under way, and what was forgotten since the first of them
+  // began, oldest first.
+  size_t _fWalks = 0;
+  std::vector<RecordDict> _fForgotten;
 };
 
 }  // namespace pysource::scopeinfo

@@ -6,6 +6,33 @@
 
 namespace pysource::scopeinfo {
 
+// A walk over records during which a host service may be asked something. As long as one is under
+// way, the entry keeps the records that it forgets: the walk goes on over those that it began with.
+class CPerFileEntry::CWalk {
+ public:
+  explicit CWalk(CPerFileEntry& entry) : _fEntry(entry), _fBegan(entry._fForgotten.size()) {
+    ++_fEntry._fWalks;
+  }
+  ~CWalk() {
+    if (--_fEntry._fWalks == 0) {
+      _fEntry._fForgotten.clear();
+    }
+  }
+  CWalk(const CWalk&) = delete;
+  CWalk& operator=(const CWalk&) = delete;
+
+  // The records of the scope among those that the walk began with; null if there are none.
+  const RecordList* Find(TextView scope_name) const {
+    const bool is_forgotten = _fEntry._fForgotten.size() > _fBegan;
+    return (is_forgotten ? _fEntry._fForgotten[_fBegan] : _fEntry.serialized_data_dict)
+        .Find(scope_name);
+  }
+
+ private:
+  CPerFileEntry& _fEntry;
+  const size_t _fBegan;
+};
+
 void CPerFileEntry::AddToNeedsScanDict(CNeedsScanDict& needs_scan_dict, Loc scanned_loc,
                                        TextView scanned_scope, TextView scan_name) {
   TextSet* scan_names = needs_scan_dict.Find(CScopeRefView(scanned_loc, scanned_scope));
@@ -17,7 +44,8 @@ void CPerFileEntry::AddToNeedsScanDict(CNeedsScanDict& needs_scan_dict, Loc scan
 
 bool CPerFileEntry::CheckScopesSeen(const CScopesSeenDict& scopes_seen,
                                     const std::function<void()>& before_asking) {
-  for (const auto& [scope, mtime] : scopes_seen) {
+  for (const auto& [scope, seen_mtime] : scopes_seen) {
+    const DiskTime mtime = seen_mtime;
     CPerFilePtr per_file = fInfoCache.FindPerFile(scope.loc);
     if (per_file == nullptr) {
       if (before_asking) {
@@ -61,17 +89,16 @@ CScopeInfoPtr CPerFileEntry::GetScopeInfoForKey(const CScopeInfoKey& key,
 
 std::optional<std::vector<CScopeInfoPtr>> CPerFileEntry::GetInfoListToMerge(
     TextView scope_name, CScopeRefSet& all_scopes_seen, CNeedsScanDict& needs_scan_dict) {
-  const RecordList* record_list = serialized_data_dict.Find(scope_name);
+  const CWalk walk(*this);
+  const RecordList* record_list = walk.Find(scope_name);
   if (record_list == nullptr) {
     return std::nullopt;
   }
   const TextView primary_scan_name = fInfoCache.ScanNames()[0];
   std::vector<CScopeInfoPtr> info_list;
   CScopeInfoPtr primary_info;
-  // The list and the record in hand as they were when a host service was asked something: handlers
-  // of the news that it may tell can change, move and drop both.
-  std::optional<RecordList> held;
-  RecordList dropped_list;  // walked once lists have left the entry, all together
+  // By number: handlers of the news that a host service may tell can make the list longer and
+  // shorter, and move it.
   for (size_t i = 0; i < record_list->size(); ++i) {
     const CSerializedRecord& record = (*record_list)[i];
     const CScopeInfoKey key = record.key;
@@ -92,26 +119,19 @@ std::optional<std::vector<CScopeInfoPtr>> CPerFileEntry::GetInfoListToMerge(
       // A live record is taken as it is: its key would have been marked if it were stale.
       info = _fCrossFileData.LookupExistingSourceInfo(key);
       if (info == nullptr) {
-        held.reset();
-        const uint32_t lists_dropped = _fListsDropped;
+        std::optional<CSerializedRecord> held;  // the record, once a service has been asked
         const auto hold = [&] {
           if (!held) {
-            held = *record_list;
+            held = record;
           }
         };
         const bool can_be_trusted =
             record.scopes_seen == nullptr || CheckScopesSeen(*record.scopes_seen, hold);
-        if (held && record_list != &dropped_list) {
-          // The walk goes on over the list that it began with.
-          if (_fListsDropped == lists_dropped) {
-            record_list = serialized_data_dict.Find(scope_name);
-          } else {
-            dropped_list = *held;
-            record_list = &dropped_list;
-          }
+        if (held) {
+          record_list = walk.Find(scope_name);
         }
         if (can_be_trusted) {
-          info = GetScopeInfoForKey(key, held ? (*held)[i] : record);
+          info = GetScopeInfoForKey(key, held ? *held : record);
         } else {
           fInfoCache.Log()("_CheckScopesSeen failed for %r: %r", key.scanned_loc(), scanned_scope);
           _fCrossFileData.AddNeedsScanInfoKey(key);

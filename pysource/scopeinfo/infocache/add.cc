@@ -98,9 +98,10 @@ bool CInfoCache::AddScopeInfoListForSingleScan(Loc scanned_loc, TextView scanned
     Assert(scanned_loc == scope_info->scanned_loc);
     Assert(scanned_scope == scope_info->scanned_scope);
     const TextView for_scope = scope_info->for_scope;
-    if (!old_keys.empty() || scan_name != scope_info->key.scan_name()) {
-      // Made also where nothing is to be taken out: a key checks what it is made from. That of the
-      // record has done so.
+    if (old_keys.empty()) {
+      // What a key would check; all else the record's own one has checked.
+      Assert(scan_name.starts_with(':'));
+    } else {
       old_keys.erase(
           CScopeInfoKey(scope_info->loc, for_scope, scan_name, scanned_loc, scanned_scope));
     }
