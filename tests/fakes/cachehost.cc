@@ -68,8 +68,9 @@ void CCacheHost::Restart(scopeinfo::CInfoCacheLimits limits) {
   fCache->SetScanNames({":names", ":attrs"});
   const auto note = [this](Text text) {
     fEvents.push_back(std::move(text));
-    if (fOnEvent) {
-      fOnEvent();
+    // A copy: it may take itself away.
+    if (const std::function<void()> on_event = fOnEvent) {
+      on_event();
     }
   };
   fCache->connect(kScopesModified, [note](CInfoCacheBase&, const CChangedDict& changed) {

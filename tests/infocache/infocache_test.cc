@@ -861,9 +861,8 @@ TEST_F(InfoCacheTest, AServiceMayTellOfNews) {
           };
           fHost.fOnEvent = [&, &handler = handler] {
             if (asked > at) {
-              const std::function<void()>& call = handler;
-              fHost.fOnEvent = nullptr;  // and with it this
-              call();
+              fHost.fOnEvent = nullptr;
+              handler();
             }
           };
           Db().fOnCall = fHost.fSavableMgr.fOnAsked = fHost.fFactory.fOnAsked = on_call;
