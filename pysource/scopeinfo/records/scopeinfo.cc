@@ -80,6 +80,8 @@ CScopeInfo::CScopeInfo(CScopeInfoKey info_key, BytesView scope_info_bytes,
   }
 }
 
+CScopeInfo::~CScopeInfo() = default;
+
 std::optional<BytesView> CScopeInfo::GetInfoBytes(TextView name, std::optional<BytesView> fallback,
                                                   bool inst) const {
   if (inst && !inst_type_equivs) {

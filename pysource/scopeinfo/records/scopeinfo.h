@@ -49,14 +49,15 @@ class CScopeInfo {
              std::optional<DiskTime> mtime, bool is_incomplete, bool is_missing);
   CScopeInfo(const CScopeInfo&) = delete;
   CScopeInfo& operator=(const CScopeInfo&) = delete;
+  virtual ~CScopeInfo();
 
   // ---- Queries. Views are good as long as the record.
 
   // The info bytes of a name, or `fallback`: from the scope, or with `inst` from the instance
   // attributes. from_import_star does not filter here.
-  std::optional<BytesView> GetInfoBytes(TextView name,
-                                        std::optional<BytesView> fallback = std::nullopt,
-                                        bool inst = false) const;
+  virtual std::optional<BytesView> GetInfoBytes(TextView name,
+                                                std::optional<BytesView> fallback = std::nullopt,
+                                                bool inst = false) const;
   // The same for callers that hold no typed access.
   std::optional<BytesView> BytecodeGetInfoBytes(TextView name, std::optional<BytesView> fallback,
                                                 bool inst) const {
@@ -65,8 +66,8 @@ class CScopeInfo {
 
   // The items of a symbol's domain, split at every ";" without regard to nesting; empty when
   // nothing is known. Splits at every call.
-  std::vector<TextView> GetDomainSeq(TextView symbol) const;
-  std::vector<TextView> GetInstDomainSeq(TextView symbol) const;
+  virtual std::vector<TextView> GetDomainSeq(TextView symbol) const;
+  virtual std::vector<TextView> GetInstDomainSeq(TextView symbol) const;
 
   // The encoded form. Made at the first call, by the serializer of the process's info cache, and
   // kept from then on: a record that is merged into or edited later keeps its old bytes unless
@@ -74,7 +75,7 @@ class CScopeInfo {
   const Bytes& GetSerializedData() const;
 
   // Whether a copy made for "from m import *" leaves the name out.
-  bool IsNameFilteredOut(TextView name) const;
+  virtual bool IsNameFilteredOut(TextView name) const;
 
   // Bytes of the object and of what it holds but for its key and what it has seen. `seen` keeps
   // memory that it shares with a copy from being counted twice.
@@ -98,13 +99,13 @@ class CScopeInfo {
   // Folds `to_merge` into this record; with `inst_only` its instance information and the two
   // booleans only. With `add_to_merge_list` the record is noted in _merged_info_list. A failure in
   // the middle leaves this record merged as far as it went.
-  void Merge(const CScopeInfoPtr& to_merge, bool inst_only, bool add_to_merge_list = true);
+  virtual void Merge(const CScopeInfoPtr& to_merge, bool inst_only, bool add_to_merge_list = true);
 
   // A new record with this one's content. Its key is this key with `keep_key`, otherwise one with
   // the scan fields absent. scope_seen_dict, the encoded form and the merge list are not copied.
   // Throws CTypeError for a record with instance domains but without domains (see Merge).
-  CScopeInfoPtr Copy(bool inst_only = false, bool keep_key = false, bool from_star = false,
-                     std::optional<TextSet> all_set = std::nullopt) const;
+  virtual CScopeInfoPtr Copy(bool inst_only = false, bool keep_key = false, bool from_star = false,
+                             std::optional<TextSet> all_set = std::nullopt) const;
 
   // Adds the scopes to scope_seen_dict; a later time replaces an earlier one.
   void MergeScopesSeen(const CScopesSeenDict& scopes_seen);
@@ -138,8 +139,8 @@ class CScopeInfo {
 
  private:
   void MergeContent(const CScopeInfo& to_merge, bool inst_only);
-  void MergeTypeEquivs(const CScopeInfo& to_merge, CStrDict& equivs_dict,
-                       const CStrDict& to_merge_dict) const;
+  virtual void MergeTypeEquivs(const CScopeInfo& to_merge, CStrDict& equivs_dict,
+                               const CStrDict& to_merge_dict) const;
 
   CArena _fArena;  // holds scope_ibytes and, of a decoded record, everything else
 };
