@@ -746,6 +746,26 @@ TEST_F(InfoCacheTest, AReadGoesOnOverTheRecordsThatItBeganWith) {
   fHost.fSavableMgr.fOnAsked = [] {};
 }
 
+TEST_F(InfoCacheTest, ScansDoneAreSavedAsTheyWereWhenTheSaveBegan) {
+  Store(kA, 1);
+  Cache().WriteToDatabase();
+  Scan({.loc = kA, .scope = "f"});
+  fHost.fStore->files[kA].scans_done = " x";  // by another process
+  fHost.fOnEvent = [&] { EXPECT_EQ(Entry(kA)->fScansDone, " x"); };
+  bool has_told = false;
+  Db().fOnCall = [&] {
+    if (!std::exchange(has_told, true)) {
+      const CLocSet changed{kA};
+      Db().emit(kExternalDbContentsChanged, &changed);
+    }
+  };
+  EXPECT_THROW(Cache().WriteToDatabase(), CAssertionError) << "its records are gone meanwhile";
+  EXPECT_EQ(fHost.fStore->files[kA].scans_done, ":names");
+  fHost.fOnEvent = nullptr;
+  Db().fOnCall = [] {};
+  Cache().Clear();
+}
+
 // Whatever the host is asked, it may tell of news before it answers, and handlers of these may call
 // back in. What the operation in hand makes of that can fall between two states of the world; no
 // memory that it holds may go, and a cleared cache is in order.
