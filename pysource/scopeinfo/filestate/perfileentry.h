@@ -39,8 +39,7 @@ struct CSerializedRecord {
 // are kept in step by the operations here:
 //
 //   - every record has its key in _fAllInfoKeys, until DiscardInfoForScannedScopes takes a record
-//   away in
-//     silence; its key stays, so that it is scanned again;
+//     away silently; its key stays, so that it is scanned again;
 //   - one key has at most one record;
 //   - db_scope_names_not_loaded is all_db_scope_names without the names in serialized_data_dict.
 //

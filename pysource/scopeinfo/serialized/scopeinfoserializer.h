@@ -25,13 +25,12 @@
 // Token table: the number of tokens, then for each, in order, its length and its bytes.
 //
 // Record message:       token table, scope info bytes (string), type equivalences, domains,
-// instance
-//                       type equivalences, instance domains (dictionaries), does-not-exist
-//                       (integer)
+//                       instance type equivalences, instance domains (dictionaries),
+//                       does-not-exist (integer)
 //
 //   a record with nothing in it:  81 80 | 81 | 80 80 80 80 | 80
-//                                 one token of length 0, the string, four empty dictionaries, flag
-//                                 0
+//                                 one token of length 0, the string, four empty dictionaries,
+//                                 flag 0
 //
 // Scopes-seen message:  token table, number of files, then for each: file id (integer), scope name
 //                       (string, always "*"), disk time (integer: the 64 bits of the double)

@@ -27,10 +27,10 @@ namespace pysource::standalone {
 // life of a file here:
 //
 //   (idle) ── request ──▶ wanted ── job given ──▶ in hand ── result ──▶ handed over, or dropped
-//   because
-//     ▲                      ▲                        │                  the file has changed
-//     meanwhile │                      └── asked for again ─────┘                             │
-//     └──────────────────────────────────────────────────────────────────────────────┘
+//     ▲                     ▲                        │                  because the file has
+//     │                     └── asked for again ─────┘                  changed meanwhile
+//     │                                                                           │
+//     └───────────────────────────────────────────────────────────────────────────┘
 //
 // What the cache reports as stale (needs-scan-added) is always run. What a reader asks for is run
 // once as long as nothing has changed since: a scope that does not exist is asked for at every

@@ -43,9 +43,9 @@
 //   import a.b as x          :s1;:aa.b x
 //   from .m import a as x    :s1;:f.m a
 //   from m import *          *: :s1;:fm *             under the name "*"; no name of m is listed
-//   @d(1) def f(x): ...      f: :s1;:dd;:Ff(x)        :m in a class, :u for static and class
-//   methods class C(B, metaclass=M)  :s1;:cC(B) argument x: int = 3      :s1;:A0;:h1;:tint;:lint :@
-//   after the position of a method's first one;
+//   @d(1) def f(x): ...      f: :s1;:dd;:Ff(x)        :m in a class, :u for its static and class methods
+//   class C(B, metaclass=M)  :s1;:cC(B)
+//   argument x: int = 3      :s1;:A0;:h1;:tint;:lint  :@ after the position of a method's first one;
 //                                                     *x is an :ltuple, **x an :ldict
 //   type parameter T: int    :s1;:TTypeVar;:tint      in the scope of the function or class
 //   ... -> int               return: :h1;:tint        under the name "return", in the function
