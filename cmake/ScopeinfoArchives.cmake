@@ -1,4 +1,4 @@
-# Lets a target link SQLite, GLib and tree-sitter as archives, by setting its property SCOPEINFO_ARCHIVES. Each shared
+# Lets a target link SQLite and GLib as archives, by setting its property SCOPEINFO_ARCHIVES. Each shared
 # library that a program needs costs it some 100 us at every start, and the `scopeinfo` program is started for every
 # question. What has no archive on this machine stays shared.
 #
@@ -25,6 +25,6 @@ function(scopeinfo_allow_archives prefix)
     INTERFACE_LINK_LIBRARIES "$<IF:${wants_archives},${archives},${shared}>")
 endfunction()
 
-foreach(prefix SCOPEINFO_SQLITE SCOPEINFO_GLIB SCOPEINFO_TREE_SITTER)
+foreach(prefix SCOPEINFO_SQLITE SCOPEINFO_GLIB)
   scopeinfo_allow_archives(${prefix})
 endforeach()

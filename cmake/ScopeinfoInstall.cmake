@@ -3,7 +3,7 @@
 #   find_package(scopeinfo REQUIRED)                          # scopeinfo::scopeinfo, the module
 #   find_package(scopeinfo REQUIRED COMPONENTS standalone)    # and scopeinfo::standalone, the host around it
 #
-# The second one needs SQLite, GLib, tree-sitter and fmt on the machine; the first one needs nothing.
+# The second one needs SQLite, GLib and fmt on the machine; the first one needs nothing.
 
 if(NOT TARGET scopeinfo)
   return()
@@ -17,7 +17,7 @@ install(EXPORT scopeinfo
   NAMESPACE scopeinfo:: FILE scopeinfo-module.cmake DESTINATION "${package_dir}")
 
 if(TARGET scopeinfo_standalone)
-  install(TARGETS scopeinfo_standalone scopeinfo_python_grammar EXPORT scopeinfo_standalone
+  install(TARGETS scopeinfo_standalone scopeinfo_python_grammar scopeinfo_tree_sitter EXPORT scopeinfo_standalone
     FILE_SET HEADERS)
   install(EXPORT scopeinfo_standalone
     NAMESPACE scopeinfo:: FILE scopeinfo-standalone.cmake DESTINATION "${package_dir}")

@@ -1,4 +1,4 @@
-# What ./run and ./test share: packages, the grammar, configuring and building. To be sourced by bash, with the root of
+# What ./run and ./test share: packages, the parser, configuring and building. To be sourced by bash, with the root of
 # the repository as the current folder. Everything it says goes to standard error, so that what the program prints can
 # be piped.
 # shellcheck shell=bash
@@ -11,7 +11,6 @@ build_packages=(
   libfmt-dev
   libglib2.0-dev
   libsqlite3-dev
-  libtree-sitter-dev
   ninja-build
   nlohmann-json3-dev
   pkg-config
@@ -99,19 +98,20 @@ need_commands() {
   done
 }
 
-# The sources of the Python grammar, as package-lock.json pins them.
+# The sources of the parser and of its Python grammar, as package-lock.json pins them.
 need_grammar() {
   local installed=node_modules/.package-lock.json log
-  if [[ -f node_modules/tree-sitter-python/src/parser.c && -f $installed &&
+  if [[ -f node_modules/tree-sitter-python/src/parser.c &&
+    -f node_modules/tree-sitter/vendor/tree-sitter/lib/src/lib.c && -f $installed &&
     ! package-lock.json -nt $installed && ! package.json -nt $installed ]]; then
     return
   fi
-  say "Fetching the Python grammar (npm ci)"
+  say "Fetching the parser and the Python grammar (npm ci)"
   log=$(mktemp)
   if ! npm ci --ignore-scripts --no-audit --no-fund </dev/null >"$log" 2>&1; then
     tail -n 20 "$log" >&2
     rm -f "$log"
-    die "npm could not fetch the Python grammar. Its last words are above; is a registry in reach?"
+    die "npm could not fetch the parser and the Python grammar. Its last words are above; is a registry in reach?"
   fi
   rm -f "$log"
   touch "$installed"
