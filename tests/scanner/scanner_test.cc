@@ -5,12 +5,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "fuzz/scanner_body.h"
 #include "pysource/host/strutils.h"
 #include "pysource/host/symbolinfo.h"
+#include "pysource/standalone/scanner/sourcefile.h"
 #include "tests/fakes/random.h"
 #include "tests/scanner/scan_helper.h"
 
@@ -278,6 +282,7 @@ TEST(ScannerTest, ItemsSurviveSplittingWhateverTheSource) {
                                  "\r",       "global x",
                                  "."};
   CScanWorld world;
+  std::vector<Text> sources;
   size_t items = 0;
   for (int round = 0; round < 3000; ++round) {
     Text source = "class C:\n def m(self):\n  x = ";
@@ -288,8 +293,17 @@ TEST(ScannerTest, ItemsSurviveSplittingWhateverTheSource) {
     CheckItems(scan, source);
     items += scan.results.size();
     ASSERT_FALSE(HasFatalFailure()) << source;
+    sources.push_back(std::move(source));
   }
   EXPECT_GT(items, 10000U);
+
+  // None of them changes what is found in the next one.
+  for (const auto& entry :
+       std::filesystem::directory_iterator(SCOPEINFO_SOURCE_DIR "/examples/notebook")) {
+    sources.insert(sources.end(), 50, ReadSourceFile(entry.path().string()).source);
+  }
+  std::shuffle(sources.begin(), sources.end(), random);
+  EXPECT_NO_THROW(fuzz::CheckSources({sources.begin(), sources.end()}, false));
 }
 
 Text Repeat(TextView piece, size_t count) {
