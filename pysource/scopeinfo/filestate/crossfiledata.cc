@@ -84,7 +84,7 @@ size_t GetInfoKeyCount(const CKeysByAddress& by_dict, Loc loc, const TextSet* sc
 CCrossFileData::CCrossFileData(CFileStateOwner& info_cache)
     : CDestroyable({}),
       _fInfoCache(info_cache),
-      // Listens to nothing: entries go when their keys go.
+      // Connected to no signal: entries are removed with their keys.
       _fDependentScans("_CCrossFileData._fDependentScans", -1, false) {}
 
 CCrossFileData::~CCrossFileData() { destroy(); }
@@ -118,7 +118,8 @@ void CCrossFileData::AddInfoKey(const CScopeInfoKey& key, const CScopeInfoPtr& i
   UpdateExistingSourceInfo(key, info);
 }
 
-// Some megabytes; above what a cache of the usual size holds at once.
+// The maximum number of empty dependencies: a few megabytes, and more than a cache of the usual
+// size holds at once.
 constexpr size_t kMostEmptyDependencies = 32768;
 
 void CCrossFileData::RemoveInfoKey(const CScopeInfoKey& key) {
@@ -132,10 +133,10 @@ void CCrossFileData::RemoveInfoKey(const CScopeInfoKey& key) {
     _fInfoKeysByScannedLoc.Discard(held);
   }
   _fExistingScopeInfo.Erase(held);
-  // Overwritten with an entry that rests on no scope, not deleted: from here on no change of a
-  // scope finds the key as a dependent, while a new record of the key finds its entry in place.
+  // Replaced by an entry that depends on no scope, not deleted: no change of a scope finds the key
+  // as a dependent any more, while a new record of the key reuses the entry.
   _fDependentScans.AddToCache(held, false);
-  // But not for ever, or a process that has seen a large tree go by would remember every key of it.
+  // Bounded, since a process that works through a large tree would otherwise keep every key of it.
   if (++_fEmptyDependencies > kMostEmptyDependencies) {
     _fDependentScans.RemoveIf([](const CScopeInfoKey&, bool is_there) { return !is_there; });
     _fEmptyDependencies = 0;
@@ -146,7 +147,7 @@ bool CCrossFileData::AddNeedsScanInfoKey(const CScopeInfoKey& key) {
   if (!_fAllInfoKeys.contains(key)) {
     return false;
   }
-  // Also for a key that is marked already: what is stale must not be written, whoever queued it.
+  // Also for a key that is already marked: a stale record must never be written.
   RemoveToWriteInfoKey(key);
   if (!_fAllNeedsScanInfoKeys.insert(key)) {
     return false;

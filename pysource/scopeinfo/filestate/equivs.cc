@@ -12,7 +12,7 @@ void Append(Bytes& joined, BytesView item) {
   joined += item;
 }
 
-// Appends the items of `eq` that `is_wanted` takes; a value of one item is taken as it stands.
+// Appends the items of `eq` that `is_wanted` accepts. A value of one item is appended unchecked.
 template <class IsWanted>
 void AppendItems(Bytes& joined, BytesView eq, IsWanted is_wanted) {
   if (eq.find(kInfoBytesSep) == BytesView::npos) {
@@ -26,8 +26,8 @@ void AppendItems(Bytes& joined, BytesView eq, IsWanted is_wanted) {
   });
 }
 
-// Which prefixes occur in the value, before its first NUL: every value of every record that a scan
-// has found is looked through for all three of them, so it is done in one pass.
+// Which prefixes occur in the value before its first NUL. Every value of every record that a scan
+// makes is searched for all three prefixes, so one pass finds them all.
 struct CMarks {
   bool of_class = false;
   bool of_import = false;
@@ -56,8 +56,8 @@ CEquivStrings CollectEquivs(const CScopeInfo& info) {
     return equivs;
   }
   for (const auto& [name, eq] : info.type_equivs) {
-    // A value that holds both kinds counts as a class value only: where a name is a class in one
-    // branch and an import in another, readers look for the class.
+    // A value with both kinds counts as a class value only: if a name is a class in one branch and
+    // an import in another, readers want the class.
     const CMarks marks = MarksIn(eq);
     if (marks.of_class) {
       AppendItems(equivs.class_equivs, eq,

@@ -1,5 +1,5 @@
-// Which classes and imports a record names: what the database keeps in columns of their own, so
-// that all classes or imports of many files are one query.
+// The classes and imports that a record names. The database keeps them in their own columns, so
+// that one query returns all classes or imports of many files.
 #pragma once
 
 #include "pysource/host/text.h"
@@ -12,8 +12,8 @@ struct CEquivStrings {
   Bytes import_equivs;  // import and from-import items joined with ";"
 };
 
-// Both are empty unless the record is of a scope that was scanned by itself: only then do its names
-// belong to the file.
+// The classes and imports of the record. Both are empty unless the record comes from a scan of the
+// scope that it is for: only then do its names belong to the file.
 CEquivStrings CollectEquivs(const CScopeInfo& info);
 
 }  // namespace pysource::scopeinfo

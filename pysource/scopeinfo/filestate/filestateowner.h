@@ -1,4 +1,4 @@
-// What per-file entries and key indexes ask of the cache that owns them.
+// What per-file entries and key indexes need from the cache that owns them.
 #pragma once
 
 #include <memory>
@@ -14,12 +14,12 @@ namespace pysource::scopeinfo {
 class CCrossFileData;
 class CPerFileEntry;
 
-// Entries are held by shared ownership: a read of one file may trim another out of the cache while
-// an operation up the stack still works on it.
+// Entries are shared: a read of one file may trim another file out of the cache while an operation
+// up the stack is still working on its entry.
 using CPerFilePtr = std::shared_ptr<CPerFileEntry>;
 
-// Implemented by CInfoCache, on the floor above. Narrow on purpose: an entry reads the scan names,
-// finds other entries and decodes records; it never emits, writes or trims.
+// Implemented by CInfoCache, on the floor above. Deliberately narrow: an entry reads the scan
+// names, finds other entries and decodes records; it never emits a signal, writes or trims.
 class CFileStateOwner {
  public:
   virtual ~CFileStateOwner();
@@ -29,9 +29,10 @@ class CFileStateOwner {
   virtual CCrossFileData& CrossFileData() = 0;
   virtual CScopeInfoSerializer& InfoSerializer() = 0;
   virtual const CLogger& Log() const = 0;
-  // The entry of the file if there is one; never makes one, and never asks the database.
+  // The entry of the file, or null. Never makes one, and never calls the database.
   virtual CPerFilePtr FindPerFile(Loc loc) const = 0;
-  // The entry of the file, brought up to date with the database; null only without `create`.
+  // The entry of the file, brought up to date with the database. Null only if there is none and
+  // `create` is false.
   virtual CPerFilePtr GetPerFile(Loc loc, bool create) = 0;
 };
 

@@ -7,7 +7,7 @@
 namespace pysource::scopeinfo {
 namespace {
 
-// What a key without a scanned scope is filed under: no scope has this name.
+// The name under which a key without a scanned scope is filed. No scope has this name.
 constexpr TextView kNoScope("\0", 1);
 
 }  // namespace
@@ -39,7 +39,7 @@ void CKeysByScope::Add(const CScopeInfoKey& key) {
 }
 
 void CKeysByScope::Discard(const CScopeInfoKey& key) {
-  // Held here: `key` may be the very one in the set, and the name is read off it.
+  // A copy: `key` may be the one in the set, and the name must outlive its removal.
   const CScopeInfoKey held = Held(key);
   const TextView name = NameOf(held);
   const uint64_t hash = HashBytes(name);

@@ -15,14 +15,14 @@ namespace pysource::scopeinfo {
 // Which of its two addresses a key is filed under.
 enum class KeyAddress { kFor, kScanned };
 
-// The keys of one file, in one set for each scope. The name of a scope is read off any key of its
-// set, so it is stored nowhere here; with twenty thousand scopes in five indexes that is most of
-// what they would cost. No set is ever empty.
+// The keys of one file, in one set for each scope. The names of the scopes are not stored: any key
+// of a set has the name. With twenty thousand scopes in five indexes, the names would take most of
+// the memory. No set is ever empty.
 class CKeysByScope {
  public:
   explicit CKeysByScope(KeyAddress address) : _fAddress(address) {}
 
-  // Null when no key is filed under the scope. Good until the next change.
+  // The keys of the scope; null when there are none. Valid until the next change.
   const CScopeInfoKeySet* Find(TextView scope_name) const;
   // In no order.
   const std::vector<CScopeInfoKeySet>& Sets() const { return _fSets; }
@@ -39,10 +39,10 @@ class CKeysByScope {
 
   KeyAddress _fAddress;
   std::vector<CScopeInfoKeySet> _fSets;
-  CHashIndex _fPlaces;  // of each set in _fSets, by the hash of its scope name
+  CHashIndex _fPlaces;  // the place of each set in _fSets, by the hash of its scope name
 };
 
-// The keys of all files. No file without keys stays in it.
+// The keys of all files. A file is removed with its last key.
 class CKeysByAddress {
  public:
   explicit CKeysByAddress(KeyAddress address) : _fAddress(address) {}
@@ -50,9 +50,9 @@ class CKeysByAddress {
   const CKeysByScope* Find(Loc loc) const { return _fByLoc.Find(loc); }
   const CInsertionOrderedDict<Loc, CKeysByScope>& ByLoc() const { return _fByLoc; }
 
-  // A key that is there already is added once.
+  // Adding a key again changes nothing.
   void Add(const CScopeInfoKey& key);
-  // An unknown key is no error.
+  // An unknown key is not an error.
   void Discard(const CScopeInfoKey& key);
   void Clear() { _fByLoc.clear(); }
 

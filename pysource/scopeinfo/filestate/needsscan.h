@@ -1,4 +1,4 @@
-// How a read reports what to scan, and how an operation collects what changed.
+// How a read reports which scans to run, and how an operation collects what changed.
 #pragma once
 
 #include "pysource/host/ordereddict.h"
@@ -8,14 +8,14 @@
 
 namespace pysource::scopeinfo {
 
-// From the scope to scan to the names of the scans to run: what would make an answer better. A
-// record that no named scan made is reported with an empty scan name.
+// The scans that would make an answer better: from the scope to scan to the names of the scans to
+// run. A stale record without a scan name is reported with an empty one.
 using CNeedsScanDict = CInsertionOrderedDict<CScopeRef, TextSet, CScopeRefHash, CScopeRefEqual>;
 
-// From file to the keys scanned from it.
+// From a file to the keys of the records that were scanned from it.
 using CKeysDict = CInsertionOrderedDict<Loc, CScopeInfoKeySet>;
 
-// Notes that the scope of the file changed.
+// Adds the scope of the file to `changed_dict`.
 void AddToChangedDict(CChangedDict& changed_dict, Loc loc, TextView scope);
 
 }  // namespace pysource::scopeinfo

@@ -1,4 +1,4 @@
-// Giving records up: for room, and because their scopes are gone.
+// Dropping records: to make room, and because their scopes no longer exist.
 #include <algorithm>
 
 #include "pysource/host/fastaccess.h"
@@ -8,7 +8,7 @@ namespace pysource::scopeinfo {
 
 CPerFilePtr CPerFileEntry::GetOtherPerFile(Loc other_loc, bool create) {
   if (LocationsEqual(other_loc, loc)) {
-    // Also when this entry has left the cache meanwhile.
+    // Even if this entry has left the cache meanwhile.
     return {std::shared_ptr<void>(), this};
   }
   if (CPerFilePtr per_file = fInfoCache.FindPerFile(other_loc)) {
@@ -41,7 +41,8 @@ void CPerFileEntry::RemoveScannedDependantData(TextView scope_name, const TextSe
   if (records == nullptr) {
     return;
   }
-  // In silence: the keys stay in the indexes, so that one that needs a scan goes on needing it.
+  // Without AfterRecordRemoved: the keys stay in the indexes, so a key that needs a scan keeps
+  // needing it.
   std::erase_if(*records, [&](const CSerializedRecord& record) {
     const auto scanned_scope = record.key.scanned_scope();
     return record.key.scanned_loc() == loc && scanned_scope &&
@@ -54,8 +55,8 @@ void CPerFileEntry::RemoveInvalidScans(const TextSet* scope_name_set, const Text
   const CScopeInfoKeySet keys =
       _fCrossFileData.GetScannedLocNeedsScanInfoKeys(loc, scope_name_set, &scan_name_set);
   for (const CScopeInfoKey& key : keys) {
-    // The filter has done this already, but for a set that holds "*": that let every key through,
-    // and none of them passes here.
+    // The filter has already checked this, except for a set that holds "*": that let every key
+    // through, and this check lets none through.
     const auto scan_name = key.scan_name();
     if (!scan_name || !scan_name_set.contains(*scan_name)) {
       continue;

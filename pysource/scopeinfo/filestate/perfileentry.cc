@@ -12,7 +12,7 @@ CPerFileEntry::CPerFileEntry(CFileStateOwner& info_cache, Loc file_loc, DiskTime
     : fInfoCache(info_cache),
       loc(file_loc),
       disk_mtime(mtime),
-      // What is modified in memory has no database part to fetch.
+      // The database has nothing for a file that is modified in memory.
       fDatabaseChanged(mtime != kFileModifiedInMemoryMtime),
       _fCrossFileData(info_cache.CrossFileData()) {}
 
@@ -34,7 +34,7 @@ void CPerFileEntry::ClearAllInfo(bool also_clear_db) {
 void CPerFileEntry::UpdateScopeNamesNotLoaded() {
   db_scope_names_not_loaded.clear();
   for (const Text& name : all_db_scope_names) {
-    // A scope counts as loaded even when its list has become empty.
+    // A scope counts as loaded even if its list of records has become empty.
     if (!serialized_data_dict.Contains(name)) {
       db_scope_names_not_loaded.insert(name);
     }
@@ -50,7 +50,7 @@ void CPerFileEntry::SetScansDone(TextView scans_done) {
 
 bool CPerFileEntry::IsPrimaryScanDone() const {
   const std::vector<Text>& scan_names = fInfoCache.ScanNames();
-  // A substring of the one text: no scan name is a prefix of another.
+  // Searching the whole text is enough: no scan name is a prefix of another.
   return !scan_names.empty() && fScansDone.find(scan_names[0]) != Text::npos;
 }
 
@@ -62,12 +62,12 @@ void CPerFileEntry::UpdateDiskMtime(DiskTime mtime, CKeysDict& keys_dict) {
   disk_mtime = mtime;
   all_db_scope_names.clear();
   UpdateScopeNamesNotLoaded();
-  // Whatever the database held was held for the old time.
+  // What the database holds, it holds for the old time.
   for (const CScopeInfoKey& key : _fCrossFileData.GetInDatabaseInfoKeys(loc)) {
     _fCrossFileData.RemoveInDatabaseInfoKey(key);
   }
   if (mtime != kFileModifiedInMemoryMtime && old_mtime != kFileModifiedInMemoryMtime) {
-    // Changed on disk behind the cache. The records keep their stamps: they are stale anyway.
+    // The file changed on disk. The records keep the times that they saw: they are stale anyway.
     CScopeInfoKeySet keys = _fCrossFileData.GetScannedLocInfoKeys(loc);
     if (!keys.empty()) {
       _fCrossFileData.AddNeedsScanInfoKeySet(keys);
@@ -77,7 +77,7 @@ void CPerFileEntry::UpdateDiskMtime(DiskTime mtime, CKeysDict& keys_dict) {
     return;
   }
   if (mtime != kFileModifiedInMemoryMtime) {
-    // What was in memory has become what is on disk: the records are good for the new time.
+    // The content in memory was saved, so the records are valid for the new time.
     for (const CScopeInfoKey& key : _fCrossFileData.GetInfoKeysByForLoc(loc)) {
       if (!_fCrossFileData._fAllNeedsScanInfoKeys.contains(key)) {
         _fCrossFileData.AddToWriteInfoKey(key);
@@ -101,10 +101,10 @@ void CPerFileEntry::UpdateScopesSeenDiskMtime(const CSerializedRecord& record,
   }
   for (auto& [scope, mtime] : *record.scopes_seen) {
     Assert(static_cast<bool>(scope.loc));
-    // Through single precision, which the three markers survive and a time from the clock does not:
-    // so in effect only the step away from "modified in memory" restamps. A record that saw this
-    // file at a real time is meant to fail the time check after an edit, and would pass if it were
-    // restamped.
+    // The time seen is rounded to single precision, which keeps the three markers exact and changes
+    // a time of the clock. So in effect only the step away from "modified in memory" updates it. A
+    // record that saw this file at a real time is meant to fail the time check after an edit, and
+    // would pass if its time were updated.
     if (scope.loc == loc && static_cast<DiskTime>(static_cast<float>(mtime)) == old_mtime) {
       mtime = disk_mtime;
     }
@@ -122,7 +122,7 @@ TextSet CPerFileEntry::GetScopeNamesInMemory() const {
 
 const TextSet& CPerFileEntry::GetScopeNamesNotInMemory() const {
   static const TextSet kNone;
-  // Nothing of the database counts for a file that is modified in memory.
+  // The database does not apply to a file that is modified in memory.
   return disk_mtime == kFileModifiedInMemoryMtime ? kNone : db_scope_names_not_loaded;
 }
 

@@ -1,13 +1,14 @@
-// From the records of a scope to the list that is merged: which of them can be trusted, and which
-// scans would make the answer better.
+// From the records of a scope to the list to merge: which records are up to date, and which scans
+// would make the answer better.
 #include "pysource/host/assertions.h"
 #include "pysource/host/repr.h"
 #include "pysource/scopeinfo/filestate/perfileentry.h"
 
 namespace pysource::scopeinfo {
 
-// A walk over records during which a host service may be asked something. As long as one is under
-// way, the entry keeps the records that it forgets: the walk goes on over those that it began with.
+// A walk over records during which a host service may be called, whose signals may change the
+// entry. While a walk is in progress, the entry keeps the records that it forgets, so that the walk
+// continues over the records that it began with.
 class CPerFileEntry::CWalk {
  public:
   explicit CWalk(CPerFileEntry& entry) : _fEntry(entry), _fBegan(entry._fForgotten.size()) {
@@ -51,7 +52,7 @@ bool CPerFileEntry::CheckScopesSeen(const CScopesSeenDict& scopes_seen,
       if (before_asking) {
         before_asking();
       }
-      // Made, so that the file's present time is known.
+      // Make an entry, which finds out the present time of the file.
       per_file = GetOtherPerFile(scope.loc, true);
     }
     if (per_file->disk_mtime != mtime) {
@@ -97,8 +98,8 @@ std::optional<std::vector<CScopeInfoPtr>> CPerFileEntry::GetInfoListToMerge(
   const TextView primary_scan_name = fInfoCache.ScanNames()[0];
   std::vector<CScopeInfoPtr> info_list;
   CScopeInfoPtr primary_info;
-  // By number: handlers of the news that a host service may tell can make the list longer and
-  // shorter, and move it.
+  // By index: a host service may emit a signal whose handlers make the list longer or shorter, or
+  // move it.
   for (size_t i = 0; i < record_list->size(); ++i) {
     const CSerializedRecord& record = (*record_list)[i];
     const CScopeInfoKey key = record.key;
@@ -116,10 +117,10 @@ std::optional<std::vector<CScopeInfoPtr>> CPerFileEntry::GetInfoListToMerge(
     if (_fCrossFileData._fAllNeedsScanInfoKeys.contains(key)) {
       report();
     } else {
-      // A live record is taken as it is: its key would have been marked if it were stale.
+      // A live record needs no check: its key would have been marked if it were stale.
       info = _fCrossFileData.LookupExistingSourceInfo(key);
       if (info == nullptr) {
-        std::optional<CSerializedRecord> held;  // the record, once a service has been asked
+        std::optional<CSerializedRecord> held;  // a copy of the record, once a service was called
         const auto hold = [&] {
           if (!held) {
             held = record;
@@ -142,8 +143,8 @@ std::optional<std::vector<CScopeInfoPtr>> CPerFileEntry::GetInfoListToMerge(
     if (info == nullptr || info->does_not_exist) {
       continue;
     }
-    // The scanned location is not compared: a scope of this name scanned in whatever file by the
-    // primary scan serves as the primary record.
+    // The scanned location is not compared: the primary scan of a scope of this name in any file
+    // makes a primary record.
     if (scanned_scope == scope_name && key.scan_name() == primary_scan_name) {
       if (primary_info == nullptr) {
         primary_info = info;
@@ -156,7 +157,7 @@ std::optional<std::vector<CScopeInfoPtr>> CPerFileEntry::GetInfoListToMerge(
     }
   }
   if (primary_info == nullptr) {
-    // Derived records alone make no answer.
+    // Records of other scans alone are not an answer.
     AddToNeedsScanDict(needs_scan_dict, loc, scope_name, primary_scan_name);
     return std::nullopt;
   }

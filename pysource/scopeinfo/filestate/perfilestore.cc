@@ -1,4 +1,4 @@
-// Records in and out: what a scan found, what the database gave, what is to be written.
+// Storing records from scans and from the database, and handing records to the database.
 #include <algorithm>
 #include <array>
 #include <utility>
@@ -63,8 +63,8 @@ CScopeInfoKey CPerFileEntry::OwnKey(const CScopeInfoKey& key) const {
   if (key.for_loc().get() == loc.get()) {
     return key;
   }
-  // Equal, but another object: records made here name the location of this entry, since merging
-  // asks for identity.
+  // The location is equal but another object. Records made here name the location object of this
+  // entry, since merging compares by identity.
   return CScopeInfoKey(loc, key.for_scope(), key.scan_name(), key.scanned_loc(),
                        key.scanned_scope());
 }
@@ -106,12 +106,12 @@ bool CPerFileEntry::SetSerializedRecord(const CScopeInfoKey& key, BytesView data
     return SameScan(record.key, key.scan_name(), key.scanned_loc(), key.scanned_scope());
   });
   if (same != records->end()) {
-    // Replaced whether or not the data changed: scopes seen and the incomplete flag are the new
-    // ones.
+    // Replaced even if the data did not change: the scopes seen and the incomplete flag may have.
     const CSerializedRecord old_record = std::exchange(*same, std::move(new_record));
     const BytesView old_data = old_record.data;
     const BytesView new_data = same->data;
-    // Without the last byte: a scan that finds again what the database holds has changed nothing.
+    // Compared without the flag at the end: a scan that finds again what the database holds has
+    // changed nothing.
     const bool modified =
         new_data.size() != old_data.size() ||
         new_data.substr(0, new_data.size() - 1) != old_data.substr(0, old_data.size() - 1);
@@ -127,8 +127,8 @@ bool CPerFileEntry::SetSerializedRecord(const CScopeInfoKey& key, BytesView data
   }
   records->push_back(std::move(new_record));
   _fCrossFileData.AddInfoKey(key, info, true);
-  // Unlike above, "unknown on disk" does not count as a time to write under: a replaced record was
-  // written for that file before, an added one would be the first.
+  // Unlike above, nothing is written for a file whose time is "unknown on disk": a replaced record
+  // was already written for that file, an added one would be the first.
   if (ValidOnDiskMtime(disk_mtime) && !_fCrossFileData._fAllInDatabaseInfoKeys.contains(key)) {
     _fCrossFileData.AddToWriteInfoKey(key);
   }
@@ -153,8 +153,8 @@ bool CPerFileEntry::RemoveSerializedRecords(std::optional<TextView> scan_name, T
     return false;
   }
   const CSerializedRecord removed = std::move(*match);
-  // The first one only, also for any scan: callers remove the records of one scan at a time. An
-  // emptied list stays, which says that the scope was looked for.
+  // Only the first match is removed, also for "*": callers remove the records of one scan at a
+  // time. An empty list stays: it shows that the scope is loaded.
   records->erase(match);
   AfterRecordRemoved(removed);
   return true;
@@ -194,7 +194,7 @@ CPerFileEntry::DatabaseRecords CPerFileEntry::GetDatabaseRecords(
         }
       }
     }
-    // No record, an incomplete one, one that is not from a scan, or damaged data.
+    // There is no record, or it is incomplete, not from a scan, or damaged.
     if (!result.not_writable_set) {
       result.not_writable_set.emplace();
     }

@@ -1,4 +1,4 @@
-// How results of scans enter, and who hears of it.
+// How scan results enter the cache, and which signals report them.
 #include <algorithm>
 
 #include "pysource/host/assertions.h"
@@ -15,10 +15,10 @@ bool CInfoCache::AddScopeInfo(const CScopeInfoPtr& scope_info, bool allow_write)
     fLog("  not adding info because disk_mtime differs");
     return false;
   }
-  // From here on into the entry in hand, also when a handler of the news that the file moved on has
-  // cleared the file, and the entry with it.
+  // Continue with the entry already held, even if a handler of kNeedsScanAdded, emitted above, has
+  // cleared the file and with it removed the entry from the cache.
 
-  // Taken before storing, which replaces what the record itself depends on.
+  // Collected before storing, which replaces the record's own dependencies.
   CScopeInfoKeySet dep_keys =
       _fCrossFileData.GetDependentScanKeysOfScope(key.for_loc(), key.for_scope());
   if (!StoreAndPurgeIfRenewed(*per_file, scope_info)) {
@@ -31,8 +31,8 @@ bool CInfoCache::AddScopeInfo(const CScopeInfoPtr& scope_info, bool allow_write)
   MarkPresent(scope_info->loc, scope_info->for_scope);
   _fCrossFileData.RemoveInDatabaseInfoKey(key);
   _fCrossFileData.AddToWriteInfoKey(key);
-  // The locations are not compared here, unlike in the list form: a single record is added for the
-  // file that it is for.
+  // Unlike in the list form, the scanned location is not compared with the file: a single record is
+  // taken as the primary one of the file that it is for.
   if (key.scan_name() == PrimaryScanName() && scope_info->for_scope == scope_info->scanned_scope) {
     per_file->primary_info_dict.Set(Text(scope_info->for_scope), scope_info);
   }
@@ -47,8 +47,8 @@ bool CInfoCache::AddScopeInfo(const CScopeInfoPtr& scope_info, bool allow_write)
   return true;
 }
 
-// Whether the record is about the present content of the file. A record that is newer than the
-// entry moves the entry on.
+// Whether the record was made from the present content of the file. If the file has changed since
+// the entry got its time and the record has the new time, the entry takes over the new time.
 bool CInfoCache::BringDiskTimeIntoLine(CPerFileEntry& per_file, const CScopeInfo& scope_info) {
   if (!scope_info.disk_mtime || *scope_info.disk_mtime == per_file.disk_mtime) {
     return true;
@@ -62,7 +62,7 @@ bool CInfoCache::BringDiskTimeIntoLine(CPerFileEntry& per_file, const CScopeInfo
   per_file.UpdateDiskMtime(*scope_info.disk_mtime, keys_dict);
   if (!keys_dict.empty()) {
     if (CScopeInfoKeySet* const keys = keys_dict.Find(per_file.loc)) {
-      // The record that is being added is no victim of its own news.
+      // The record that is being added must not invalidate itself.
       keys->erase(scope_info.key);
     }
     InvalidateScans(keys_dict, /*whole_files=*/true, nullptr, 2);
@@ -70,8 +70,9 @@ bool CInfoCache::BringDiskTimeIntoLine(CPerFileEntry& per_file, const CScopeInfo
   return true;
 }
 
-// Stores the record; true if it changed. One that is unchanged though its key needed a scan makes
-// no signal, but merged records lack it and go on asking for the scan that was just done: they go.
+// Stores the record; true if it changed. A record that comes out unchanged though its key needed a
+// scan triggers no signal. Merged records that were made without it would go on requesting the scan
+// that has just been done, so they are purged.
 bool CInfoCache::StoreAndPurgeIfRenewed(CPerFileEntry& per_file, const CScopeInfoPtr& scope_info) {
   const bool needed_scan = _fCrossFileData._fAllNeedsScanInfoKeys.contains(scope_info->key);
   const bool changed = per_file.StoreScopeInfo(scope_info);
@@ -91,7 +92,7 @@ bool CInfoCache::AddScopeInfoListForSingleScan(Loc scanned_loc, TextView scanned
   CChangedDict changed_dict;
   CNeedsScanSet needs_scan;
   const CPerFilePtr per_file = GetPerFile(scanned_loc, true);
-  // What this scan found before; what it finds again is taken out below.
+  // What this scan found earlier. What it finds again is taken out below; the rest is removed.
   CScopeInfoKeySet old_keys =
       _fCrossFileData.GetScannedLocInfoKeys(scanned_loc, scanned_scope, scan_name);
   for (const CScopeInfoPtr& scope_info : scope_info_list) {
@@ -99,7 +100,7 @@ bool CInfoCache::AddScopeInfoListForSingleScan(Loc scanned_loc, TextView scanned
     Assert(scanned_scope == scope_info->scanned_scope);
     const TextView for_scope = scope_info->for_scope;
     if (old_keys.empty()) {
-      // What a key would check; all else the record's own one has checked.
+      // What constructing a key would assert; the record's own key has asserted everything else.
       Assert(scan_name.starts_with(':'));
     } else {
       old_keys.erase(
@@ -108,7 +109,7 @@ bool CInfoCache::AddScopeInfoListForSingleScan(Loc scanned_loc, TextView scanned
     const CPerFilePtr info_per_file = GetPerFile(scope_info->loc, true);
     if (!info_per_file->db_scope_names_not_loaded.empty() &&
         info_per_file->db_scope_names_not_loaded.contains(for_scope)) {
-      // So that the comparison sees what is stored.
+      // Storing compares the record with the stored one, which must be in memory for that.
       ReadScopeInfoListFromDb(*info_per_file, {Text(for_scope)});
     }
     CScopeInfoKeySet dep_keys =
@@ -123,7 +124,7 @@ bool CInfoCache::AddScopeInfoListForSingleScan(Loc scanned_loc, TextView scanned
       }
       AddToChangedDict(changed_dict, scope_info->loc, for_scope);
     }
-    // Changed or not: the scan was run again, so the record is queued too.
+    // Queued also when unchanged, since the scan was run again.
     _fCrossFileData.RemoveInDatabaseInfoKey(scope_info->key);
     _fCrossFileData.AddToWriteInfoKey(scope_info->key);
     MarkPresent(scope_info->loc, for_scope);
@@ -136,7 +137,7 @@ bool CInfoCache::AddScopeInfoListForSingleScan(Loc scanned_loc, TextView scanned
     }
   }
   if (!needs_scan.empty()) {
-    // This very scan has just run. The report goes out even if that leaves it empty.
+    // This scan has just run. The signal is emitted even if that leaves the set empty.
     needs_scan.erase(CNeedsScan{scanned_loc, Text(scanned_scope), Text(scan_name)});
     emit(kNeedsScanAdded, needs_scan, Priority());
   }
@@ -172,9 +173,9 @@ void CInfoCache::RemoveScopeInfoSeq(
   }
 }
 
-// A change of a secondary file is reported as a change of each file that merges it.
+// Reports a change of a secondary file also as a change of each file that merges it.
 void CInfoCache::AddPrimaryFileToChangedDict(CChangedDict& changed_dict) const {
-  // A list first: the dictionary grows during the walk.
+  // Copied first, since the dictionary grows during the walk.
   std::vector<std::pair<Loc, std::shared_ptr<TextSet>>> items;
   for (const auto& [loc, scopes] : changed_dict) {
     items.emplace_back(loc, scopes);
@@ -188,7 +189,7 @@ void CInfoCache::AddPrimaryFileToChangedDict(CChangedDict& changed_dict) const {
       if (const auto* const existing = changed_dict.Find(primary_loc)) {
         (*existing)->insert(scopes->begin(), scopes->end());
       } else {
-        // The very same set, not a copy: receivers do not change it, and one is enough.
+        // The same set object, not a copy: receivers do not change it.
         changed_dict.Set(primary_loc, scopes);
       }
     }

@@ -1,4 +1,4 @@
-// What changes behind the cache: files, buffers, analyses, import resolution, the database.
+// Changes outside the cache: of files, buffers, analyses, import resolution and the database.
 #include "pysource/host/assertions.h"
 #include "pysource/host/symbolinfo.h"
 #include "pysource/scopeinfo/infocache/infocache.h"
@@ -17,7 +17,7 @@ void CInfoCache::CB_ExternalChanges(const CLocMtimeDict& locs_changed) {
   CKeysDict changed_dict;
   for (const auto& [loc, mtime] : locs_changed) {
     const CPerFilePtr per_file = FindPerFile(loc);
-    // An edited buffer hides the disk.
+    // An edited buffer takes precedence over the disk.
     if (per_file != nullptr && per_file->disk_mtime != kFileModifiedInMemoryMtime) {
       per_file->UpdateDiskMtime(mtime < 0 ? kFileDoesNotExistMtime : mtime, changed_dict);
     }
@@ -38,7 +38,8 @@ void CInfoCache::CB_SavableSavePoint(const CSavable& savable, bool not_modified)
     return;
   }
   if (disk_mtime == kFileModifiedInMemoryMtime && !per_file->db_scope_names_not_loaded.empty()) {
-    // What is tied to the state on disk comes into memory before that state is out of reach.
+    // Read what belongs to the content on disk while its disk time is still known; the database
+    // returns rows only for a matching time.
     const TextSet& names = per_file->db_scope_names_not_loaded;
     ReadScopeInfoListFromDb(*per_file, {names.begin(), names.end()});
   }
@@ -55,7 +56,7 @@ void CInfoCache::CB_ScopesChanged(const CPySourceAnalysis& ana, const TextSet& s
   }
   if (ana.fLogicalCache.fMatchedDiskMTime == per_file->disk_mtime &&
       per_file->disk_mtime != kFileModifiedInMemoryMtime) {
-    // The analysis still matches what was scanned.
+    // The analysis still matches the content that was scanned.
     return;
   }
   per_file->SetScansDone("");
@@ -71,14 +72,14 @@ void CInfoCache::CB_ImportResolutionChanged() {
 }
 
 void CInfoCache::CheckForDatabaseChanges() {
-  // The changes themselves arrive through the signal.
+  // The database reports the changes themselves through kExternalDbContentsChanged.
   PrintLine(Db().CheckForExternalChanges());
 }
 
 void CInfoCache::CB_ExternalDatabaseChanged(const CLocSet* changed_loc_set) {
   CChangedDict changed_dict;
   const auto take = [&](const CPerFilePtr& per_file) {
-    // An edited file does not rest on the database.
+    // A file that is modified in memory does not depend on the database.
     if (per_file != nullptr && ValidOnDiskMtime(per_file->disk_mtime)) {
       per_file->fDatabaseChanged = true;
       per_file->ClearAllInfo();
@@ -90,7 +91,7 @@ void CInfoCache::CB_ExternalDatabaseChanged(const CLocSet* changed_loc_set) {
       take(FindPerFile(loc));
     }
   } else {
-    // Continuity is lost: nothing may be kept that may be gone.
+    // Continuity is lost: any row may have been removed.
     for (const auto& [loc, per_file] : _fPerFileDict) {
       take(per_file);
     }
@@ -132,7 +133,7 @@ void CInfoCache::ClearFiles(const std::vector<Loc>& loc_seq, bool clear_db) {
     }
   }
   AddPrimaryFileToChangedDict(changed);
-  // The users hear of it first; the clearing follows.
+  // Emitted before the files are cleared.
   emit(kScopesModified, changed);
   const std::vector<Text> all_scopes{Text(kWildcardScope)};
   if (clear_db) {
@@ -165,7 +166,7 @@ void CInfoCache::ClearFiles(const std::vector<Loc>& loc_seq, bool clear_db) {
       }
     }
   }
-  // A handler of the signal may have read them again meanwhile, also such as had no entry before.
+  // A handler of the signal may have read the files again, including those without an entry before.
   for (const Loc loc : loc_set) {
     _fMergedInfoCache.InvalidateScopes(loc, {Text(kWildcardScope)});
   }

@@ -1,5 +1,5 @@
-// Everything that a cache holds, as text: sorted where order means nothing, in order where it does.
-// Two caches in the same state give the same text.
+// Everything that a cache holds, as text: sorted where order has no meaning, in order where it
+// does. Two caches in the same state give the same text.
 #include <algorithm>
 
 #include "pysource/scopeinfo/infocache/infocache.h"

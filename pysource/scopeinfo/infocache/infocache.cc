@@ -1,4 +1,4 @@
-// Construction, wiring, and the operations that all paths rest on.
+// Construction, wiring, and the operations that all paths use.
 #include "pysource/scopeinfo/infocache/infocache.h"
 
 #include "pysource/host/assertions.h"
@@ -12,7 +12,8 @@ namespace pysource::scopeinfo {
 CInfoCache::CInfoCache(CAnalysisManager* ana_mgr, CLocationCache* loc_cache,
                        CInfoCacheLimits limits)
     : CInfoCacheBase({kScopesModified.name, kNeedsScanAdded.name}),
-      // Stands until SetScanNames; a running cache has a primary and at least one secondary scan.
+      // A placeholder until SetScanNames; a running cache has a primary scan and at least one
+      // secondary scan.
       fScanNames{":unset"},
       fLocCache(loc_cache),
       fLog("InfoCache"),
@@ -52,11 +53,12 @@ CInfoCache::~CInfoCache() {
   try {
     destroy();
   } catch (const std::exception& error) {
-    // A destructor cannot pass on what the database throws; an owner that wants it calls destroy().
+    // A destructor cannot pass on an exception of the database. An owner that wants it calls
+    // destroy().
     CriticalLog("the info cache could not write its last records: %s", error.what());
   }
-  // Once more: destroy() has not come so far if the database threw, and an operation after it may
-  // have made a new appointment.
+  // Again: if the database threw, destroy() did not get to this, and an operation after destroy()
+  // may have scheduled another call.
   try {
     CancelPendingCalls();
   } catch (const std::exception& error) {
@@ -96,8 +98,8 @@ CPerFilePtr CInfoCache::GetPerFile(Loc loc, bool create) {
     per_file = std::make_shared<CPerFileEntry>(static_cast<CFileStateOwner&>(*this), loc,
                                                GetDiskMTime(loc));
     if (_fPerFileDict.Contains(loc)) {
-      // The answer about the time came with news whose handlers asked for the same file: the entry
-      // that they made gives way, and no shortcut may lead to it.
+      // GetDiskMTime emitted a signal whose handler made an entry for the same file. The new entry
+      // replaces it, and no shortcut may point to the old one.
       ForgetShortcuts();
     }
     _fPerFileDict.Set(loc, per_file);
@@ -120,15 +122,15 @@ CPerFilePtr CInfoCache::GetPerFile(Loc loc, bool create) {
     const Text* const stored = scans_done.Find(loc);
     per_file->fScansDone = stored == nullptr ? Text() : *stored;
     if (per_file->IsPrimaryScanDone() && !per_file->all_db_scope_names.contains(kModuleScopeName)) {
-      // The database contradicts itself: the primary scan of a file always gives its module scope.
-      // Forgetting the scans done has them run again.
+      // The database contradicts itself: the primary scan of a file always makes a record of the
+      // module scope. Without scans done, the host runs them again.
       CriticalLog("_GetPerFile(%r): no top level module scope in all_db_scope_names", loc);
       CriticalLog("  all_db_scope_names = %r", per_file->all_db_scope_names);
       CriticalLog("  fScansDone = %r", per_file->fScansDone);
       per_file->SetScansDone("");
     }
   }
-  // What was just taken from the database, or put right, need not be written.
+  // Scans done that were just read from the database, or corrected, need not be written.
   per_file->fScansDoneNeedsToBeWritten = false;
   return per_file;
 }
@@ -157,7 +159,8 @@ void CInfoCache::SetScanNames(const std::vector<Text>& scan_names) {
   if (fScanNames == scan_names) {
     return;
   }
-  // Kept: an operation up the stack, whose host service told of news, may be going through them.
+  // The old names are kept: an operation up the stack may be walking over them, if a host service
+  // that it called emitted a signal and the handler came here.
   _fFormerScanNames.push_back(std::exchange(fScanNames, scan_names));
   Clear();
 }

@@ -1,5 +1,5 @@
-// The info cache: what is known of every scope, from memory, from the database, and which scans
-// would make the answer better.
+// The info cache: what is known about every scope, from memory and from the database, and which
+// scans would make an answer better.
 #pragma once
 
 #include <cstddef>
@@ -30,21 +30,22 @@
 
 namespace pysource::scopeinfo {
 
-// How much a cache holds. A test sets them low.
+// How much a cache holds. Tests set low limits.
 struct CInfoCacheLimits {
-  // Scopes held in memory before the least recently used are given up. 20000 is a large project's
-  // worth of what an editor looks at in a day; the value is a guess that memory reports have not
-  // contradicted.
+  // The maximum number of scopes in memory; above it the least recently used ones are given up.
+  // 20000 is about what an editor looks at in a day in a large project. The value is a guess that
+  // memory reports have not contradicted.
   ptrdiff_t kMaxInfoCount = 20000;
-  // Scopes read from the database in one call when one was asked for. A file of up to this many is
-  // read whole: one query costs about as much for fifty rows that lie side by side as for one.
+  // The maximum number of scopes that one database call reads when one scope was requested. A file
+  // with fewer unread scopes is read whole: a query for fifty adjacent rows costs about as much as
+  // a query for one.
   ptrdiff_t kMaxForAllScopeRead = 50;
 };
 
 // The locations that supply further information for a file, in the factory's order. Never null.
 using CSecondaryFiles = std::shared_ptr<const std::vector<Loc>>;
 
-// One scope to remove: of which file and scope, scanned from where.
+// A record to remove: the file and scope that it is for, and the file and scope that were scanned.
 struct CScopeInfoToRemove {
   Loc loc;
   Text for_scope;
@@ -53,7 +54,7 @@ struct CScopeInfoToRemove {
 };
 
 // The cache of source information of one process. A host makes one, sets it as fInfoCache of its
-// analysis manager, calls SetScanNames, and from then on asks and feeds it:
+// analysis manager and calls SetScanNames. From then on it reads from the cache and adds to it:
 //
 //   CNeedsScanDict needs_scan;
 //   auto info = cache.GetScopeInfo(loc, "C.method", true, &needs_scan);
@@ -61,127 +62,138 @@ struct CScopeInfoToRemove {
 //   cache.AddScopeInfoListForSingleScan(scanned_loc, scanned_scope, scan_name, infos);
 //   cache.ChangeScansDone(loc, scan_name, true) when a file is done, and FinishedWithScans.
 //
-// It holds records as bytes, builds objects from them when they are merged, and keeps merged
-// records. It watches files, buffers, analyses and the database, marks what has become stale, and
-// says so through kNeedsScanAdded and kScopesModified (host/infocachebase.h). Unwritten records go
-// to the database in idle time, on WriteToDatabase and on destroy.
+// It holds records as bytes, decodes them when they are merged, and keeps the merged records. It
+// watches files, buffers, analyses and the database, marks what has become stale, and reports it
+// through kNeedsScanAdded and kScopesModified (host/infocachebase.h). Unwritten records go to the
+// database in idle time, on WriteToDatabase and on destroy. It runs no scans itself.
 //
-// One thread, the main thread. Signals are emitted last, when everything is in order, so a handler
-// may call back in, even destroy(); only the object itself must outlive the operation. Every read
-// may trim: a record that is not held in hand may leave memory during the next call. What a host
-// service throws passes through; what was done before stays done.
+// Signals are emitted last, when the state is consistent, so a handler may call back into the
+// cache, even destroy(). Every read may trim: a record that no caller holds may leave memory during
+// the next call. An exception of a host service passes through; what was done before it stays done.
 //
-// Each source file is one path: infocache.cc wiring, read.cc, add.cc, invalidate.cc, write.cc,
+// REQUIRES: all calls come from one thread, the main thread.
+// REQUIRES: the object outlives the operation in progress, also when a handler calls destroy().
+//
+// Each source file is one path: infocache.cc (wiring), read.cc, add.cc, invalidate.cc, write.cc,
 // trim.cc, changes.cc, queries.cc, debugdump.cc, memory.cc.
 class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
  public:
-  // The database of `ana_mgr`, and the managers of the singletons, must be there and outlive the
-  // cache. `loc_cache` can be null.
+  // `loc_cache` can be null.
+  // REQUIRES: the database of `ana_mgr` and the managers of the singletons exist and outlive the
+  // cache.
   CInfoCache(CAnalysisManager* ana_mgr, CLocationCache* loc_cache, CInfoCacheLimits limits = {});
-  // Destroys: writes what is unwritten.
+  // Calls destroy(), which writes what is unwritten. Logs an error of the database; an owner that
+  // wants the exception calls destroy() itself.
   ~CInfoCache() override;
 
-  // Sets the scan names, the primary one first. New ones clear the cache; the present ones change
-  // nothing. Throws CValueError for fewer than two. No name may be a prefix of another.
+  // Sets the scan names, the primary one first. Different names clear the cache; the same names
+  // change nothing. Throws CValueError for fewer than two.
+  // REQUIRES: no name is a prefix of another.
   void SetScanNames(const std::vector<Text>& scan_names);
 
-  // The disk time of the content of the file as the host sees it: that of the last read or write
-  // for an unmodified open buffer, kFileModifiedInMemoryMtime for a modified one, otherwise the
-  // disk's.
+  // The disk time of the file's content as the host sees it: kFileModifiedInMemoryMtime for a
+  // modified open buffer, the time of the last read or write for an unmodified one, and the time on
+  // disk for a file without a buffer.
   virtual DiskTime GetDiskMTime(Loc loc);
 
   // ---- Reading (read.cc).
 
-  // The merged record of the scope, or null when there is no primary record of it. It is shared
-  // with the cache: the caller must not change it. `needs_scan_dict`, which must be empty if given,
-  // is told the scans that would make the answer better, whatever the answer is. With
-  // `merge_secondary` the secondary files of the file take part.
+  // The merged record of the scope, or null when it has no primary record. With `merge_secondary`
+  // the secondary files of the file take part. `needs_scan_dict`, if given, receives the scans that
+  // would make the answer better, also when the answer is null.
+  // REQUIRES: the caller does not change the record, which it shares with the cache.
+  // REQUIRES: `needs_scan_dict` is null or empty.
   //
-  // A repeated call costs a few hash look-ups and no allocation; the first one for a scope reads
-  // the database once, for the scope and its neighbours.
+  // A repeated call costs one hash look-up (a few in a subclass, see TakeShortcuts), and no
+  // allocation unless it reports scans. The first call for a scope reads the database once, for the
+  // scope and its neighbours.
   virtual CScopeInfoPtr GetScopeInfo(Loc loc, TextView scope_name, bool merge_secondary = true,
                                      CNeedsScanDict* needs_scan_dict = nullptr);
-  // One entry for each name, in order, from one database call at most. Entries can be null.
+  // The merged records of these scopes, in order; null for a scope without a primary record. Reads
+  // the scopes of the file that are not in memory with one database call.
   std::vector<CScopeInfoPtr> GetMultipleScopeInfos(Loc loc, const std::vector<Text>& scope_name_seq,
                                                    bool merge_secondary = true);
-  // The names of all scopes known of the file, in memory or not.
+  // The names of all known scopes of the file, in memory or not.
   TextSet GetAllScopeNames(Loc loc, bool include_inst_scopes = false,
                            bool include_secondary_files = false);
 
   // ---- Adding (add.cc).
 
-  // Takes in one record; true if the stored information changed. A record that was made from other
-  // content than the present one is refused, which is normal: scans run behind edits. With
-  // `allow_write` housekeeping, and so writing, may run at once instead of in idle time.
+  // Stores one record; true if the stored information changed. A record that was made from other
+  // content than the file's present content is refused, which is normal: scans lag behind edits.
+  // With `allow_write` housekeeping, and thus writing, may run now instead of in idle time.
   virtual bool AddScopeInfo(const CScopeInfoPtr& scope_info, bool allow_write = false);
-  // Takes in all that one scan of one scope found. What the same scan found before and does not
-  // find now is removed, so an empty list removes everything. Always true.
+  // Stores everything that one scan of one scope found. What the same scan found earlier and does
+  // not find now is removed, so an empty list removes everything. Always returns true.
   virtual bool AddScopeInfoListForSingleScan(Loc scanned_loc, TextView scanned_scope,
                                              TextView scan_name,
                                              const std::vector<CScopeInfoPtr>& scope_info_list,
                                              bool allow_write = false);
-  // Removes records, of whatever scan, without a signal: the caller reconciles records of its own
-  // and owns the consequences.
+  // For each item, removes the first record that matches it, whatever its scan. Emits no signal.
+  // REQUIRES: the caller deals with whatever depends on the removed records.
   void RemoveScopeInfoSeq(
       const std::vector<std::variant<CScopeInfoPtr, CScopeInfoToRemove>>& to_remove);
 
-  // Adds to `changed`, for each file, the third field of each key (its scan name), and the primary
-  // files of what is then in it. Nothing in the module calls it; engines that keep their own
-  // dependents do.
+  // Adds to `changed`, for each file, the third field of each key (its scan name), and then the
+  // primary files of every file in `changed`. Nothing in the module calls it; engines that keep
+  // their own dependents do.
   void DisableAddDependentsToChangedDict(CChangedDict& changed, const CKeysDict& dep_key_dict);
 
   // ---- Scans (invalidate.cc, write.cc).
 
-  // Marks the scans of these keys as to be repeated, adds them to `needs_scan` if given, and emits
-  // the report unless told not to.
+  // Marks these keys as stale, adds their scans to `needs_scan` if given, and emits kNeedsScanAdded
+  // unless `emit_needs_scan_added` is false.
   void AddDepKeysToNeedsScan(const CScopeInfoKeySet& dep_keys, CNeedsScanSet* needs_scan = nullptr,
                              Priority priority = std::nullopt, bool emit_needs_scan_added = true);
-  // To be called when a scan of the scope (or kWildcardScope for the file) has finished: records
-  // that it should have renewed and did not are removed, since their scopes no longer exist.
+  // Removes the stale records of the scan that it did not renew, since their scopes no longer
+  // exist. A host calls it when the scan of the scope (kWildcardScope for the whole file) has
+  // finished.
   void FinishedWithScans(Loc loc, TextView scope_name, TextView scan_name);
-  // Notes that the scan of the file is done. `done` false notes nothing: a scan is never taken off
-  // the list this way (see write.cc). The primary scan is noted only after the record of its module
-  // scope was added.
+  // Notes that the scan of the file is done. With `done` false nothing is taken off the list (see
+  // write.cc).
+  // REQUIRES: before the primary scan is noted as done, the record of its module scope was added.
   void ChangeScansDone(Loc loc, TextView scan_name, bool done);
-  // The scans done of each file at that time, from memory where memory has that time, otherwise
-  // from the database in one call.
+  // The scans done of each file at the given time: from memory for files whose entry has that time,
+  // otherwise from the database in one call.
   CScansDoneDict GetScansDoneForMultipleFiles(const CLocMtimeDict& loc_mtime_dict);
 
   // ---- Writing and clearing (write.cc, changes.cc).
 
-  // Writes what is unwritten of these files, or of all.
+  // Writes what is unwritten of all files.
   void WriteToDatabase();
+  // Writes what is unwritten of these files.
   void WriteToDatabase(const std::vector<Loc>& loc_seq);
-  // Forgets everything in memory and saves nothing.
+  // Forgets everything in memory without writing it.
   void Clear();
-  // Forgets these files in memory, and deletes them from the database if `clear_db`.
+  // Forgets these files in memory, and with `clear_db` deletes them from the database too.
   void ClearFiles(const std::vector<Loc>& loc_seq, bool clear_db);
-  // Asks the database to look for changes by other processes now.
+  // Makes the database look for changes by other processes now.
   void CheckForDatabaseChanges();
 
   // ---- Queries (queries.cc).
 
-  // All imports in these files: of a file with an entry those in memory, of the others the
-  // database's.
+  // All imports in these files: those in memory for a file with an entry, those in the database for
+  // the others.
   std::vector<CImportEquiv> GetAllImports(const std::vector<Loc>& loc_seq);
-  // All classes in these files. Unlike imports, a file with scopes that are not in memory is asked
-  // of the database too; the result is then sorted and each item there once.
+  // All classes in these files. Unlike GetAllImports, it queries the database also for files that
+  // have scopes outside memory; the result is then sorted and without duplicates.
   std::vector<CClassEquiv> GetAllClasses(const std::vector<Loc>& loc_seq);
-  // The disk time that the entry of the file has; without an entry the present one if
-  // `read_if_needed`, otherwise absent. Makes no entry.
+  // The disk time in the entry of the file. Without an entry, the present time if `read_if_needed`,
+  // otherwise absent. Creates no entry.
   virtual std::optional<DiskTime> GetDiskModTimeUsed(Loc loc, bool read_if_needed);
 
   // ---- For tools and tests.
 
-  // Everything that is held, as text: sorted where order means nothing, in order where it does.
+  // Everything that the cache holds, as text: sorted where order has no meaning, in order where it
+  // does.
   Text DebugDump() const;
-  // Asserts what always holds between operations, here and in the floors below.
+  // Asserts what always holds between operations, here and on the floors below.
   void CheckInvariants() const;
   const CInsertionOrderedDict<Loc, CPerFilePtr>& DbgGetPerFileDict() const { return _fPerFileDict; }
   CCrossFileData& DbgGetCrossFileData() { return _fCrossFileData; }
-  // Whether a merged record is held that rests on a scope of the file.
+  // Whether the cache holds a merged record that depends on a scope of the file.
   bool HasMergedInfoOf(Loc loc) const;
-  // Sizes, for reports. MemoryUse walks everything.
+  // Sizes, for reports. MemoryUse walks over everything that the cache holds.
   CMemoryUse MemoryUse() const;
   size_t UsedScopeCount() const { return _fUsedScopesDict.size(); }
   size_t MergedInfoCount() const { return _fMergedInfoCache.Size(); }
@@ -191,7 +203,8 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
   // For CScopeInfo::GetSerializedData.
   Bytes EncodeScopeInfo(const CScopeInfo& info) override;
 
-  // The scan names; ":unset" alone until SetScanNames. Read-only outside.
+  // The scan names; ":unset" alone until SetScanNames.
+  // REQUIRES: only SetScanNames writes it.
   std::vector<Text> fScanNames;
   CLocationCache* const fLocCache;
   CScopeInfoSerializer fInfoSerializer;
@@ -200,9 +213,9 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
  protected:
   void _destroy_impl() override;
 
-  // The entry of the file, brought up to date with the database on first use and whenever the
-  // database has changed. Null only without `create`. Makes no database call for a file without a
-  // valid disk time.
+  // The entry of the file, brought up to date with the database on first use and after each change
+  // of the database. Null only if there is none and `create` is false. Makes no database call for a
+  // file without a valid disk time.
   CPerFilePtr GetPerFile(Loc loc, bool create) override;
 
   virtual void AddPrimaryFileToChangedDict(CChangedDict& changed_dict) const;
@@ -213,23 +226,24 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
   virtual void ScheduleWriteToDatabaseTimeout();
   virtual void CancelWriteToDatabaseTimeout();
   virtual void CB_WriteToDatabaseTimeout();
-  // A null set is every file that has an entry.
+  // A null set stands for every file that has an entry.
   virtual void CB_ExternalDatabaseChanged(const CLocSet* changed_loc_set);
   virtual void InvalidateScans(const CKeysDict& keys_dict, bool whole_files = false,
                                CNeedsScanSet* needs_scan = nullptr,
                                Priority priority = std::nullopt, bool emit_needs_scan_added = true);
 
-  // For a subclass that overrides neither GetPerFile nor GetSecondaryFiles, or whose overrides
-  // always give what those here give: repeated reads then need not call them. Others are asked at
-  // every read.
+  // Allows repeated reads to skip GetPerFile and GetSecondaryFiles. Without this permission every
+  // read of a subclass calls them.
+  // REQUIRES: the subclass overrides neither of the two, or its overrides always return what those
+  // here return.
   void TakeShortcuts() { _fTakesShortcuts = true; }
 
  private:
   using CUsedScopes = CUsageOrderedDict<CScopeRef, bool, CScopeRefHash, CScopeRefEqual>;
 
-  // What a look-up of a merged record found on its way, so that the next one finds it in one step.
-  // Good while `stamp` is _fShortcutStamp: no entry, no used scope and no list of secondary files
-  // has gone since.
+  // What a look-up of a merged record found on its way, so that the next look-up takes one step.
+  // Valid while `stamp` equals _fShortcutStamp: since then no entry, no used scope and no list of
+  // secondary files has been removed.
   struct CShortcut {
     uint64_t stamp = 0;
     CPerFileEntry* per_file = nullptr;
@@ -240,7 +254,7 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
   struct CMergedKey {
     Loc loc;
     Text scope_name;
-    mutable CShortcut shortcut;  // no part of the key's value
+    mutable CShortcut shortcut;  // not part of the key's value
     CSecondaryFiles other_locs;
     Text Repr() const;
   };
@@ -254,14 +268,15 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
     TextView scope_name;
     const std::vector<Loc>& other_locs;
   };
-  // A request. Equal to the key that answered the same one before, as long as its shortcut is good.
+  // A request. Equal to the key of the merged record that answered the same request before, as long
+  // as that key's shortcut is valid.
   struct CRequestView {
     Loc loc;
     TextView scope_name;
     bool merge_secondary;
     uint64_t stamp;
   };
-  // The secondary files are left out: they follow from the file in nearly all cases.
+  // Leaves out the secondary files, which nearly always follow from the file.
   struct CMergedKeyHash {
     size_t operator()(const CMergedKeyView& key) const noexcept {
       return CScopeRefHash()({key.loc, key.scope_name});
@@ -281,10 +296,10 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
              (&a.other_locs == &b.other_locs || a.other_locs == b.other_locs);
     }
   };
-  // Records are compared by identity, the report by value.
+  // Compares the record by identity and the scans by value.
   struct CMergedValue {
     CScopeInfoPtr merged_info;
-    std::shared_ptr<const CNeedsScanDict> needs_scan;  // null for an empty one, as nearly all are
+    std::shared_ptr<const CNeedsScanDict> needs_scan;  // null when empty, as nearly all are
     friend bool operator==(const CMergedValue& a, const CMergedValue& b) {
       return a.merged_info == b.merged_info &&
              (a.needs_scan == nullptr || b.needs_scan == nullptr ? a.needs_scan == b.needs_scan
@@ -302,7 +317,7 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
   CAnalysisDb& Db() const { return *_fAnaMgr->fAnalysisDb; }
   const Text& PrimaryScanName() const { return fScanNames[0]; }
   bool HasModifiedBuffer(Loc loc) const;
-  // Whether the entry needs nothing of the database.
+  // Whether the entry reflects the database, or needs nothing from it.
   static bool IsUpToDate(const CPerFileEntry& per_file) {
     return !per_file.fDatabaseChanged || !ValidOnDiskMtime(per_file.disk_mtime);
   }
@@ -358,28 +373,30 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
   void CB_ImportResolutionChanged();
 
   const CInfoCacheLimits _fLimits;
-  ptrdiff_t _fMaxInfoCount;        // most scopes to hold in memory
-  ptrdiff_t _fMaxForAllScopeRead;  // most scopes to read at once
+  ptrdiff_t _fMaxInfoCount;        // max scopes in memory
+  ptrdiff_t _fMaxForAllScopeRead;  // max scopes in one read
 
   CAnalysisManager* const _fAnaMgr;
   CSavableManager* const fSavableMgr;
   CCacheManager* const fCacheMgr;
 
-  // Every file seen; each is watched. An entry leaves only by a trim or a clear.
+  // Every file seen; each is watched. Only a trim or a clear removes an entry.
   CInsertionOrderedDict<Loc, CPerFilePtr> _fPerFileDict;
   CCrossFileData _fCrossFileData;
-  // The scopes in memory in order of use. True: returned by GetScopeInfo; false: only read or
-  // stored.
+  // The scopes in memory, in order of use. The value is true for a scope that GetScopeInfo has
+  // returned, false for one that was only read or stored.
   CUsedScopes _fUsedScopesDict;
-  // Merged records with their needs-scan reports, purged when a scope that they rest on changes.
+  // Merged records and the scans that would improve them, purged when a scope that they depend on
+  // changes.
   CScopeDependantCache<CMergedKey, CMergedValue, CMergedKeyHash, CMergedKeyEqual> _fMergedInfoCache;
-  // Filled as files are asked for, emptied together when import resolution changes. The second one
-  // leads from a secondary file to the files that named it.
+  // The secondary files of each file, and the reverse: the files that name a secondary file. Filled
+  // file by file on request; cleared together when import resolution changes.
   CInsertionOrderedDict<Loc, CSecondaryFiles> _fSecondaryFiles;
   CInsertionOrderedDict<Loc, CLocSet> _fReverseSecondaryFiles;
-  // Raised whenever something goes to which a shortcut can lead.
+  // Incremented whenever something that a shortcut can point to is removed.
   uint64_t _fShortcutStamp = 1;
-  bool _fTakesShortcuts = false;  // although this is a subclass
+  bool _fTakesShortcuts = false;  // TakeShortcuts was called; matters for subclasses only
+  // Kept, since an operation in progress may still be walking over them (see SetScanNames).
   std::vector<std::vector<Text>> _fFormerScanNames;
   velk::Tag _fIdleCallbackTag = 0;            // of the pending idle call, 0 for none
   velk::Tag _fTimeoutForWriteToDatabase = 0;  // of the pending write, 0 for none

@@ -1,4 +1,4 @@
-// Marking scans as to be repeated, and telling the analysis side to run them.
+// Marking records as stale, and requesting the scans that renew them.
 #include "pysource/host/assertions.h"
 #include "pysource/host/symbolinfo.h"
 #include "pysource/scopeinfo/infocache/infocache.h"
@@ -29,13 +29,13 @@ void CInfoCache::InvalidateScans(const CKeysDict& keys_dict, bool whole_files,
     }
     for (const CScopeInfoKey& key : key_set) {
       const auto scan = to_scan.insert(NeedsScanOf(key)).first;
-      // The dictionary's file, where AddDepKeysToNeedsScan has the scanned one: here the keys are
-      // those scanned from that file, and it is what has changed.
+      // The file of the dictionary entry, where AddDepKeysToNeedsScan uses the scanned file: here
+      // the keys are those scanned from that file, which is the one that changed.
       ChangeScansDone(loc, scan->scan_name, false);
     }
   }
   if (emit_needs_scan_added) {
-    // Also when there is nothing to scan.
+    // Emitted also when there is nothing to scan.
     emit(kNeedsScanAdded, to_scan, priority);
   }
 }
@@ -54,9 +54,9 @@ void CInfoCache::AddDepKeysToNeedsScan(const CScopeInfoKeySet& dep_keys, CNeedsS
   }
 }
 
-// Of the scans that looked at the scope of a record that was just stored, marks those that the
-// record does not account for itself: a scan must not invalidate itself. Never emits; its caller
-// does, once.
+// A record was just stored, and `dep_keys` are the scans that looked at its scope. Marks them as
+// stale, except those that the record itself accounts for: a scan must not invalidate itself. Emits
+// nothing; the caller does, once.
 void CInfoCache::MaybeInvalidateDependantScans(const CScopeInfo& info, CScopeInfoKeySet& dep_keys,
                                                CNeedsScanSet& needs_scan) {
   const auto scan_name = info.key.scan_name();
@@ -79,7 +79,8 @@ void CInfoCache::MaybeInvalidateDependantScans(const CScopeInfo& info, CScopeInf
   }
   const std::vector<CScopeInfoKey> keys(dep_keys.begin(), dep_keys.end());
   for (const CScopeInfoKey& key : keys) {
-    // What the same scan of the same scope produced, for whatever scope, does not depend on it.
+    // Records of the same scan of the same scope, whatever scope they are for, do not depend on
+    // each other.
     if (key.scan_name() == scan_name && key.scanned_loc() == info.scanned_loc &&
         key.scanned_scope() == info.scanned_scope) {
       dep_keys.erase(key);

@@ -1,4 +1,4 @@
-// Who holds the cache's memory. Walks everything that is there, so it is for reports alone.
+// Memory use of the cache by owner. Walks over everything in the cache, so it is only for reports.
 #include <unordered_set>
 
 #include "pysource/scopeinfo/infocache/infocache.h"
@@ -6,7 +6,7 @@
 namespace pysource::scopeinfo {
 namespace {
 
-// What is shared counts where it is met first.
+// Objects already counted: a shared object counts where it is met first.
 using CSeen = std::unordered_set<const void*>;
 
 size_t UseOf(const CScopesSeenPtr& scopes_seen, CSeen& seen) {

@@ -1,5 +1,5 @@
-// Questions across files: memory answers for the files that have an entry, the database for the
-// rest.
+// Queries across files: answered from memory for files that have an entry, from the database for
+// the others.
 #include "pysource/host/strutils.h"
 #include "pysource/host/symbolinfo.h"
 #include "pysource/scopeinfo/infocache/infocache.h"
@@ -12,12 +12,13 @@ void Append(std::vector<Item>& to, std::vector<Item> items) {
   to.insert(to.end(), std::make_move_iterator(items.begin()), std::make_move_iterator(items.end()));
 }
 
-// The imports of a file by way of its primary records, from the module scope down. The scopes are
-// visited last in, first out, which shows in the order of the result.
+// The imports in the primary records of a file, from the module scope down. The scopes are visited
+// last in, first out, which determines the order of the result.
 std::vector<CImportEquiv> GetAllInMemoryImports(const CPerFileEntry& per_file) {
   std::vector<CImportEquiv> all_imports;
   std::vector<Text> to_examine{Text(kModuleScopeName)};
-  // Visited once, so that a definition that names its own scope ends.
+  // Each scope is visited once, so that a definition that names its own scope causes no endless
+  // loop.
   TextSet visited;
   while (!to_examine.empty()) {
     const Text scope_name = std::move(to_examine.back());
@@ -53,8 +54,7 @@ std::vector<CImportEquiv> CInfoCache::GetAllImports(const std::vector<Loc>& loc_
     if (per_file == nullptr) {
       db_locs.push_back(loc);
     } else {
-      // From what is in memory alone, also when scopes of the file are unread; classes are
-      // different.
+      // Only from what is in memory, even if scopes of the file are unread. GetAllClasses differs.
       Append(imports_list, GetAllInMemoryImports(*per_file));
     }
   }
@@ -76,7 +76,7 @@ std::vector<CClassEquiv> CInfoCache::GetAllClasses(const std::vector<Loc>& loc_s
     }
     Append(cls_list, GetAllInMemoryClasses(*per_file));
     if (!per_file->GetScopeNamesNotInMemory().empty()) {
-      // The database will report again what memory already did.
+      // The database returns again what was already found in memory.
       db_locs.push_back(loc);
       uniquify_needed = true;
     }

@@ -1,4 +1,4 @@
-// From a request to a merged record, by way of memory and the database.
+// From a request to a merged record, through memory and the database.
 #include <algorithm>
 #include <typeinfo>
 
@@ -32,8 +32,8 @@ CScopeInfoPtr CInfoCache::GetScopeInfo(Loc loc, TextView scope_name, bool merge_
   Assert(needs_scan_dict == nullptr || needs_scan_dict->empty());
   Assert(static_cast<bool>(loc));
   if (!loc) {
-    // The one bad argument that is survived when assertions are off: editors ask for what is under
-    // the cursor, and there is not always a file under it.
+    // The one bad argument that is tolerated when assertions are off: editors ask for whatever is
+    // under the cursor, and there is not always a file behind it.
     fLog("None loc passed to GetScopeInfo()");
     return nullptr;
   }
@@ -41,7 +41,7 @@ CScopeInfoPtr CInfoCache::GetScopeInfo(Loc loc, TextView scope_name, bool merge_
   if (const auto known = _fMergedInfoCache.EntryOf(request); known != CScopeDependency::kNoEntry) {
     const CShortcut& shortcut = _fMergedInfoCache.KeyAt(known).shortcut;
     if (IsUpToDate(*shortcut.per_file)) {
-      // That it was returned was noted when the shortcut was made.
+      // The value is already true: MarkReturned set it before the shortcut was made.
       _fUsedScopesDict.MarkUsed(shortcut.used_slot);
       return AnswerWith(_fMergedInfoCache.Use(known), *shortcut.per_file, needs_scan_dict);
     }
@@ -57,13 +57,13 @@ const CScopeInfoPtr& CInfoCache::AnswerWith(const CMergedValue& found,
       needs_scan_dict->Set(scope, scan_names);
     }
   }
-  // The record takes on the present time, whatever it was merged under.
+  // The record gets the present time, whatever time the file had when the record was merged.
   found.merged_info->disk_mtime = per_file.disk_mtime;
   return found.merged_info;
 }
 
-// GetScopeInfo without a shortcut, kept apart so that the way with one needs no more of the stack
-// than it uses.
+// GetScopeInfo without a shortcut. A separate function, so that the path with a shortcut does not
+// reserve the stack space that this one needs.
 CScopeInfoPtr CInfoCache::FindOrMerge(Loc loc, TextView scope_name, bool merge_secondary,
                                       CNeedsScanDict* needs_scan_dict) {
   const CPerFilePtr per_file = GetPerFile(loc, true);
@@ -126,10 +126,10 @@ CScopeInfoPtr CInfoCache::FindOrMerge(Loc loc, TextView scope_name, bool merge_s
 
   const CScopeInfoPtr first = info_list->front();
   info_list->erase(info_list->begin());
-  // Merged into a copy: the stored record stays as the scan made it, and a merged one has no scan.
+  // Merged into a copy: the stored record stays as the scan made it.
   CScopeInfoPtr merged_info = MergeScopeInfoSeq(first->Copy(), *info_list, {});
   for (const auto& [scope, scan_names] : needs_scan) {
-    // So that the answer is purged also when a scope that still has to be scanned changes.
+    // The merged record must also be purged when a scope that still has to be scanned changes.
     all_scopes_seen.insert(scope);
   }
   std::shared_ptr<const CNeedsScanDict> kept_needs_scan;
@@ -147,8 +147,10 @@ CScopeInfoPtr CInfoCache::FindOrMerge(Loc loc, TextView scope_name, bool merge_s
   return merged_info;
 }
 
-// So that the same request finds the merged record, which is there, in one step from now on. Not if
-// what was found on the way is not what is kept here.
+// Lets the same request find the merged record in one step from now on. Does nothing if the file's
+// entry or its secondary files, as found on the way, are no longer those that the cache holds, and
+// nothing in a subclass that has not called TakeShortcuts.
+// REQUIRES: the merged record is in the cache.
 void CInfoCache::RememberShortcut(const CMergedKeyView& key, bool merge_secondary,
                                   const CPerFilePtr& per_file, CUsedScopes::Slot used_slot) const {
   if (!_fTakesShortcuts && typeid(*this) != typeid(CInfoCache)) {
@@ -163,15 +165,15 @@ void CInfoCache::RememberShortcut(const CMergedKeyView& key, bool merge_secondar
   }
 }
 
-// Whether there is content to scan. A file with unsaved changes has some, without asking the disk.
-// Asked is the location that the caller has in hand, which need not be the entry's own object.
+// Whether there is content to scan. A file with unsaved changes has content, so the disk is not
+// asked. Asks the caller's location object, which can be another one than the entry's.
 bool CInfoCache::IsContentThere(Loc loc, const CPerFileEntry& per_file) {
   return per_file.disk_mtime == kFileModifiedInMemoryMtime || loc->DoesResourceExist();
 }
 
-// Nothing of the scope is in memory or unread for the file itself. Asks for its primary scan if
-// that was not done, and brings in what the secondary files have. True when none of them has
-// anything.
+// True when no secondary file has anything for the scope either. Requests the primary scan of the
+// file if it was not done, and reads what the secondary files have.
+// REQUIRES: the file itself has nothing for the scope, neither in memory nor unread.
 bool CInfoCache::IsInNoFile(Loc loc, CPerFileEntry& per_file, TextView scope_name,
                             const std::vector<Loc>& other_locs, CNeedsScanDict& needs_scan_dict) {
   bool not_in_any_file = true;
@@ -181,8 +183,8 @@ bool CInfoCache::IsInNoFile(Loc loc, CPerFileEntry& per_file, TextView scope_nam
   }
   if (IsTopLevelModuleScope(scope_name) && per_file.IsPrimaryScanDone() &&
       IsContentThere(loc, per_file)) {
-    // The scan claims to be done and gave no module scope. Nothing is repaired; it is asked for
-    // again.
+    // The scan counts as done but made no module scope. Nothing is repaired here; the scan is
+    // requested again.
     CriticalLog("GetScopeInfo(%r, %r): top level module scope not read when primary scan is done",
                 loc, scope_name);
     CriticalLog("  scans_done = %r", per_file.fScansDone);
@@ -206,8 +208,8 @@ bool CInfoCache::IsInNoFile(Loc loc, CPerFileEntry& per_file, TextView scope_nam
   return not_in_any_file;
 }
 
-// Reads the scope of a secondary file if it is unread, and asks for the primary scan of that file
-// if there is still nothing.
+// Reads the scope of a secondary file if it is unread, and requests the primary scan of that file
+// if there are still no records.
 void CInfoCache::ReadSecondaryScope(Loc other_loc, CPerFileEntry& other_per_file,
                                     TextView scope_name, CNeedsScanDict& needs_scan_dict) {
   const Text& primary_scan_name = PrimaryScanName();
@@ -244,8 +246,8 @@ TextSet CInfoCache::GetAllScopeNames(Loc loc, bool include_inst_scopes,
                                      bool include_secondary_files) {
   TextSet all_scope_names = GetPerFile(loc, true)->GetAllScopeNames();
   if (include_secondary_files) {
-    // Secondary files bring in no further secondary files.
-    // Held: the list that the cache keeps goes when import resolution changes.
+    // Held, since the list in the cache is dropped when import resolution changes. Secondary files
+    // of secondary files are not followed.
     const CSecondaryFiles secondary_locs = GetSecondaryFiles(loc);
     for (const Loc secondary_loc : *secondary_locs) {
       all_scope_names.merge(GetAllScopeNames(secondary_loc, false, false));
@@ -266,7 +268,7 @@ CSecondaryFiles CInfoCache::GetSecondaryFiles(Loc loc) {
   CSecondaryFiles secondary =
       locs.empty() ? NoSecondaryFiles() : std::make_shared<const std::vector<Loc>>(std::move(locs));
   if (_fSecondaryFiles.Contains(loc)) {
-    // As in GetPerFile: an answer that came meanwhile gives way.
+    // As in GetPerFile: a handler filled in an answer meanwhile, which this one replaces.
     ForgetShortcuts();
   }
   _fSecondaryFiles.Set(loc, secondary);
@@ -278,7 +280,7 @@ CSecondaryFiles CInfoCache::GetSecondaryFiles(Loc loc) {
 
 std::vector<Text> CInfoCache::GetScopeNamesToReadFromDb(const CPerFileEntry& per_file,
                                                         TextView scope_name) const {
-  // Room left before the cache is full; can be zero or negative.
+  // The room left in the cache; can be zero or negative.
   ptrdiff_t max_to_read = _fMaxInfoCount - static_cast<ptrdiff_t>(_fUsedScopesDict.length());
   const TextSet& not_loaded = per_file.db_scope_names_not_loaded;
   if (!not_loaded.contains(scope_name)) {
@@ -332,8 +334,8 @@ void CInfoCache::ReadScopeInfoListFromDb(CPerFileEntry& per_file,
                             row.scanned_scope);
     Assert(row.for_loc == per_file.loc);
     if (_fCrossFileData._fAllInfoKeys.contains(key)) {
-      // After a wildcard read this is expected; a name that was asked for should not have been
-      // there.
+      // Expected after a wildcard read. A scope that was requested by name should not have been in
+      // memory.
       if (!is_wildcard_read) {
         PrintLine(FormatBraces("Read key already in memory: {}", {key}));
       }
@@ -346,7 +348,7 @@ void CInfoCache::ReadScopeInfoListFromDb(CPerFileEntry& per_file,
     if (row.scopes_seen != nullptr) {
       for (const auto& [scope, mtime] : *row.scopes_seen) {
         if (!ValidOnDiskMtime(mtime)) {
-          // It rests on a file without a valid time: stale from the moment it is read.
+          // It depends on a file without a valid time, so it is stale from the start.
           _fCrossFileData.AddNeedsScanInfoKey(key);
           break;
         }
@@ -357,7 +359,7 @@ void CInfoCache::ReadScopeInfoListFromDb(CPerFileEntry& per_file,
   ScheduleIdle();
 }
 
-// Notes that the scope was returned, which counts as a use. A known one costs no allocation.
+// Notes that the scope was returned, which counts as a use. No allocation for a known scope.
 CInfoCache::CUsedScopes::Slot CInfoCache::MarkReturned(Loc loc, TextView scope_name) {
   const auto slot = _fUsedScopesDict.SlotOf(CScopeRefView(loc, scope_name));
   if (slot == CUsedScopes::kNoSlot) {

@@ -1,4 +1,4 @@
-// Housekeeping: memory stays bounded, and what is unwritten is written when there is time.
+// Housekeeping: keeps memory bounded, and writes what is unwritten in idle time.
 #include <algorithm>
 
 #include "pysource/host/assertions.h"
@@ -9,7 +9,7 @@
 namespace pysource::scopeinfo {
 namespace {
 
-// More unwritten records than this are written in idle time.
+// Idle work writes when more records than this are unwritten.
 constexpr ptrdiff_t kIdleWriteThreshold = 50;
 
 }  // namespace
@@ -46,14 +46,15 @@ void CInfoCache::DoIdle() {
   }
 }
 
-// Trims to three quarters of `count` when there are more, so that trims are rare.
+// If there are more than `count` scopes, trims to three quarters of `count`: so trims are rare.
 void CInfoCache::TrimTotalInfoCount(ptrdiff_t count) {
   const auto size = static_cast<ptrdiff_t>(_fUsedScopesDict.size());
   if (size <= count) {
     return;
   }
   const ptrdiff_t after_size = count * 3 / 4;
-  // Read completely before anything is dropped: the order must not change during the walk.
+  // The names are collected before anything is dropped: the order of use must not change during the
+  // walk.
   CInsertionOrderedDict<Loc, std::vector<Text>> names_by_per_file;
   auto least_used = _fUsedScopesDict.rbegin();
   for (ptrdiff_t i = 0; i < size - after_size; ++i, ++least_used) {
@@ -80,8 +81,8 @@ void CInfoCache::TrimTotalInfoCount(ptrdiff_t count) {
   }
 }
 
-// Drops scopes that need no writing, from the least used end, until at most `count` are left. The
-// spare count plays no part: room for what is about to be read is in `count` already.
+// Drops scopes without unwritten records, least recently used first, until at most `count` are
+// left. The spare count is ignored: `count` already leaves room for what is about to be read.
 void CInfoCache::TrimNotModified(ptrdiff_t count, ptrdiff_t /*spare_count*/,
                                  const CPerFileEntry* keep_per_file) {
   const auto size = static_cast<ptrdiff_t>(_fUsedScopesDict.size());
@@ -109,13 +110,14 @@ void CInfoCache::TrimNotModified(ptrdiff_t count, ptrdiff_t /*spare_count*/,
       try {
         per_file = GetPerFile(loc, false);
       } catch (...) {
-        // The database fails; nothing is trimmed, but what was told of does not come up again.
+        // The database fails, so nothing is trimmed. The scopes that were reported below are still
+        // dropped, so that they are not reported again.
         drop_those_without_entry();
         throw;
       }
       if (per_file == nullptr) {
-        // A file can leave while pairs of it stay. They hold nothing; left alone they would stand
-        // in the way of every later read that needs room.
+        // An entry can be removed while scopes of its file stay in the order of use. They hold no
+        // memory, but if they stayed, every later read that needs room would meet them again.
         PrintLine(FormatBraces("why {} {}", {loc, scope_list}));
         for (const Text& scope_name : scope_list) {
           without_entry.push_back(CScopeRef{loc, scope_name});
@@ -137,8 +139,8 @@ void CInfoCache::TrimNotModified(ptrdiff_t count, ptrdiff_t /*spare_count*/,
     to_examine.clear();
     pending = 0;
     if (removed >= target || !_fUsedScopesDict.IsLive(used.slot())) {
-      // Enough, or what the database was asked came with news whose handlers dropped the scope that
-      // the walk stands on: what was found by now is what goes.
+      // Enough was found, or a database call emitted a signal whose handler dropped the scope that
+      // the walk has reached. What was found so far is dropped.
       break;
     }
   }
@@ -189,8 +191,8 @@ void CInfoCache::DiscardScopeInfo(CPerFileEntry& per_file, const std::vector<Tex
     names = scope_names;
     AddInstanceScopesToDiscard(names);
     if (!remove_all) {
-      // Instance scopes come along unasked. Those with unwritten records are left alone as long as
-      // the file's other records stay: a trim never throws away what is unwritten.
+      // The caller did not name the instance scopes. Those with unwritten records stay as long as
+      // other records of the file stay: a trim never discards unwritten records.
       const auto added = names.begin() + static_cast<ptrdiff_t>(scope_names.size());
       names.erase(std::remove_if(added, names.end(),
                                  [&](const Text& name) {

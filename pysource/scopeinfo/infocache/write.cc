@@ -1,4 +1,4 @@
-// What is unwritten reaches the database: one call a file, with all its records.
+// Writing unwritten records to the database: one call for each file, with all of its records.
 #include <algorithm>
 #include <set>
 
@@ -14,8 +14,8 @@ namespace {
 constexpr unsigned kWriteDelayMs = 500;
 constexpr char kScanNameSep = ',';
 
-// The names in the text, sorted. An empty name stands between two separators, or beside one at
-// either end; an empty text has no names.
+// The names in the text, sorted. Two adjacent separators, or one at either end, make an empty name.
+// An empty text has no names.
 std::set<Text, std::less<>> SplitScansDone(TextView scans_done) {
   std::set<Text, std::less<>> names;
   if (scans_done.empty()) {
@@ -77,16 +77,16 @@ void CInfoCache::WriteFilesToDatabase(const std::vector<CPerFilePtr>& per_files)
         }
       }
     }
-    // Only a real time on disk is written under: what is modified in memory or missing keeps its
-    // keys queued, unmarked, until it is on disk again.
+    // Records are written only under a real disk time. The keys of a file that is modified in
+    // memory or missing stay queued, without counting as failed, until it is on disk again.
     if (!(per_file->disk_mtime > kFileDoesNotExistMtime)) {
       continue;
     }
     if (_fCrossFileData.GetToWriteInfoKeyCount(per_file->loc) != 0) {
       WriteOneFileToDatabase(*per_file);
     } else if (!cleared) {
-      // In the pass that cleared the file its scans done are held back: they go out with the next,
-      // when the rows that they speak of may be there too.
+      // The pass that cleared the file holds back its scans done. The next pass writes them, when
+      // the rows that they stand for may be there too.
       WriteScansDoneToDatabase(*per_file);
     }
   }
@@ -100,14 +100,14 @@ void CInfoCache::WriteOneFileToDatabase(CPerFileEntry& per_file) {
     if (not_writable_set) {
       for (const CScopeInfoKey& info_key : *not_writable_set) {
         if (info_key.scan_name() == PrimaryScanName()) {
-          // A file whose primary scan cannot be written in full claims no scan as done.
+          // If the primary scan cannot be written completely, no scan counts as done.
           per_file.SetScansDone("");
           break;
         }
       }
     }
-    // A copy: the database may tell of news before it has taken the text, and a handler of that
-    // reads the file's anew.
+    // A copy: before the database has stored the text it may emit a signal, and a handler may make
+    // the entry read its scans done anew.
     const Text scans_done = per_file.fScansDone;
     saved = Db().SaveDataForFile(per_file.loc, to_write_list, scans_done, per_file.disk_mtime);
   }
@@ -123,7 +123,7 @@ void CInfoCache::WriteOneFileToDatabase(CPerFileEntry& per_file) {
     }
   }
   if (!saved) {
-    // They stay queued; trimming and idle work no longer count them as a reason to write.
+    // The keys stay queued, but idle work no longer counts them as a reason to write.
     _fCrossFileData.AddCouldNotWriteInfoKeySet(key_set);
     return;
   }
@@ -131,8 +131,8 @@ void CInfoCache::WriteOneFileToDatabase(CPerFileEntry& per_file) {
     PrintLine("Not writable keys: " + Repr(*not_writable_set));
   }
   per_file.fScansDoneNeedsToBeWritten = false;
-  // All keys, those that could not be written included: the write counts as a success, and what is
-  // incomplete is not tried again until a scan renews it.
+  // All keys, including those whose records cannot be written: the write as a whole succeeded, and
+  // an incomplete record is not tried again until a scan renews it.
   for (const CScopeInfoKey& info_key : key_set) {
     _fCrossFileData.RemoveCouldNotWriteInfoKey(info_key);
     _fCrossFileData.RemoveToWriteInfoKey(info_key);
@@ -159,9 +159,9 @@ void CInfoCache::WriteScansDoneToDatabase(CPerFileEntry& per_file) {
 }
 
 void CInfoCache::ScheduleWriteToDatabaseTimeout() {
-  // This way round, so that it arms a timer only while one is pending, which is never the case when
-  // the idle path comes here: a handful of records waits for the next explicit write or for the
-  // threshold of DoIdle. Writing after every pause in typing cost more than it saved.
+  // The condition is meant as it stands: a timer is armed only while one is pending, which is never
+  // the case when DoIdle calls this. So a handful of records waits for the next explicit write or
+  // for the threshold in DoIdle. Writing after every pause in typing cost more than it saved.
   if (_fTimeoutForWriteToDatabase != 0) {
     _fTimeoutForWriteToDatabase = velk::timeout_add(kWriteDelayMs, [this] {
       CB_WriteToDatabaseTimeout();
@@ -209,9 +209,9 @@ void CInfoCache::ChangeScansDone(Loc loc, TextView scan_name, bool done) {
   if (done == scan_name_set.contains(scan_name)) {
     return;
   }
-  // With `done` false the name is there already, and stays: the only effect is that the text is put
-  // in order. Whoever wants scans forgotten calls SetScansDone("") on the entry; the files that a
-  // change touches are reported by needs-scan-added, which does not wait for this text.
+  // With `done` false the name is in the list at this point, and stays: the only effect is that the
+  // list gets sorted. To forget scans, callers use SetScansDone("") on the entry. The scans that a
+  // change makes necessary are reported by kNeedsScanAdded, whatever this list says.
   scan_name_set.emplace(scan_name);
   per_file->SetScansDone(JoinScansDone(scan_name_set));
   if (AssertionsActive() && scan_name == PrimaryScanName()) {
