@@ -1,5 +1,5 @@
-// Everything that a user of the module needs: the cache, records and keys, merging, the serializer
-// and the derived-value cache.
+// The one header that users of the module include: the cache, records and keys, merging, the
+// serializer and the derived-value cache.
 #pragma once
 
 #include "pysource/scopeinfo/dependantcache/scopedependantcache.h"

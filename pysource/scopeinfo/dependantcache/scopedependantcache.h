@@ -1,4 +1,4 @@
-// A cache of values that were worked out from scopes of source code, purged as those scopes change.
+// A cache of values that were computed from scopes of source code, purged when those scopes change.
 #pragma once
 
 #include <functional>
@@ -14,39 +14,43 @@
 
 namespace pysource::scopeinfo {
 
-// Keeps any value under any key, together with the scopes that were read to work it out:
+// Stores any value under any key, together with the scopes that were read to compute it:
 //
 //   CScopeDependantCache<Text, Answer> answers("answers", 1000);
 //   answers.AddToCache("a.b", answer, scopes_read);      // scopes_read: any range of CScopeRef
 //   if (auto [found, scopes] = answers.LookupInCache("a.b"); found != nullptr) use(*found);
 //
-// A value goes when one of its scopes changes (it listens to the signals scopes-modified,
+// A value is removed when one of its scopes changes (the cache handles the signals scopes-modified,
 // scope-logicals-modified and import-resolution-changed), or in idle time when there are more than
-// `cache_size` and it is among the least recently used. A look-up costs one hash access and a move
-// in the usage order; a purge costs in proportion to what is purged.
+// `cache_size` values and it is among the least recently used ones. A look-up costs one hash access
+// and a move in the usage order; the cost of a purge is proportional to the number of purged
+// values.
 //
-// Main thread only. Not copyable; ends its connections when it ends.
+// The cache does not know how a value is computed, and never computes one again. Not copyable; it
+// disconnects from the signals when it is destroyed.
+//
+// REQUIRES: only the main thread uses it.
 template <class Key, class Value, class Hash = std::hash<Key>, class Equal = std::equal_to<>>
 class CScopeDependantCache final : public CScopeDependency {
  public:
   using KeySet = std::unordered_set<Key, Hash, Equal>;
 
-  // The value, or null, and the scopes that it rests on. Both are good until the next store or
+  // The value, or null, and the scopes that it depends on. Both are valid until the next store or
   // purge.
   struct Found {
     Value* value;
     const CDependedScopes& scopes;
   };
 
-  // The name is for a person who looks inside. A `cache_size` of zero or less means that the cache
-  // is never trimmed on its own. Without `watch_for_changes` it listens to nothing: for an owner
-  // that removes entries itself.
+  // The name is used in log lines. With a `cache_size` of zero or less the cache is never trimmed
+  // unless Trim is called. Without `watch_for_changes` it handles no signals: for owners that
+  // remove entries themselves.
   CScopeDependantCache(std::optional<Text> name, int64_t cache_size, bool watch_for_changes = true)
       : CScopeDependency(std::move(name), cache_size, watch_for_changes) {}
   ~CScopeDependantCache() override { ClearAtEnd(); }
 
-  // Stores the value with the scopes that it rests on: a range of CScopeRef, or a dictionary with
-  // such keys. Storing what is there already, value and scopes alike, only counts as a use.
+  // Stores the value with the scopes that it depends on: a range of CScopeRef, or a dictionary with
+  // such keys. If the same value with the same scopes is already there, this only counts as a use.
   template <class Scopes = std::initializer_list<CScopeRef>>
   void AddToCache(Key key, Value value, const Scopes& scopes_seen = {}) {
     AssertValid();
@@ -61,8 +65,8 @@ class CScopeDependantCache final : public CScopeDependency {
     }
     PrintIfLogged("Setting key in {} cache: {}", key);
     fModified = true;
-    // Before the entry is made, which may move the others: the scopes handed in can be those of one
-    // of them, as LookupInCache gave them out.
+    // Before the new entry is added, which may move the others: `scopes_seen` can be the scopes of
+    // another entry, as returned by LookupInCache.
     CDependedScopes fresh = CollectScopes(scopes_seen, RefOf());
     if (is_new) {
       slot = _fCache.Add(std::move(key), Entry{std::move(value), {}});
@@ -70,14 +74,14 @@ class CScopeDependantCache final : public CScopeDependency {
       std::swap(_fCache.ValueAt(slot).value, value);
     }
     ReplaceScopes(slot, _fCache.ValueAt(slot).scopes, std::move(fresh));
-    // A replaced entry never schedules a trim: the cache has not grown.
+    // Replacing an entry schedules no trim: the cache has not grown.
     if (is_new) {
       ScheduleIdleTrim();
     }
     AssertValid();
   }
 
-  // The value of the key and its scopes; a null value and no scopes when the key is unknown. Counts
+  // The value of the key and its scopes; a null value and no scopes if the key is unknown. Counts
   // as a use. Makes no allocation.
   template <class K>
   Found LookupInCache(const K& key) {
@@ -91,10 +95,10 @@ class CScopeDependantCache final : public CScopeDependency {
     return {&value, _fCache.At(slot).second.scopes};
   }
 
-  // ---- Entries by number, for an owner that knows more than others do of what it stored. A number
-  // is good until the next store or purge.
+  // ---- Entries by number, for owners that inspect the key of an entry before they use the entry.
+  // REQUIRES: a number is used only until the next store or purge.
 
-  // That of the key, or kNoEntry. Does not count as a use, nor as a miss.
+  // The number of the key's entry, or kNoEntry. Counts neither as a use nor as a miss.
   template <class K>
   EntryId EntryOf(const K& key) const {
     return _fCache.SlotOf(key);
@@ -107,7 +111,7 @@ class CScopeDependantCache final : public CScopeDependency {
     return _fCache.ValueAt(entry).value;
   }
 
-  // Calls `visit(key, value)` with each, the least recently used first.
+  // Calls `visit(key, value)` for each entry, the least recently used first.
   template <class Function>
   void Visit(Function visit) const {
     for (auto it = _fCache.rbegin(); it != _fCache.rend(); ++it) {
@@ -115,9 +119,9 @@ class CScopeDependantCache final : public CScopeDependency {
     }
   }
 
-  // The keys that rest on one of the named scopes of the file, or on the file as a whole (the scope
-  // "*"); with kWildcardScope among the names, those that rest on any scope of it. A new set, of a
-  // type that the caller can choose.
+  // The keys of the values that depend on one of these scopes of the file, or on the whole file
+  // (the scope "*"). With kWildcardScope among the names: on any scope of the file. Returns a new
+  // set, whose type the caller can choose.
   template <class Set = KeySet>
   Set GetDependentKeys(Loc loc, const TextSet& scope_name_set) const {
     const std::vector<TextView> names(scope_name_set.begin(), scope_name_set.end());
@@ -129,7 +133,7 @@ class CScopeDependantCache final : public CScopeDependency {
     return KeysOf<Set>(DependentEntries(loc, {&scope_name, 1}));
   }
 
-  // Takes out the entries of which `predicate(key, value)` says so.
+  // Removes the entries for which `predicate(key, value)` is true.
   template <class Predicate>
   void RemoveIf(Predicate predicate) {
     std::vector<EntryId> entries;
@@ -145,7 +149,7 @@ class CScopeDependantCache final : public CScopeDependency {
     }
   }
 
-  // Bytes of the table and of the lists of scopes, without what keys and values hold elsewhere.
+  // The bytes of the table and of the lists of scopes, without what keys and values allocate.
   size_t TableMemoryUse() const {
     size_t bytes = _fCache.MemoryUse();
     for (const auto& [key, entry] : _fCache) {

@@ -27,7 +27,7 @@ CScopeDependency::CScopeDependency(std::optional<Text> name, int64_t cache_size,
     return;
   }
   _fClassConnList.push_back(class_connect(kImportResolutionChanged,
-                                          // How imports resolve can affect any value.
+                                          // Import resolution can affect any value.
                                           velk::NoArgCallback([this] { Clear(); })));
   _fClassConnList.push_back(class_connect(
       kScopeLogicalsModified, [this](const CPySourceAnalysis& ana, const TextSet& scope_names) {
@@ -49,7 +49,7 @@ void CScopeDependency::ClearAtEnd() noexcept {
   try {
     Clear();
   } catch (const std::exception& error) {
-    // A destructor cannot pass on what the main loop throws.
+    // A destructor cannot pass on an exception of the main loop.
     CriticalLog("a cache of derived values could not cancel its trim: %s", error.what());
   }
 }
@@ -76,7 +76,7 @@ void CScopeDependency::InvalidateScopes(Loc loc, const TextSet& scope_names) {
       _fCacheKeysForLoc.Erase(loc);
       for (const auto& [name, scope] : taken) {
         scope->indexed = false;
-        // One that rests on several of the scopes is told of with each of them.
+        // An entry that depends on several of the scopes is logged with each of them.
         LogRemovalOf(scope->entries);
       }
       for (const auto& [name, scope] : taken) {
@@ -92,7 +92,7 @@ void CScopeDependency::InvalidateScopes(Loc loc, const TextSet& scope_names) {
 }
 
 void CScopeDependency::InvalidateSingleScopeKey(TextView scope_name, Loc loc) {
-  // Looked up afresh for each name: purging under one may have emptied the file.
+  // Looked up again for each name: purging for one name may have removed the file's dictionary.
   ScopeDict* const scope_dict = _fCacheKeysForLoc.Find(loc);
   if (scope_dict == nullptr) {
     return;
@@ -101,7 +101,7 @@ void CScopeDependency::InvalidateSingleScopeKey(TextView scope_name, Loc loc) {
   if (!scope) {
     return;
   }
-  // The file goes with its last scope, also when that is the one just taken out.
+  // The file is removed with its last scope, also when that is the one just taken out.
   if (scope_dict->empty()) {
     _fCacheKeysForLoc.Erase(loc);
   }
@@ -124,7 +124,7 @@ void CScopeDependency::LogRemovalOf(const CIdSet& entries) const {
 
 void CScopeDependency::TakeEntries(const CIdSet& entries) {
   for (const EntryId entry : entries) {
-    // One that rested on several of the scopes is gone by now.
+    // An entry that depended on several of the scopes may already be gone.
     if (IsLive(entry)) {
       TakeEntry(entry);
     }
@@ -184,8 +184,8 @@ void CScopeDependency::Trim(int64_t count) {
   const int64_t excess = static_cast<int64_t>(Size()) - count;
   CIdSet to_remove;
   VisitLeastUsedFirst([&](EntryId entry) {
-    // The test comes after the add: a cache that is told to trim gives up one entry even when it is
-    // within the count, so that repeated trims always make room.
+    // Tested after adding: a trim removes one entry even if the cache is within the count, so that
+    // repeated trims always make room.
     to_remove.Add(entry);
     return static_cast<int64_t>(to_remove.size()) < excess;
   });
@@ -201,7 +201,7 @@ void CScopeDependency::ScheduleIdleTrim() {
 bool CScopeDependency::CB_IdleTrim() {
   _fIdleTrimTag = 0;
   if (_fTrimCount > 0) {
-    // To three quarters, so that a trim does not run at every store.
+    // To three quarters, so that not every store triggers a trim.
     Trim(_fTrimCount * 3 / 4);
   }
   return false;
@@ -214,12 +214,12 @@ void CScopeDependency::Clear() {
       entries.push_back(entry);
       return true;
     });
-    // In the order of the dictionary, the most recently used first.
+    // In the order of the dictionary: the most recently used first.
     for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
       LogKey("Clearing {} cache that contains {}", *entry);
     }
   }
-  // The entries go while the scopes that they point to are still there.
+  // The entries are destroyed while the scopes that they point to still exist.
   auto scopes = std::exchange(_fCacheKeysForLoc, {});
   ClearEntries();
   scopes.clear();

@@ -1,5 +1,5 @@
-// The part of a derived-value cache that does not depend on its keys and values: which entries rest
-// on which scopes, when to purge them, when to trim.
+// The part of a derived-value cache that does not depend on the types of its keys and values: which
+// entries depend on which scopes, when to purge them, when to trim.
 #pragma once
 
 #include <cstdint>
@@ -18,18 +18,18 @@
 
 namespace pysource::scopeinfo {
 
-// One scope that entries rest on, with the numbers of those entries. Lives while at least one rests
-// on it. Entries point to it rather than repeat the scope.
+// A scope that entries depend on, with the numbers of those entries. Exists while at least one
+// entry depends on it. Entries point to it instead of repeating the scope.
 struct CDependedScope {
   explicit CDependedScope(CScopeRef scope) : ref(std::move(scope)) {}
   const CScopeRef ref;
   CIdSet entries;
-  // False from the moment that it was taken out of the index to be purged: the entries that still
-  // point to it are about to go, and do not look for it in the index.
+  // False once it was taken out of the index to be purged. Entries that still point to it are about
+  // to be removed, and do not look for it in the index.
   bool indexed = true;
 };
 
-// The scopes that one entry rests on: an immutable set, as a range of CScopeRef.
+// The scopes that one entry depends on: an immutable set, as a range of CScopeRef.
 class CDependedScopes {
  public:
   class Iterator {
@@ -63,14 +63,15 @@ class CDependedScopes {
 
  private:
   friend class CScopeDependency;
-  std::vector<CDependedScope*> _fScopes;  // ascending by address, each once
+  std::vector<CDependedScope*> _fScopes;  // sorted by address, without duplicates
 };
 
-// The reverse index and what moves it. Entries are known by number; the derived class keeps them.
+// The reverse index, from scopes to entries, and the signals and the idle call that purge and trim
+// entries. Identifies entries by number; the derived class stores them.
 //
-// What always holds between operations: an entry is among those of a scope exactly when the scope
-// is among those of the entry, and no scope and no file without entries stays in the index.
-// AssertValidImpl asserts it.
+// What always holds between operations, and what AssertValidImpl asserts: an entry is listed at a
+// scope exactly when the scope is listed at the entry, and the index has no scope and no file
+// without entries.
 class CScopeDependency {
  public:
   using EntryId = uint32_t;
@@ -79,13 +80,13 @@ class CScopeDependency {
   CScopeDependency(const CScopeDependency&) = delete;
   CScopeDependency& operator=(const CScopeDependency&) = delete;
 
-  // Purges every value that rests on one of these scopes of the file; kWildcardScope among the
-  // names stands for all scopes. By name, values that rest on the scope "*" itself are not reached:
-  // a change of one scope is no change of the whole file. (GetDependentKeys does report them; the
-  // two differ on purpose.) Costs in proportion to what is purged.
+  // Purges every value that depends on one of these scopes of the file; kWildcardScope among the
+  // names stands for all scopes. Otherwise a value that depends on the scope "*" itself stays: a
+  // change of one scope is not a change of the whole file. (GetDependentKeys does report such
+  // values; the two differ on purpose.) The cost is proportional to the number of purged values.
   void InvalidateScopes(Loc loc, const TextSet& scope_names);
 
-  // Removes the least recently used entries until no more than `count` are left, and at least one
+  // Removes the least recently used entries until at most `count` are left, but at least one entry
   // in any case.
   void Trim(int64_t count);
 
@@ -95,10 +96,10 @@ class CScopeDependency {
   // Disconnects from the class-wide signals and clears. A second call does nothing more.
   void destroy();
 
-  // How many entries there are.
+  // The number of entries.
   virtual size_t Size() const = 0;
 
-  // Asserts what always holds when _fEnableValidityChecks is set; costs nothing otherwise.
+  // If _fEnableValidityChecks is set, asserts what always holds; otherwise costs nothing.
   void AssertValid() const {
     if (_fEnableValidityChecks) [[unlikely]] {
       AssertValidImpl();
@@ -106,43 +107,44 @@ class CScopeDependency {
   }
   void AssertValidImpl() const;
 
-  // For a person who looks inside; absent for most.
+  // The name of the cache in log lines; most caches have none.
   const std::optional<Text> fName;
   // Set by every store that changes an entry, never cleared here.
   bool fModified = false;
-  // Look-ups that found their key, and those that did not, ever since.
+  // The number of look-ups that found their key, and of those that did not.
   uint64_t fHits = 0;
   uint64_t fMisses = 0;
-  // When a debugger sets it: operations on keys whose text form contains it print a line.
+  // To be set in a debugger: operations on keys whose text form contains it print a line.
   std::optional<Text> fLogIfInKeyRepr;
-  // Switches the self-check on.
+  // Whether AssertValid checks anything.
   bool _fEnableValidityChecks = false;
 
-  // Bytes of the index of scopes.
+  // The bytes of the index of scopes.
   size_t IndexMemoryUse() const;
 
  protected:
-  // `cache_size` of zero or less means that nothing is trimmed on its own.
+  // With a `cache_size` of zero or less, no trim is ever scheduled.
   CScopeDependency(std::optional<Text> name, int64_t cache_size, bool watch_for_changes);
   virtual ~CScopeDependency();
 
-  // ---- What the derived class keeps.
+  // ---- The entries, which the derived class stores.
   virtual bool IsLive(EntryId entry) const = 0;
-  // Every entry, the least recently used first, until `visit` returns false.
+  // Visits every entry, the least recently used first, until `visit` returns false.
   virtual void VisitLeastUsedFirst(const std::function<bool(EntryId)>& visit) const = 0;
   virtual const CDependedScopes& ScopesOf(EntryId entry) const = 0;
-  // Prints `format`, filled in with the name of the cache and the key, if the key is logged.
+  // If the key is to be logged, prints `format` with the name of the cache and the key filled in.
   virtual void LogKey(TextView format, EntryId entry) const = 0;
-  // Removes the entry and hands the scopes that it rested on to DiscardKeysFromKeysForLoc. The
-  // value ends only after that: what its destruction sets off must find the entry gone and the
-  // index in order.
+  // Removes the entry and passes the scopes that it depended on to DiscardKeysFromKeysForLoc.
+  // REQUIRES: an implementation destroys the value after that, since code that the destruction
+  // triggers must find the entry gone and the index consistent.
   virtual void TakeEntry(EntryId entry) = 0;
   virtual void ClearEntries() = 0;
 
-  // ---- What it uses.
+  // ---- For the derived class.
 
-  // The scopes of the index for what is in the range, whose elements `ref_of` turns into
-  // CScopeRefView. New ones among them have no entry yet: ReplaceScopes must follow.
+  // The scopes in the index for the elements of the range, each of which `ref_of` turns into a
+  // CScopeRefView. Adds those that are missing, still without an entry.
+  // REQUIRES: the caller passes the result to ReplaceScopes.
   template <class Range, class RefOf>
   CDependedScopes CollectScopes(const Range& range, RefOf ref_of) {
     CDependedScopes fresh;
@@ -151,12 +153,12 @@ class CScopeDependency {
     }
     return fresh;
   }
-  // Makes `scopes`, those of the entry, what was collected, and takes the entry out of the scopes
-  // that it no longer rests on.
+  // Replaces `scopes`, the scopes of the entry, by those that were collected, and takes the entry
+  // off the scopes that it no longer depends on.
   void ReplaceScopes(EntryId entry, CDependedScopes& scopes, CDependedScopes fresh);
-  // Takes the entry out of the scopes; those that are left without entries go.
+  // Takes the entry off the scopes, and removes scopes that have no entry left.
   void DiscardKeysFromKeysForLoc(EntryId entry, const CDependedScopes& scopes);
-  // Whether `scopes` is exactly the set of what is in the range.
+  // Whether `scopes` is exactly the set of the scopes in the range.
   template <class Range, class RefOf>
   bool SameScopes(const CDependedScopes& scopes, const Range& range, RefOf ref_of) const {
     std::vector<CDependedScope*> found;
@@ -170,12 +172,11 @@ class CScopeDependency {
     return SameSet(scopes, std::move(found));
   }
 
-  // The numbers of the entries that rest on one of the scopes of the file, or on the file as a
-  // whole.
+  // The numbers of the entries that depend on one of the scopes of the file, or on the whole file.
   std::vector<EntryId> DependentEntries(Loc loc, std::span<const TextView> scope_names) const;
 
   void ScheduleIdleTrim();
-  // Clear, for the destructor of who keeps the entries.
+  // Clear for the destructor of the derived class, which stores the entries.
   void ClearAtEnd() noexcept;
   bool LogsKey(const Text& repr) const {
     return fLogIfInKeyRepr && repr.find(*fLogIfInKeyRepr) != Text::npos;
@@ -183,7 +184,7 @@ class CScopeDependency {
   Text NameForLog() const { return fName.value_or("None"); }
 
  private:
-  // By name; the key is a view of the scope's own text.
+  // By scope name; the key is a view of the name in the value.
   using ScopeDict = CInsertionOrderedDict<TextView, std::unique_ptr<CDependedScope>, TextHash>;
 
   CDependedScope* FindScope(const CScopeRefView& ref) const;

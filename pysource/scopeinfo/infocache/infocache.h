@@ -58,7 +58,7 @@ struct CScopeInfoToRemove {
 //
 //   CNeedsScanDict needs_scan;
 //   auto info = cache.GetScopeInfo(loc, "C.method", true, &needs_scan);
-//   for (auto& [scope, scan_names] : needs_scan) run those scans; each result goes back through
+//   for (auto& [scope, scan_names] : needs_scan) run those scans; each result is passed to
 //   cache.AddScopeInfoListForSingleScan(scanned_loc, scanned_scope, scan_name, infos);
 //   cache.ChangeScansDone(loc, scan_name, true) when a file is done, and FinishedWithScans.
 //

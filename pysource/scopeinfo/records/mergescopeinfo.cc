@@ -1,12 +1,12 @@
-// How records merge. What a value of one record means depends on the scope that it stands in, so a
-// value that moves to another scope or file takes its context along:
+// How records merge. The meaning of a value depends on the scope in which it was found, so a value
+// that is merged into a record of another scope or file takes its context along:
 //
 //   merged from               the item becomes             kept as it is
 //   same file, same scope     unchanged                    everything
 //   same file, another scope  ":S<scope> <item>"           literals, builtin classes, URLs, scopes
 //   another file              ":U<url> :S<scope> <item>"   literals, builtin classes, URLs
 //
-// Every alternative is kept; none outranks another.
+// All alternatives are kept; none takes precedence over another.
 #include "pysource/scopeinfo/records/mergescopeinfo.h"
 
 #include <algorithm>
@@ -26,7 +26,7 @@ namespace {
 // Joins the values of `from` into `into`, name by name.
 void JoinDict(CStrDict& into, const CStrDict& from) {
   if (into.empty()) {
-    // One block of just the size; most merged records are copies of one.
+    // One allocation of the exact size; most merged records are copies of a single record.
     into = from;
     return;
   }
@@ -91,7 +91,7 @@ void CScopeInfo::Merge(const CScopeInfoPtr& to_merge, bool inst_only, bool add_t
   if (to_merge == nullptr) {
     throw CTypeError("an absent record cannot be merged");
   }
-  // Noted before anything can fail, so that the note is there for whatever was merged.
+  // Noted first, so that the list also names a record whose merge fails half-way.
   if (add_to_merge_list) {
     if (!_merged_info_list) {
       _merged_info_list.emplace();
@@ -118,9 +118,9 @@ void CScopeInfo::MergeContent(const CScopeInfo& to_merge, bool inst_only) {
   if (to_merge._inst_domains) {
     EnsurePresent(_inst_domains);
     for (const auto& [name, domain] : *to_merge._inst_domains) {
-      // The old value comes from _domains, the dictionary of the class, not from _inst_domains: so
-      // the class-level domain of a name flows into the instance's, and what _inst_domains held of
-      // it is replaced. Stored data was merged this way from the first version on, and a different
+      // The old value comes from _domains, the dictionary of the class, not from _inst_domains. So
+      // the class-level domain of a name is joined into the instance's domain, and what
+      // _inst_domains held for the name is replaced. Every version has merged this way; another
       // rule here would give readers two answers for one database. Without _domains it fails.
       if (!_domains) {
         throw CTypeError("instance domains of " + to_merge.key.Repr() +
@@ -133,8 +133,8 @@ void CScopeInfo::MergeContent(const CScopeInfo& to_merge, bool inst_only) {
 
 void CScopeInfo::MergeTypeEquivs(const CScopeInfo& to_merge, CStrDict& equivs_dict,
                                  const CStrDict& to_merge_dict) const {
-  // Identity on purpose: a location that is merely equal is treated as another file, whose URL then
-  // says where the value came from.
+  // Compared by identity on purpose: an equal but distinct location counts as another file, and the
+  // value takes its URL along.
   const bool same_loc = LocationsEqual(loc, to_merge.loc);
   if (same_loc && for_scope == to_merge.for_scope) {
     JoinDict(equivs_dict, to_merge_dict);
@@ -145,7 +145,7 @@ void CScopeInfo::MergeTypeEquivs(const CScopeInfo& to_merge, CStrDict& equivs_di
     url_prefix = Bytes(kSpecificUrlPrefix) + EncodeUrl(to_merge.loc->fUrl) + ' ';
   }
   for (const auto& [name, ibytes] : to_merge_dict) {
-    // Sorted, so that the value is the same whatever the order of the merges.
+    // Sorted, so that the value does not depend on the order of the merges.
     std::set<Bytes, std::less<>> items;
     if (const auto old = equivs_dict.Get(name)) {
       ForEachNonNested(*old, kInfoBytesSep, [&](BytesView item) { items.emplace(item); });
@@ -157,7 +157,8 @@ void CScopeInfo::MergeTypeEquivs(const CScopeInfo& to_merge, CStrDict& equivs_di
         return;
       }
       if (!same_loc) {
-        // Items that name a scope get no exemption here: the scope is one of the other file.
+        // Unlike within one file, items that name a scope get a prefix too: their scope is in the
+        // other file.
         items.insert(url_prefix + PrefixWithLocationAndScope(item, nullptr, to_merge.for_scope));
         return;
       }
@@ -203,8 +204,8 @@ void CScopeInfo::MergeScopesSeen(const CScopesSeenDict& scopes_seen) {
 }
 
 CScopeInfoPtr CreateImplicitPackageInfo(Loc init_loc, const std::vector<Text>& name_list) {
-  // The scan name is absent while the scanned fields are there: no scan of the file system has a
-  // name, but what was looked at is known.
+  // Without a scan name but with the scanned fields: no named scan lists a folder, but which folder
+  // was listed is known.
   auto info = std::make_shared<CScopeInfo>(
       CScopeInfoKey(init_loc, kModuleScopeName, std::nullopt, init_loc, kPackageDirScope),
       BytesView(), kFileModifiedInMemoryMtime, false);

@@ -1,4 +1,4 @@
-// Folding records into one.
+// Merging several records of a scope into one.
 #pragma once
 
 #include <vector>
@@ -7,16 +7,16 @@
 
 namespace pysource::scopeinfo {
 
-// Merges the others, then the instance information alone of the last list, into `primary_info`, in
-// place and in order, and returns it. An absent record among the others is an assertion failure,
-// among the instance records it is passed over. Afterwards merged_keys holds the keys of all of
-// them; with both lists empty nothing at all changes.
+// Returns `primary_info`, into which it merges, in order, `other_info_seq` and then only the
+// instance information of `inst_info_seq`. Afterwards merged_keys holds the keys of all of them. If
+// both lists are empty, nothing changes. A null record in `inst_info_seq` is skipped.
+// REQUIRES: `other_info_seq` holds no null record. Asserted.
 CScopeInfoPtr MergeScopeInfoSeq(const CScopeInfoPtr& primary_info,
                                 const std::vector<CScopeInfoPtr>& other_info_seq,
                                 const std::vector<CScopeInfoPtr>& inst_info_seq);
 
-// The record of a package without an __init__ file: `init_loc` is the location that it is for,
-// `name_list` the modules and packages inside. Each name is bound by "from . import name".
+// The record of a package without an __init__ file. It is for `init_loc`; `name_list` names the
+// modules and packages in the folder. Each name is bound as by "from . import name".
 CScopeInfoPtr CreateImplicitPackageInfo(Loc init_loc, const std::vector<Text>& name_list);
 
 }  // namespace pysource::scopeinfo

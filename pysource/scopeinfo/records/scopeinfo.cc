@@ -157,7 +157,7 @@ void CScopeInfo::FinishedBuilding() const {
   if (!AssertionsActive()) {
     return;
   }
-  // A name that is not UTF-8 would be stored and then refused by the decoder.
+  // The encoder accepts a name that is not UTF-8, and the decoder would then reject the record.
   for (const auto& [name, ibytes] : type_equivs) {
     Assert(IsUtf8(name));
   }

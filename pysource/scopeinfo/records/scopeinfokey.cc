@@ -97,7 +97,7 @@ size_t CScopeInfoKey::MemoryUse() const noexcept {
     return 0;
   }
   size_t size = sizeof(Rep) + for_scope().size() + scan_name().value_or(TextView()).size();
-  // At 0 it shares the text of for_scope, or stands alone behind an empty one.
+  // At 0 it shares the text of for_scope, unless that is empty and it has a text of its own.
   if ((_fRep->scanned_scope_at != 0 || for_scope().empty()) && scanned_scope()) {
     size += _fRep->scanned_scope_size;
   }

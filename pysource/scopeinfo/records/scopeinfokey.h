@@ -1,4 +1,4 @@
-// What names a record: where its information is for, and which scan of what found it.
+// The identity of a record: the scope that its information is for, and the scan that found it.
 #pragma once
 
 #include <cstdint>
@@ -11,21 +11,23 @@
 
 namespace pysource::scopeinfo {
 
-// Five fields. for_loc and for_scope name the scope that the information is for and are always
-// there. scan_name, scanned_loc and scanned_scope say which single scan of which scope produced it;
-// on merged information all three are absent. One scan produces records for other scopes, and for
-// scopes of other files, than the one it scanned.
+// A key has five fields. for_loc and for_scope name the scope that the information is for and are
+// always present. scan_name, scanned_loc and scanned_scope name the one scan, of one scope, that
+// produced it; merged records have none of the three. A scan can also produce records for other
+// scopes than the one it scanned, and for scopes of other files.
 //
-// A key is an immutable value behind a handle of one pointer: copying it costs a count, its hash is
-// computed once, and sets of keys hold a pointer a member. The count is plain, so a key and its
-// copies belong to one thread at a time. A default-made key is absent; nothing but comparing and
-// testing it is allowed.
+// A key is an immutable value behind a handle of one pointer: a copy costs an increment, the hash
+// is computed once, and a set of keys takes one pointer for each member. A default-constructed key
+// is absent.
+//
+// REQUIRES: a key and its copies are used by one thread at a time, since the count is not atomic.
+// REQUIRES: callers do not read the fields of an absent key.
 class CScopeInfoKey {
  public:
   CScopeInfoKey() noexcept = default;
 
-  // Asserts that for_loc is present, that a scan name starts with ":" and that for_scope does not.
-  // Nothing ties the three scan fields together: a key with some of them is accepted as it stands.
+  // REQUIRES: for_loc is present, a scan name starts with ":" and for_scope does not. Asserted.
+  // The three scan fields are independent: a key may have only some of them.
   CScopeInfoKey(Loc for_loc, TextView for_scope, std::optional<TextView> scan_name, Loc scanned_loc,
                 std::optional<TextView> scanned_scope);
 
@@ -49,10 +51,10 @@ class CScopeInfoKey {
 
   // The file that the information is for.
   Loc for_loc() const noexcept { return _fRep->for_loc; }
-  // The dotted name of the scope in that file; never starts with ":". Like the other names it is a
-  // view that is good as long as any copy of the key.
+  // The dotted name of the scope in that file; never starts with ":". This and the other names are
+  // views that are valid as long as any copy of the key lives.
   TextView for_scope() const noexcept { return {_fRep->Chars(), _fRep->for_scope_size}; }
-  // The scan that generated the information, or absent; starts with ":".
+  // The scan that produced the information, or absent; starts with ":".
   std::optional<TextView> scan_name() const noexcept {
     return Optional(_fRep->for_scope_size, _fRep->scan_name_size);
   }
@@ -63,13 +65,13 @@ class CScopeInfoKey {
     return Optional(_fRep->scanned_scope_at, _fRep->scanned_scope_size);
   }
 
-  // Asks for the shared value to be brought near, for one who will copy the handle soon: keys of
-  // records that were not looked at for long lie in cold memory.
+  // Prefetches the shared value, for callers that will copy the handle soon: the keys of records
+  // that have not been used for long are not in the processor's cache.
   void Prefetch() const noexcept { __builtin_prefetch(_fRep, 1); }
 
   size_t Hash() const noexcept { return _fRep == nullptr ? 0 : static_cast<size_t>(_fRep->hash); }
 
-  // Whether both are keys with equal fields, looked at in declared order.
+  // Whether both are present and have equal fields, compared in declared order.
   bool Equals(const CScopeInfoKey& other) const noexcept {
     if (_fRep == other._fRep) {
       return _fRep != nullptr;
@@ -78,20 +80,20 @@ class CScopeInfoKey {
            HasSameFields(other);
   }
 
-  // An absent key is equal to nothing, not even to another absent one...
+  // An absent key is equal to no key, not even to another absent one...
   friend bool operator==(const CScopeInfoKey& a, const CScopeInfoKey& b) noexcept {
     return a.Equals(b);
   }
-  // ...and unequal to nothing either: this is not the negation of the above when one is absent.
-  // Callers rely on it to leave absent keys out of both answers.
+  // ...and it is not unequal to any key either: with an absent key this is not the negation of ==.
+  // Callers rely on that to exclude absent keys from both results.
   friend bool operator!=(const CScopeInfoKey& a, const CScopeInfoKey& b) noexcept {
     return a._fRep != nullptr && b._fRep != nullptr && !a.Equals(b);
   }
-  // True when either is absent. Otherwise true at the first field, in declared order, that is less
-  // than the other's; the last field decides alone. This is a chain of comparisons and no order: a
-  // key is not less-or-equal to its equal. Throws CTypeError when it meets an absent field.
+  // True when either is absent. Otherwise true as soon as a field, in declared order, is less than
+  // the other key's, whatever the fields before it. This is not an order: for equal keys it is
+  // false. Throws CTypeError on reaching an absent field.
   friend bool operator<=(const CScopeInfoKey& a, const CScopeInfoKey& b);
-  // There is no other order between keys.
+  // Keys have no other order.
   friend bool operator<(const CScopeInfoKey& a, const CScopeInfoKey& b) = delete;
   friend bool operator>(const CScopeInfoKey& a, const CScopeInfoKey& b) = delete;
   friend bool operator>=(const CScopeInfoKey& a, const CScopeInfoKey& b) = delete;
@@ -99,14 +101,15 @@ class CScopeInfoKey {
   // "CScopeInfoKey(for_loc, for_scope, scan_name, scanned_loc, scanned_scope)".
   Text Repr() const;
 
-  // Bytes of the shared value, for memory reports.
+  // The bytes of the shared value, for memory reports.
   size_t MemoryUse() const noexcept;
 
  private:
   static constexpr uint32_t kAbsent = 0xFFFFFFFF;
 
-  // One block: this head, then the text of for_scope, scan_name and, unless it is the same text as
-  // for_scope (most scans report on the scope that they scanned), scanned_scope.
+  // One block: this header, then the text of for_scope, of scan_name and of scanned_scope. Where
+  // scanned_scope has the same text as for_scope, it shares it: most scans report on the scope that
+  // they scanned.
   struct Rep {
     uint32_t users;
     uint32_t for_scope_size;
@@ -132,8 +135,7 @@ class CScopeInfoKey {
   Rep* _fRep = nullptr;
 };
 
-// A copy of the handle, for an operation that is given a reference to a key which may lie in the
-// very set that it is about to change.
+// A copy of the handle, for operations whose argument may refer to a key in a set that they change.
 inline CScopeInfoKey Held(const CScopeInfoKey& key) { return key; }
 
 struct CScopeInfoKeyHash {

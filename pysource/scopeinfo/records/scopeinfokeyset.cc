@@ -79,7 +79,7 @@ bool CScopeInfoKeySet::erase(const CScopeInfoKey& key) {
   }
   CScopeInfoKey* const cells = Cells();
   auto hole = static_cast<size_t>(found - cells);
-  // The key goes when everything is in order again: it may be the last copy of `key` itself.
+  // Released only when the set is consistent again: it may be the last copy of `key` itself.
   const CScopeInfoKey taken = std::move(cells[hole]);
   --_fSize;
   if (!IsTable()) {

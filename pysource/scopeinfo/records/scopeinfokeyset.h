@@ -1,5 +1,5 @@
-// A set of record keys. There is one for every scope of every file in several indexes, and most
-// hold one or two keys, so an empty set or one of a single key makes no allocation.
+// A set of record keys. Several indexes have one for every scope of every file, and most sets hold
+// one or two keys, so an empty set and a set of one key allocate nothing.
 #pragma once
 
 #include <cstddef>
@@ -12,10 +12,12 @@
 
 namespace pysource::scopeinfo {
 
-// One key lies in the object itself; more lie in an array, in no order while there are few of them
-// and as an open-addressing table after that. A table has the hash of each key beside it: keys that
-// are merely passed by are then not looked at, which lie scattered and cold. Must not be changed
-// while it is walked.
+// A single key is stored in the object itself. Several keys are stored in an array: unordered up to
+// kLinearSize, as an open-addressing table above. A table stores a hash for each key, so that
+// probing reads no keys that do not match; they are scattered in memory and rarely in the
+// processor's cache.
+//
+// REQUIRES: the set is not changed during a walk over it.
 class CScopeInfoKeySet {
  public:
   using key_type = CScopeInfoKey;
@@ -75,7 +77,8 @@ class CScopeInfoKeySet {
   const_iterator end() const { return {Cells() + CellCount(), Cells() + CellCount()}; }
   bool contains(const CScopeInfoKey& key) const { return Find(key) != nullptr; }
 
-  // Returns whether the key is new. The key must not be absent.
+  // True if the key is new.
+  // REQUIRES: the key is not absent.
   bool insert(const CScopeInfoKey& key);
   template <class It>
   void insert(It first, It last) {
@@ -83,13 +86,13 @@ class CScopeInfoKeySet {
       insert(*first);
     }
   }
-  // Returns whether the key was there.
+  // True if the key was in the set.
   bool erase(const CScopeInfoKey& key);
   void clear() { CScopeInfoKeySet().Swap(*this); }
 
   friend bool operator==(const CScopeInfoKeySet& a, const CScopeInfoKeySet& b);
 
-  // Bytes beyond the object itself, without the keys.
+  // The bytes beyond the object itself, without the keys' shared values.
   size_t MemoryUse() const noexcept { return BytesFor(_fCapacity); }
 
  private:
@@ -97,15 +100,15 @@ class CScopeInfoKeySet {
 
   static bool IsTable(uint32_t capacity) noexcept { return capacity > kLinearSize; }
   bool IsTable() const noexcept { return IsTable(_fCapacity); }
-  // Of one allocation: the cells, and of a table the hashes behind them.
+  // The size of the allocation: the cells and, in a table, the hashes after them.
   static size_t BytesFor(uint32_t capacity) noexcept {
     return capacity * (sizeof(CScopeInfoKey) + (IsTable(capacity) ? sizeof(uint32_t) : 0));
   }
-  // The cells that can hold keys: of a table all, of an array those in use.
+  // The number of cells that can hold keys: all in a table, those in use in an array.
   size_t CellCount() const noexcept { return IsTable() ? _fCapacity : _fSize; }
   const CScopeInfoKey* Cells() const noexcept { return _fCapacity == 0 ? &_fSingle : _fCells; }
   CScopeInfoKey* Cells() noexcept { return _fCapacity == 0 ? &_fSingle : _fCells; }
-  // Of a table; that of an empty cell says nothing.
+  // The hashes of a table; the one of an empty cell has no meaning.
   uint32_t* Hashes() const noexcept { return reinterpret_cast<uint32_t*>(_fCells + _fCapacity); }
   static uint32_t HashOf(const CScopeInfoKey& key) noexcept {
     return static_cast<uint32_t>(MixHash(key.Hash()));
@@ -117,7 +120,7 @@ class CScopeInfoKeySet {
   void Swap(CScopeInfoKeySet& other) noexcept;
 
   uint32_t _fSize = 0;
-  uint32_t _fCapacity = 0;  // of _fCells; a power of two, or zero while _fSingle serves
+  uint32_t _fCapacity = 0;  // of _fCells; a power of two, or zero while _fSingle is used
   CScopeInfoKey _fSingle;
   CScopeInfoKey* _fCells = nullptr;  // owned
 };

@@ -16,10 +16,10 @@
 namespace pysource::scopeinfo {
 namespace {
 
-// Asks for what is encoded of the record to be brought near, all of it at once: a record that waits
-// to be written lies in cold memory, and fetching one part after the other takes as long as
-// encoding it. Not the text of the names: its address is not there yet, and waiting for it loses
-// more.
+// Prefetches the parts of the record that are encoded, all at once: a record that waits to be
+// written is rarely in the processor's cache, and fetching one part after the other takes as long
+// as encoding it. Leaves out the text of the names: its address is not known yet, and waiting for
+// it costs more than it gains.
 void Prefetch(const CScopeInfo& info) {
   __builtin_prefetch(&info.scope_ibytes);
   __builtin_prefetch(&info.inst_type_equivs);
@@ -78,8 +78,8 @@ void CScopeInfoSerializer::WriteStrByPieces(BytesView s) {
 
 void CScopeInfoSerializer::WriteWholeStr(BytesView s) {
   const size_t size = s.size();
-  // A string of fewer than eight bytes is looked at in a copy with zeros behind it, so that all
-  // that follows can load whole words.
+  // A string of fewer than eight bytes is copied and padded with zeros, so that everything below
+  // can load whole words.
   char padded[kWordSize];
   BytesView whole = s;
   if (size < kWordSize) {
@@ -95,7 +95,7 @@ void CScopeInfoSerializer::WriteWholeStr(BytesView s) {
   size_t start = 0;
   for (size_t chunk = 0; start < size; chunk += kMostSearched) {
     const size_t left = size - chunk;
-    // What is left of a long string can be less than the search wants: then it begins earlier.
+    // The rest of a long string can be shorter than the search requires; then it begins earlier.
     const size_t from = std::min(chunk, whole.size() - kWordSize);
     uint64_t found = SeparatorsOf(text + from, std::min(whole.size() - from, kMostSearched));
     found >>= chunk - from;
@@ -145,7 +145,7 @@ void CScopeInfoSerializer::WriteStrDict(const CStrDict* dict) {
   for (const CStrDict::Item& item : *dict) {
     _fSorted.push_back(&item);
   }
-  // By code point, which for UTF-8 is by byte.
+  // In the order of code points, which for UTF-8 is the order of bytes.
   std::sort(_fSorted.begin(), _fSorted.end(),
             [](const auto* a, const auto* b) { return a->first < b->first; });
   for (const CStrDict::Item* item : _fSorted) {
@@ -167,7 +167,7 @@ void CScopeInfoSerializer::WriteTokens() {
 }
 
 Bytes CScopeInfoSerializer::FinishMessage() {
-  // The table is written behind the content; they change places in the copy that is handed out.
+  // The table is written after the content; the returned copy has the two in the right order.
   const size_t content_size = fWriteBuffer.size();
   WriteTokens();
   const BytesView all = fWriteBuffer.View();
@@ -208,7 +208,7 @@ CScopeInfoPtr CScopeInfoSerializer::ReadScopeInfo(const CScopeInfoKey& key,
     auto info = std::make_shared<CScopeInfo>(key, arena, scope_ibytes, disk_mtime, incomplete,
                                              does_not_exist);
     info->type_equivs = _fBatch.TakeNext(arena);
-    // An empty dictionary is dropped: in the message it cannot be told from an absent one.
+    // An empty dictionary becomes an absent one: the message does not distinguish the two.
     const auto take = [&](std::optional<CStrDict>& field) {
       CStrDict dict = _fBatch.TakeNext(arena);
       if (!dict.empty()) {
@@ -218,7 +218,7 @@ CScopeInfoPtr CScopeInfoSerializer::ReadScopeInfo(const CScopeInfoKey& key,
     take(info->_domains);
     take(info->inst_type_equivs);
     take(info->_inst_domains);
-    // FinishedBuilding would only look once more whether names are UTF-8.
+    // FinishedBuilding is not called: it would only check again that the names are UTF-8.
     return info;
   } catch (const CValueError&) {
     return nullptr;
@@ -257,8 +257,8 @@ CScopesSeenPtr CScopeInfoSerializer::DeserializeScopesSeenDict(
   auto scopes_seen_dict = std::make_shared<CScopesSeenDict>();
   fEncodedReader.SetStr(serialized);
   const uint64_t count = fEncodedReader.ReadInt();
-  // Every entry takes three bytes at least, so a count that promises too much ends at the first
-  // read behind the message.
+  // No allocation depends on the count. Every entry takes at least three bytes, so with a count
+  // that is too large the loop ends at the first read beyond the message.
   for (uint64_t i = 0; i < count; ++i) {
     const uint64_t file_id = fEncodedReader.ReadInt();
     Bytes scope_name = fEncodedReader.ReadTokenizedStr();

@@ -1,7 +1,7 @@
-// Where the separators of a string stand: space ( ) , . [ ]
+// Finds the separators in a string: space ( ) , . [ ]
 //
-// Most strings are names of some ten bytes without any, so the search answers for up to 64 bytes at
-// once, one bit a byte, and takes sixteen bytes a step where the processor can.
+// Most strings are names of about ten bytes without a separator. So one search covers up to 64
+// bytes and returns one bit for each, and takes sixteen bytes in a step where the processor can.
 #pragma once
 
 #include <array>
@@ -24,7 +24,7 @@ inline constexpr size_t kMostSearched = 64;
 
 inline uint32_t SeparatorsOf16(__m128i bytes) noexcept {
   const auto equal = [](__m128i a, char c) { return _mm_cmpeq_epi8(a, _mm_set1_epi8(c)); };
-  // Two that differ in one bit are looked for at once, without that bit.
+  // Two separators that differ in one bit are found with one comparison, without that bit.
   const __m128i round_bracket = equal(_mm_and_si128(bytes, _mm_set1_epi8('\xFE')), '(');
   const __m128i comma_or_point = equal(_mm_and_si128(bytes, _mm_set1_epi8('\xFD')), ',');
   const __m128i square_bracket = _mm_or_si128(equal(bytes, '['), equal(bytes, ']'));
@@ -33,7 +33,8 @@ inline uint32_t SeparatorsOf16(__m128i bytes) noexcept {
   return static_cast<uint32_t>(_mm_movemask_epi8(any));
 }
 
-// Bit i is set when byte i is a separator. `size` is from kWordSize to kMostSearched.
+// Bit i is set when byte i is a separator.
+// REQUIRES: `size` is at least kWordSize and at most kMostSearched.
 inline uint64_t SeparatorsOf(const char* at, size_t size) noexcept {
   const auto load = [at](size_t i) { return reinterpret_cast<const __m128i*>(at + i); };
   if (size >= 16) {
