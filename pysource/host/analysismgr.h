@@ -1,5 +1,5 @@
-// The analysis side of the engine: where secondary files and import resolution come from, and the
-// one object that holds database, factory and info cache together.
+// The analysis side of the engine: the source of secondary files and of import resolution, and the
+// one object that ties database, factory and info cache together.
 #pragma once
 
 #include <vector>
@@ -14,20 +14,22 @@ namespace pysource {
 
 class CAnalysisFactory;
 
-// How imports resolve has changed, for every file.
+// Imports may resolve differently now, in every file.
 inline constexpr CSignal<CAnalysisFactory> kImportResolutionChanged{"import-resolution-changed"};
 
+// Knows the secondary files of each file. Implemented by the host.
 class CAnalysisFactory : public CDestroyable {
  public:
   CAnalysisFactory();
   ~CAnalysisFactory() override;
-  // The files that supply further information for `loc`, such as its stub; none for most.
+  // The files that supply further information for `loc`, such as its stub; empty for most files.
+  // The info cache keeps the answer until kImportResolutionChanged.
   virtual std::vector<Loc> GetSecondaryLocations(Loc loc) = 0;
 };
 
 class CPySourceAnalysis;
 
-// These scopes of the analysis changed; kWildcardScope among them means all.
+// These scopes of the analysis changed; kWildcardScope among them stands for all scopes.
 inline constexpr CSignal<CPySourceAnalysis, const TextSet&> kScopeLogicalsModified{
     "scope-logicals-modified"};
 
@@ -35,7 +37,7 @@ inline constexpr CSignal<CPySourceAnalysis, const TextSet&> kScopeLogicalsModifi
 class CPySourceAnalysis : public CDestroyable {
  public:
   struct CLogicalCache {
-    // The disk time of the content that the analysis was last in step with.
+    // The disk time of the content that the analysis last matched.
     DiskTime fMatchedDiskMTime = -1.0;
   };
 
@@ -46,7 +48,8 @@ class CPySourceAnalysis : public CDestroyable {
   CLogicalCache fLogicalCache;
 };
 
-// Not owned, all three; set before the first info cache is used.
+// The three objects that every part of the engine finds through the singletons; none is owned.
+// REQUIRES: the host sets all three before it uses the info cache.
 struct CAnalysisManager {
   CAnalysisDb* fAnalysisDb = nullptr;
   CAnalysisFactory* fAnalysisFactory = nullptr;

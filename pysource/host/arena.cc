@@ -7,7 +7,7 @@
 namespace pysource {
 namespace {
 
-// The first chunk of an arena that starts empty. Records have some ten names of about ten bytes.
+// The first chunk of an arena that starts empty. A record has about ten names of about ten bytes.
 constexpr size_t kFirstChunk = 512;
 constexpr size_t kLargestChunk = size_t{1} << 16;
 
@@ -47,7 +47,7 @@ TextView CArena::Store(TextView text) {
 }
 
 void CArena::AddChunk(size_t bytes) {
-  // As much again as there is: the waste stays below what is used.
+  // As large as everything before it, so that the waste stays smaller than what is used.
   const size_t size = std::max(bytes, std::min(_fChunks->total, kLargestChunk));
   char* memory = static_cast<char*>(::operator new(sizeof(Chunk) + size));
   _fChunks->newest = new (memory) Chunk{_fChunks->newest};

@@ -1,7 +1,8 @@
-// Memory that many small things share and that goes all at once.
+// Memory for many small objects, freed all at once.
 //
-// Names and values of a record are views into one of these. What is allocated stays where it is
-// until the last handle goes, so the views stay good however the dictionaries over them grow.
+// The names and values of a record are views into an arena. Allocated memory does not move and
+// stays until the last handle is destroyed, so the views stay valid however the dictionaries over
+// them grow.
 #pragma once
 
 #include <cstddef>
@@ -13,14 +14,15 @@
 
 namespace pysource {
 
-// A counted handle of one pointer; a default-made one has no memory yet and gets its first chunk
-// when something is stored. Copies share the memory. The count is plain: an arena and all that
-// shares it belong to one thread at a time and are handed from one thread to another as a whole.
+// A counted handle of one pointer. A default-constructed one has no memory, and gets its first
+// chunk when something is stored. Copies share the memory.
+// REQUIRES: an arena and everything that shares it are used by one thread at a time, and are passed
+// to another thread as a whole, since the count is not atomic.
 class CArena {
  public:
   CArena() noexcept = default;
-  // An arena whose first chunk holds exactly `bytes`: for a record whose size is known beforehand,
-  // so that it takes one allocation.
+  // An arena whose first chunk holds exactly `bytes`, so that a record of known size takes one
+  // allocation.
   explicit CArena(size_t bytes);
   CArena(const CArena& other) noexcept : _fChunks(other._fChunks) {
     if (_fChunks != nullptr) {
@@ -34,15 +36,17 @@ class CArena {
   }
   ~CArena() { Release(); }
 
-  // Memory for `bytes`, aligned to `alignment` (at most that of max_align_t).
+  // Memory for `bytes`, aligned to `alignment`.
+  // REQUIRES: `alignment` is at most that of max_align_t.
   void* Allocate(size_t bytes, size_t alignment);
 
-  // A copy of the text, good as long as this arena.
+  // A copy of the text, valid as long as this arena.
   TextView Store(TextView text);
 
-  // All that was allocated from the system, in bytes.
+  // The bytes that were allocated from the system.
   size_t MemoryUse() const noexcept { return _fChunks == nullptr ? 0 : _fChunks->total; }
-  // The same, or nothing if the memory is among `seen`, where it is noted.
+  // The same the first time, when it adds the memory to `seen`; 0 if the memory is already in
+  // `seen`.
   size_t MemoryUse(std::unordered_set<const void*>& seen) const {
     return _fChunks == nullptr || !seen.insert(_fChunks).second ? 0 : _fChunks->total;
   }
@@ -51,10 +55,10 @@ class CArena {
   struct Chunk {
     Chunk* older;
   };
-  // The head stands at the start of the first chunk's memory.
+  // The head is at the start of the first chunk's memory.
   struct Head {
     Chunk* newest;  // chunks added after the first, newest first
-    char* free;     // where the next allocation begins in the newest chunk
+    char* free;     // the start of the next allocation, in the newest chunk
     char* end;
     size_t total;
     uint32_t users;

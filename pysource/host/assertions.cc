@@ -8,7 +8,8 @@
 namespace pysource {
 namespace {
 
-// Atomic because worker threads build records, and so check, while the main thread may switch.
+// Atomic, because worker threads build records, and so check assertions, while the main thread may
+// turn them on or off.
 std::atomic<bool> gAssertionsActive{true};
 
 }  // namespace

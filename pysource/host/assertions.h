@@ -1,8 +1,8 @@
 // Checks of the rules that callers must keep.
 //
-// They are active in every build; SetAssertionsActive(false) turns them off, for a host that would
-// rather go on than stop, and for the tests of both modes. What was done before a failing check
-// stays done.
+// They are active in every build. SetAssertionsActive(false) turns them off, for a host that
+// prefers to continue, and for tests of both modes. What was done before a failing check stays
+// done.
 #pragma once
 
 #include <string_view>
@@ -11,13 +11,13 @@ namespace pysource {
 
 bool AssertionsActive() noexcept;
 
-// Returns what was set before, so that a scope can put it back.
+// Returns the previous setting, so that the caller can restore it.
 bool SetAssertionsActive(bool active) noexcept;
 
 [[noreturn]] void FailAssertion(std::string_view text, const char* file, int line);
 
-// Throws CAssertionError with `text` when `holds` is false and assertions are active. A condition
-// that is costly to work out stands behind AssertionsActive() at its caller.
+// Throws CAssertionError with `text` when `holds` is false and assertions are active. Callers check
+// AssertionsActive() before they compute a costly condition.
 inline void Assert(bool holds, std::string_view text = {}, const char* file = __builtin_FILE(),
                    int line = __builtin_LINE()) {
   if (!holds && AssertionsActive()) [[unlikely]] {

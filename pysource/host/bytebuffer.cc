@@ -11,18 +11,18 @@
 namespace pysource {
 namespace {
 
-// Scratch memory beyond this is given back after use.
+// Scratch memory above this size is freed after use.
 constexpr size_t kMostScratchKept = size_t{1} << 20;
 
-// Tokens of up to this many bytes, as nearly all are, are copied in one step of this size.
+// Tokens of up to this size, as nearly all are, are copied in one step of this size.
 constexpr size_t kBlock = 16;
 
-// What a buffer begins with: most records fit.
+// The first size of a buffer: enough for most records.
 constexpr size_t kFirstRoom = 512;
 
-// What the strings of a message may expand to: this much for every byte of it, and a flat
-// allowance. Real records expand two- to fivefold; the allowance is far above any scope that was
-// ever written.
+// The size to which the strings of a message may expand: this many bytes for each byte of the
+// message, plus a fixed allowance. Real records expand two- to fivefold; the allowance is far
+// larger than any real scope.
 constexpr size_t kExpansionPerByte = 64;
 constexpr size_t kExpansionAllowance = size_t{16} << 20;
 
@@ -56,7 +56,7 @@ void CWritableByteBuffer::Grow(size_t more) {
   const size_t used = size();
   const auto room_now = static_cast<size_t>(_fLimit - _fMemory.get());
   const size_t room = std::max({kFirstRoom, 2 * room_now, used + more});
-  // Not make_unique, which would fill it with zeros.
+  // Not make_unique, which would fill the memory with zeros.
   std::unique_ptr<char[]> memory(new char[room]);
   std::copy(_fMemory.get(), _fEnd, memory.get());
   _fMemory = std::move(memory);
@@ -75,7 +75,7 @@ void CStrDictBatch::Clear() {
 }
 
 CArena CStrDictBatch::Finish(BytesView* plain) {
-  // Items first, since they are aligned and the text is not.
+  // Items first: they need alignment, the text does not.
   const size_t items_size = _fPieces.size() * sizeof(CStrDict::Item);
   CArena arena(items_size + _fText.size());
   _fRoom = static_cast<CStrDict::Item*>(arena.Allocate(items_size, alignof(CStrDict::Item)));
@@ -151,8 +151,8 @@ uint64_t CEncodedByteBufferReader::ReadLongInt(const unsigned char*& at) const {
       Fail("a byte below 0x40 stands inside an integer");
     }
     const uint64_t bits = byte & 0x3F;
-    // Bits that fall off the top end are an integer that does not fit; zero bits are only a longer
-    // form than needed.
+    // If set bits are shifted out, the integer does not fit; zero bits mean a form that is longer
+    // than needed.
     if (bits != 0 && (shift >= 64 || (bits << shift) >> shift != bits)) {
       Fail("an integer has more than 64 bits");
     }
@@ -173,15 +173,15 @@ size_t CEncodedByteBufferReader::ReadCount(size_t least_item_size, const char* w
 }
 
 size_t CEncodedByteBufferReader::AppendTokenizedStr(CWritableByteBuffer& out) {
-  // In variables of its own: as far as the compiler knows, every byte stored could change a member.
+  // Copies in local variables: for all the compiler knows, each stored byte could change a member.
   const unsigned char* at = _fAt;
   const unsigned char* const end = _fEnd;
   const BytesView* const tokens = _fTokens.data();
   const size_t block_count = _fBlockCount;
-  size_t done = 0;                 // of what is counted in `out`
-  char* begin = out.Room(kBlock);  // of what is not counted yet
+  size_t done = 0;                 // bytes of the string already counted in `out`
+  char* begin = out.Room(kBlock);  // the bytes that are not counted yet
   char* to = begin;
-  // How much more may be stored before anything has to be looked at.
+  // How many bytes may be stored before the limits must be checked again.
   size_t room = std::min(out.RoomSize() - kBlock, _fExpansionLeft);
   uint64_t reference;
   do {
@@ -194,7 +194,7 @@ size_t CEncodedByteBufferReader::AppendTokenizedStr(CWritableByteBuffer& out) {
     }
     const uint64_t index = reference >> 1;
     if (index < block_count && tokens[index].size() <= std::min(room, kBlock)) [[likely]] {
-      std::memcpy(to, tokens[index].data(), kBlock);  // what is too much is written over
+      std::memcpy(to, tokens[index].data(), kBlock);  // excess bytes are overwritten later
       room -= tokens[index].size();
       to += tokens[index].size();
       continue;
@@ -238,7 +238,7 @@ void CEncodedByteBufferReader::ReadStrDictInto(CStrDictBatch& batch, bool text_k
   if (batch._fDictCount == CStrDictBatch::kMostDicts) {
     Fail("it has too many dictionaries");
   }
-  // An item is two strings, each of one byte at least.
+  // An item is two strings of at least one byte each.
   const size_t count = ReadCount(2, "a dictionary has more items than there are bytes");
   batch._fPieces.reserve(batch._fPieces.size() + count);
   for (size_t i = 0; i < count; ++i) {

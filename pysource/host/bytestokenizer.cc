@@ -7,14 +7,14 @@
 namespace pysource {
 namespace {
 
-// Enough for all but one record in a hundred.
+// Enough for 99 of 100 records.
 constexpr size_t kFirstCells = 256;
-// What one huge record blew up beyond this is given back when the table is cleared.
+// A table that a huge record made larger than this is freed when it is cleared.
 constexpr size_t kMostCellsKept = size_t{1} << 15;
 
 constexpr uint64_t kLong = uint64_t{1} << 63;
 
-// The token whose length stands at `at`; `at` is moved behind it.
+// The token whose length is at `at`; moves `at` to the end of the token.
 BytesView TakeToken(const char*& at) {
   uint64_t size = 0;
   for (unsigned shift = 0;; shift += 6) {
@@ -31,7 +31,7 @@ BytesView TakeToken(const char*& at) {
   return token;
 }
 
-// Of all its bytes; the ends are in the key.
+// The hash of all bytes of a long token, from the hash of its key, which covers the two ends.
 uint64_t LongHash(uint64_t hash, BytesView token) {
   for (size_t at = kWordSize; at + kWordSize < token.size(); at += kWordSize) {
     hash = (hash ^ hash >> 32 ^ LoadWord(token.data() + at)) * 0xD6E8FEB86659FD93ULL;
@@ -60,7 +60,7 @@ uint32_t CBytesTokenizer::GetIndexSlowly(BytesView piece) {
     return GetLongIndex(piece);
   }
   if (piece.empty()) {
-    // It has no byte that a key could hold; this is what it would be.
+    // The empty token has no bytes for a key, so it has a place of its own.
     return GetEmptyIndex();
   }
   _fTable.Room(1 + kMostInKey);
@@ -143,7 +143,7 @@ void CBytesTokenizer::clear() {
     _fCells = {};
   }
   SetCells(kFirstCells);
-  if (++_fRound > 0xFFFFFFFF) {  // no place may count from four thousand million messages ago
+  if (++_fRound > 0xFFFFFFFF) {  // the rounds start over, so no place of an old round may stay
     std::fill(_fCells.begin(), _fCells.end(), CCell{});
     _fBytes = {};
     _fEmpty = 0;

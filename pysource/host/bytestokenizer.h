@@ -1,4 +1,4 @@
-// The token table of a message in the making.
+// The token table of the message that is being written.
 #pragma once
 
 #include <algorithm>
@@ -15,15 +15,16 @@ namespace pysource {
 // Numbers each distinct piece of bytes in the order of first use. Keeps its memory when it is
 // cleared, so a table that is used again allocates nothing.
 //
-// A record has some thirty pieces, half of them new, nearly all of up to sixteen bytes, and no
-// processor guesses which is new and which is longer than eight. So a piece is told apart by two
-// words that lie in the hash table, it is entered as if it were new in any case, and arithmetic
-// decides what of that counts. Pieces of one byte, mostly separators, need no search at all.
+// A record has about thirty pieces. Half of them are new, and nearly all have up to sixteen bytes;
+// no processor predicts which pieces are new and which are longer than eight bytes. So the code
+// avoids branches: two words in the hash table identify a piece, every piece is written as if it
+// were new, and arithmetic decides whether it counts. Pieces of one byte, mostly separators, need
+// no search.
 class CBytesTokenizer {
  public:
   CBytesTokenizer();
 
-  // The index of the token; a new one gets the present size and is copied.
+  // The index of the token. A new token is copied; its index is the number of tokens before it.
   uint32_t GetTokenIndex(BytesView token) {
     if (token.size() < kWordSize) {
       char padded[kWordSize];
@@ -33,8 +34,9 @@ class CBytesTokenizer {
     return GetPieceIndex(token, token.data() + token.size() - kWordSize);
   }
 
-  // The same for a piece of a longer string, of eight bytes at least, whose last eight bytes stand
-  // at `last_word`. Quicker, because a load need not stop at the end of the piece.
+  // The same for a piece of a longer string. Faster, since a load may go beyond the end of the
+  // piece.
+  // REQUIRES: the string has at least eight bytes, and its last eight bytes are at `last_word`.
   uint32_t GetPieceIndex(BytesView piece, const char* last_word) {
     const size_t size = piece.size();
     if (size == 1) {
@@ -53,7 +55,7 @@ class CBytesTokenizer {
     const uint64_t beyond = MaskIfBelow(kWordSize, size);
     StoreWord(next + 1, key.first);
     StoreWord(next + 1 + ((size - kWordSize) & beyond), key.last | (key.first & ~beyond));
-    // Not as a whole: the compiler would put the key together in memory first.
+    // Field by field: for a whole assignment the compiler would first build the key in memory.
     CCell& cell = _fCells[at];
     cell.key.first = key.first;
     cell.key.last = key.last;
@@ -70,36 +72,37 @@ class CBytesTokenizer {
 
   size_t size() const noexcept { return _fCount; }
   bool empty() const noexcept { return _fCount == 0; }
-  // The bytes of a token, good until the next new one. Walks over those before it.
+  // The bytes of a token, valid until the next new token. Walks over all tokens before it.
   BytesView Token(size_t index) const;
-  // What a message holds of the tokens: of each, in order of the indices, its length and its bytes.
-  // Good until the next new token.
+  // The tokens as a message holds them: for each, in order of the indices, its length and its
+  // bytes. Valid until the next new token.
   BytesView Table() const noexcept { return _fTable.View(); }
   void clear();
 
  private:
   static constexpr size_t kMostInKey = 2 * kWordSize;
 
-  // All bits when `a` is below `b`, both below 2^63. Told by the sign of the difference, because a
-  // compiler that sees a comparison is free to branch on it.
+  // All bits set if `a` is less than `b`, otherwise none. Uses the sign of the difference, since a
+  // compiler may turn a comparison into a branch.
+  // REQUIRES: both are less than 2^63.
   static uint64_t MaskIfBelow(uint64_t a, uint64_t b) noexcept {
     return static_cast<uint64_t>(static_cast<int64_t>(a - b) >> 63);
   }
 
-  // All of a token of one to kMostInKey bytes.
+  // All bytes of a token of one to kMostInKey bytes.
   struct CKey {
-    uint64_t first;  // the first eight bytes, or what there is
-    uint64_t last;   // the last eight of more than eight; they overlap the first
-    // Of a longer token both words are its ends, and this is kLong and the place in _fTable.
+    uint64_t first;  // the first eight bytes, fewer if there are fewer
+    uint64_t last;   // if there are more than eight, the last eight, which can overlap the first
+    // For a longer token the words are its two ends, and this is kLong and its place in _fTable.
     uint64_t size;
 
-    // The high bits are the good ones: they depend on all bits of the key.
+    // The high bits are the good ones, since they depend on all bits of the key.
     uint64_t Hash() const noexcept {
       return (first + size) * 0x9E3779B97F4A7C15ULL + last * 0xC2B2AE3D27D4EB4FULL;
     }
   };
-  // A round in the high half, an index in the low one. It counts only when it was filled in the
-  // present round: clearing is one increment.
+  // A round in the high half, an index in the low half. It is valid only if its round is the
+  // present one, so clearing takes one increment.
   using Place = uint64_t;
   struct CCell {
     CKey key;
@@ -113,8 +116,8 @@ class CBytesTokenizer {
   };
 
   static CKey KeyOf(BytesView piece, const char* last_word) {
-    // A load that would pass the end of the string begins earlier, and the bytes before the piece
-    // are shifted out.
+    // A load that would go beyond the end of the string begins earlier; the bytes before the piece
+    // are then shifted out.
     const char* const from = std::min(piece.data(), last_word);
     const uint64_t word = LoadWord(from) >> (8 * (piece.data() - from));
     const uint64_t beyond = MaskIfBelow(kWordSize, piece.size());
@@ -122,7 +125,8 @@ class CBytesTokenizer {
     return {FirstBytes(word, piece.size()), last, piece.size()};
   }
 
-  // Enters the token that stands behind the end of _fTable, in the place that is its own or free.
+  // Returns the index of the token that was written after the end of _fTable. If `place` is not the
+  // token's own but free, adds the token there.
   uint32_t Enter(Place& place, size_t table_size) {
     const uint64_t is_new = MaskIfBelow(0, place >> 32 ^ _fRound);
     const uint64_t index = (place & ~is_new & 0xFFFFFFFF) | (_fCount & is_new);
@@ -137,13 +141,13 @@ class CBytesTokenizer {
   void SetCells(size_t size);
   void Grow();
 
-  // Open addressing; the number of cells in use is a power of two. It starts small in each round,
-  // so that a record of the usual size finds its cells close together.
+  // Open addressing; the number of cells in use is a power of two. It is small at the start of each
+  // round, so that the cells of a record of the usual size are close together.
   std::vector<CCell> _fCells;
-  size_t _fMask = 0;         // one less than their number
-  unsigned _fShift = 0;      // makes the number of a cell of a hash
-  uint64_t _fMostCount = 0;  // tokens, from which on there are more cells
-  uint64_t _fRound = 1;      // of 32 bits
+  size_t _fMask = 0;         // the number of cells in use minus one
+  unsigned _fShift = 0;      // turns a hash into the number of a cell
+  uint64_t _fMostCount = 0;  // max tokens for this number of cells
+  uint64_t _fRound = 1;      // fits in 32 bits
   uint64_t _fCount = 0;
   std::array<Place, 256> _fBytes{};
   Place _fEmpty = 0;

@@ -10,8 +10,8 @@ namespace pysource {
 namespace signals {
 namespace {
 
-// Ids are never used twice in a process, so an id that was kept too long cannot end a stranger's
-// connection.
+// Ids are never used twice in a process, so an id that was kept too long cannot end the connection
+// of another object.
 ConnectionId NextConnectionId() {
   static std::atomic<ConnectionId> last{0};
   return ++last;
@@ -60,7 +60,8 @@ size_t CConnectionTable::LiveCount() const {
 }
 
 void CConnectionTable::Prune() {
-  // By way of a local: a handler that goes may take objects along whose end looks at this table.
+  // Moved to a local first: destroying a handler can destroy objects whose destructors use this
+  // table.
   std::vector<std::shared_ptr<CConnection>> ended;
   const auto first_ended =
       std::stable_partition(_fConnections.begin(), _fConnections.end(),
@@ -95,7 +96,7 @@ void CDestroyable::EndConnections() {
   _fConnections.DisconnectAll();
   for (const auto& owned : std::exchange(_fOwned, {})) {
     if (const auto connection = owned.lock()) {
-      // The table that holds it drops it at its next change.
+      // The table that holds it removes it at its next change.
       connection->live = false;
     }
   }
@@ -112,7 +113,8 @@ void CDestroyable::Own(const std::shared_ptr<signals::CConnection>& connection) 
     connection->live = false;
     return;
   }
-  // Now and then those go that ended on their own: a long-lived owner connects to many short lives.
+  // Connections that have ended are removed from time to time, since a long-lived owner may connect
+  // to many short-lived objects.
   if (_fOwned.size() == _fOwned.capacity()) {
     std::erase_if(_fOwned, [](const auto& owned) { return owned.expired(); });
     _fOwned.reserve(std::max<size_t>(8, _fOwned.size() * 2));

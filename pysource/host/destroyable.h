@@ -1,19 +1,19 @@
 // Signals and the destroy protocol.
 //
 // A signal is a constant that carries its name, the class that emits it and the types of its
-// arguments, so a handler that does not fit is an error of the compiler:
+// arguments, so a handler that does not fit does not compile:
 //
 //   inline constexpr CSignal<CTimer, int> kTicked{"ticked"};      // handlers: void(CTimer&, int)
 //   timer.connect(kTicked, [](CTimer& timer, int count) {...});   // this timer
-//   class_connect(kTicked, ...);                                  // every timer, also later ones
+//   class_connect(kTicked, ...);                                  // every timer, also future ones
 //
 // Emission is synchronous. Class-wide handlers run first, then those of the instance, each in order
-// of connection. A handler may connect, disconnect, emit, call back into the emitter and destroy
-// it: one that was connected during an emission is not called in it, one that was disconnected is
-// not called any more. What a handler throws reaches the one who emits; later handlers are then not
-// called.
+// of connection. A handler may connect, disconnect, emit, call back into the emitter and destroy()
+// it. A handler that is connected during an emission is not called in it; one that is disconnected
+// is not called any more. If a handler throws, the exception reaches the caller of emit, and later
+// handlers are not called.
 //
-// Everything here belongs to one thread.
+// REQUIRES: all calls come from one thread.
 #pragma once
 
 #include <cstdint>
@@ -29,7 +29,8 @@ namespace pysource {
 
 class CDestroyable;
 
-// A signal's identity is its address: declare it as one inline constant.
+// A signal is identified by its address.
+// REQUIRES: a signal is declared as one inline constant.
 template <class Emitter, class... Args>
 struct CSignal {
   using Handler = std::function<void(Emitter&, Args...)>;
@@ -58,7 +59,7 @@ struct CTypedConnection final : CConnection {
 class CConnectionTable {
  public:
   ConnectionId Add(const void* signal, std::shared_ptr<CConnection> connection);
-  // Ends the connection; an unknown or ended one is no error.
+  // Ends the connection. An unknown or ended one is not an error.
   void Disconnect(ConnectionId id);
   void DisconnectAll();
   // Appends the live connections of the signal.
@@ -72,27 +73,27 @@ class CConnectionTable {
 
 }  // namespace signals
 
-// The class-wide connections of a world. Held by the singletons, so that a test that makes its own
-// world leaves no handler behind.
+// All class-wide connections. The singletons hold them, so that a test with its own singletons
+// leaves no handler behind.
 class CClassConnections {
  public:
   signals::CConnectionTable fTable;
 };
 
-// Base of objects that emit signals and that end at a definite moment.
+// Base of objects that emit signals and that are shut down at a definite moment, by destroy().
 class CDestroyable {
  public:
   // `signal_names` are the signals that the class adds to those of its base.
   explicit CDestroyable(std::initializer_list<TextView> signal_names);
-  // Ends what destroy() would have ended. A class with a _destroy_impl of its own calls destroy()
-  // from its own destructor, since here it is too late to reach it.
+  // Ends the connections, as destroy() does, but cannot call _destroy_impl any more.
+  // REQUIRES: a class with its own _destroy_impl calls destroy() in its own destructor.
   virtual ~CDestroyable();
   CDestroyable(const CDestroyable&) = delete;
   CDestroyable& operator=(const CDestroyable&) = delete;
 
-  // Calls _destroy_impl, then ends all connections to this object's signals and all that live as
-  // long as this object. Only the first call does anything. The connections end even if
-  // _destroy_impl throws.
+  // Calls _destroy_impl, then ends all connections to this object's signals and all connections
+  // that this object owns (connect_while_alive). Only the first call does anything. The connections
+  // end even if _destroy_impl throws.
   void destroy();
   bool destroyed() const noexcept { return _fDestroyed; }
 
@@ -110,14 +111,15 @@ class CDestroyable {
     }
   }
 
-  // Handles the signal of this one object until it is disconnected or this object ends.
+  // Connects the handler to the signal of this object, until it is disconnected or this object is
+  // destroyed.
   template <class Emitter, class... Params>
   ConnectionId connect(const CSignal<Emitter, Params...>& signal,
                        typename CSignal<Emitter, Params...>::Handler handler) {
     CheckSignal(signal.name);
     return AddConnection(&signal, Wrap(signal, std::move(handler)), nullptr);
   }
-  // The same, but until `owner` is destroyed at the latest.
+  // The same, but the connection ends with `owner` at the latest.
   template <class Emitter, class... Params>
   ConnectionId connect_while_alive(const CSignal<Emitter, Params...>& signal,
                                    typename CSignal<Emitter, Params...>::Handler handler,
@@ -125,13 +127,13 @@ class CDestroyable {
     CheckSignal(signal.name);
     return AddConnection(&signal, Wrap(signal, std::move(handler)), &owner);
   }
-  // Ends a connection of this object; an unknown or ended one is no error.
+  // Ends a connection of this object. An unknown or ended one is not an error.
   void disconnect(ConnectionId id) { _fConnections.Disconnect(id); }
 
   size_t ConnectionCount() const { return _fConnections.LiveCount(); }
 
  protected:
-  // What the class does when it is destroyed; called once.
+  // What the class does in destroy(). Called at most once.
   virtual void _destroy_impl() {}
 
  private:
@@ -156,7 +158,7 @@ class CDestroyable {
                                          CDestroyable* owner);
   ConnectionId AddConnection(const void* signal, std::shared_ptr<signals::CConnection> connection,
                              CDestroyable* owner);
-  // Ends the connection with this object, or at once if this object has ended.
+  // Makes the connection end with this object; ends it now if this object is already destroyed.
   void Own(const std::shared_ptr<signals::CConnection>& connection);
   void CheckSignal(const char* name) const;
   std::vector<std::shared_ptr<signals::CConnection>> CollectConnections(const void* signal) const;
@@ -164,20 +166,20 @@ class CDestroyable {
 
   std::vector<Text> _fSignalNames;
   signals::CConnectionTable _fConnections;
-  // Connections elsewhere that end with this object.
+  // Connections of other objects that end with this one.
   std::vector<std::weak_ptr<signals::CConnection>> _fOwned;
   bool _fDestroyStarted = false;
   bool _fDestroyed = false;
 };
 
-// Handles the signal of every object that emits it, present and future.
+// Connects the handler to the signal of every object that emits it, present and future.
 template <class Emitter, class... Params>
 ConnectionId class_connect(const CSignal<Emitter, Params...>& signal,
                            typename CSignal<Emitter, Params...>::Handler handler) {
   return CDestroyable::AddClassConnection(&signal, CDestroyable::Wrap(signal, std::move(handler)),
                                           nullptr);
 }
-// The same, until `owner` is destroyed at the latest.
+// The same, but the connection ends with `owner` at the latest.
 template <class Emitter, class... Params>
 ConnectionId class_connect_while_alive(const CSignal<Emitter, Params...>& signal,
                                        typename CSignal<Emitter, Params...>::Handler handler,
@@ -185,9 +187,9 @@ ConnectionId class_connect_while_alive(const CSignal<Emitter, Params...>& signal
   return CDestroyable::AddClassConnection(&signal, CDestroyable::Wrap(signal, std::move(handler)),
                                           &owner);
 }
-// Ends a class-wide connection; an unknown or ended one is no error.
+// Ends a class-wide connection. An unknown or ended one is not an error.
 void class_disconnect(ConnectionId id);
-// How many class-wide connections are live.
+// The number of live class-wide connections.
 size_t ClassConnectionCount();
 
 }  // namespace pysource

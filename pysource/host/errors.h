@@ -1,10 +1,10 @@
-// What can go wrong, as types. Nothing else is thrown by the system itself.
+// The exceptions of the system; it throws no others itself.
 //
-//   CValueError      a value that came from outside is not well formed: damaged bytes
+//   CValueError      a value from outside is not well formed: damaged bytes
 //   CTypeError       a value is absent where one is needed
 //   CAssertionError  a programming error: a caller broke a rule (see assertions.h)
 //
-// A failing host service throws what it likes; the module lets it pass.
+// A host service that fails may throw any exception; the module lets it pass.
 #pragma once
 
 #include <stdexcept>

@@ -1,4 +1,4 @@
-// Small operations that sit on hot paths.
+// Small operations on frequently executed paths.
 #pragma once
 
 #include <bit>
@@ -11,7 +11,7 @@
 
 namespace pysource {
 
-// Whether the two are the same object: identity, not equality.
+// Whether both are the same object: identity, not equality.
 inline bool LocationsEqual(Loc loc1, Loc loc2) { return loc1.get() == loc2.get(); }
 
 // The present time in seconds since the epoch.
@@ -21,13 +21,13 @@ inline bool OutOfTime(double end_time) { return GetNowTime() >= end_time; }
 
 inline double DoubleValueForULongLongBits(uint64_t l) { return std::bit_cast<double>(l); }
 inline uint64_t ULongLongValueForDoubleBits(double f) { return std::bit_cast<uint64_t>(f); }
-// As the first, for a signed integer, which is taken modulo two to the 64: the bits of every
-// negative double are a number that a signed reader hands over as negative.
+// Like DoubleValueForULongLongBits, for a signed integer, taken modulo two to the 64: a reader of
+// signed integers returns the bits of a negative double as a negative number.
 inline double DoubleValueForPyIntBits(int64_t l) {
   return std::bit_cast<double>(static_cast<uint64_t>(l));
 }
 
-// Adds the members of `to_add` to `set_obj`; returns whether any were new.
+// Adds the members of `to_add` to `set_obj`; true if any of them were new.
 template <class Set, class Members>
 bool PySet_InplaceOr(Set& set_obj, const Members& to_add) {
   const auto before = set_obj.size();
@@ -35,12 +35,12 @@ bool PySet_InplaceOr(Set& set_obj, const Members& to_add) {
   return set_obj.size() != before;
 }
 
-// The character classes of the C library, over one byte.
+// The character classes of the C library, for one byte.
 bool IsDigit(char c);
 bool IsAlnum(char c);
 
-// Whether `sub` occurs in `whole`. Each of them ends at its first NUL. Throws CTypeError with "Both
-// sub and whole must be strings" when one is absent.
+// Whether `sub` occurs in `whole`, each taken up to its first NUL. Throws CTypeError with "Both sub
+// and whole must be strings" when one is absent.
 bool StrInStr(std::optional<BytesView> sub, std::optional<BytesView> whole);
 
 }  // namespace pysource

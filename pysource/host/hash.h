@@ -1,8 +1,8 @@
 // Hashing of short byte strings and of several fields at once.
 //
-// Names are a few bytes long and hashed often (every token of every record that is encoded), so the
-// hash is inline and takes eight bytes a step; the library's std::hash is an out-of-line call that
-// costs more than the rest of a look-up. The values are the same in every run and are never stored.
+// Names are a few bytes long and hashed often, so the hash is inline and takes eight bytes a step:
+// the call of std::hash, which is out of line, costs more than the rest of a look-up. The values
+// are the same in every run and are never stored.
 #pragma once
 
 #include <cstddef>
@@ -12,7 +12,7 @@
 
 namespace pysource {
 
-// Mixes the bits of `value` so that low and high bits of the result are equally good.
+// Mixes the bits of `value`, so that the low and the high bits of the result are equally good.
 inline uint64_t MixHash(uint64_t value) noexcept {
   value ^= value >> 32;
   value *= 0x9E3779B97F4A7C15ULL;

@@ -1,11 +1,11 @@
-// The hash table under the dictionaries: it maps a hash to the number of a slot that its user
-// keeps.
+// The hash table under the dictionaries: it maps a hash to the number of a slot. It stores no keys;
+// its user does.
 //
-// Open addressing with linear probing; a cell is eight bytes, a 32-bit tag of the hash and the
-// slot. The tag decides nearly all comparisons without a look at the slot, and is enough to place
-// the cell again when the table grows, so the user's keys are not touched then. Erasing shifts
-// cells back, so there are no tombstones and a table that shrank and grew for years probes like a
-// new one.
+// Open addressing with linear probing. A cell is eight bytes: a 32-bit tag, which is part of the
+// hash, and the slot. The tag decides nearly all comparisons without reading the slot, and is
+// enough to place the cell again when the table grows, so growing does not read the user's keys.
+// Erasing shifts cells back: there are no tombstones, so a table that has grown and shrunk for a
+// long time probes like a new one.
 #pragma once
 
 #include <algorithm>
@@ -19,7 +19,7 @@ class CHashIndex {
  public:
   static constexpr uint32_t kNone = 0xFFFFFFFF;
 
-  // The slot for which `is_slot(slot)` holds among those entered under `hash`, or kNone.
+  // The slot, among those added under `hash`, for which `is_slot(slot)` is true, or kNone.
   template <class IsSlot>
   uint32_t Find(uint64_t hash, IsSlot&& is_slot) const {
     if (_fCells.empty()) {
@@ -37,9 +37,10 @@ class CHashIndex {
     }
   }
 
-  // Enters `slot`, which must not be entered yet.
+  // Adds `slot` under `hash`.
+  // REQUIRES: `slot` is not in the table.
   void Insert(uint64_t hash, uint32_t slot) {
-    // Three quarters full at most: beyond that, linear probing gets slow.
+    // At most three quarters full: above that, linear probing gets slow.
     if ((_fCount + 1) * 4 > _fCells.size() * 3) {
       Grow();
     }
@@ -47,7 +48,8 @@ class CHashIndex {
     ++_fCount;
   }
 
-  // Takes `slot` out; it must be entered under `hash`.
+  // Removes `slot`.
+  // REQUIRES: `slot` is in the table, under `hash`.
   void Erase(uint64_t hash, uint32_t slot) {
     size_t hole = Tag(hash) & _fMask;
     while (_fCells[hole].slot != slot) {
@@ -70,8 +72,8 @@ class CHashIndex {
     _fCount = 0;
   }
 
-  // Forgets all slots, and keeps the room for as many again; half of it where little was used, so
-  // that who is filled again and again needs no allocation, and no more room than of late.
+  // Removes all slots and keeps the cells, or half of them if few were in use. So a table that is
+  // filled again and again allocates nothing, and clearing it costs what it has needed recently.
   void Reuse() {
     const bool has_too_much = _fCells.size() > 16 && _fCount * 8 < _fCells.size();
     _fCells.resize(has_too_much ? _fCells.size() / 2 : _fCells.size());
@@ -89,7 +91,8 @@ class CHashIndex {
   };
 
   static uint32_t Tag(uint64_t hash) noexcept {
-    // std::hash of integers is the identity: spread it before the low bits choose the cell.
+    // std::hash of integers is the identity, so its bits are spread before the low ones choose the
+    // cell.
     return static_cast<uint32_t>((hash * 0x9E3779B97F4A7C15ULL) >> 32);
   }
 

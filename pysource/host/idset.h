@@ -1,4 +1,5 @@
-// A set of small numbers, made for being tiny: most hold one or two, some hold thousands.
+// A set of numbers that takes little memory: most sets hold one or two numbers, some hold
+// thousands.
 #pragma once
 
 #include <cstddef>
@@ -10,8 +11,9 @@
 
 namespace pysource {
 
-// Members lie in one array in no particular order; from kLinearSize on a table finds their places,
-// so that adding and erasing take constant time. Must not be changed while it is walked.
+// The members are in one array, in no particular order. Above kLinearSize members a table finds
+// their places, so that adding and erasing take constant time.
+// REQUIRES: the set is not changed during a walk over it.
 class CIdSet {
  public:
   size_t size() const noexcept { return _fIds.size(); }
@@ -20,7 +22,7 @@ class CIdSet {
   auto end() const noexcept { return _fIds.end(); }
   bool Contains(uint32_t id) const { return PlaceOf(id) != kNone; }
 
-  // Returns whether the number is new.
+  // True if the number is new.
   bool Add(uint32_t id) {
     if (PlaceOf(id) != kNone) {
       return false;
@@ -38,7 +40,7 @@ class CIdSet {
     return true;
   }
 
-  // Returns whether the number was there.
+  // True if the number was in the set.
   bool Erase(uint32_t id) {
     const uint32_t place = PlaceOf(id);
     if (place == kNone) {
@@ -80,7 +82,7 @@ class CIdSet {
   }
 
   std::vector<uint32_t> _fIds;
-  std::unique_ptr<CHashIndex> _fPlaces;  // of every member, once there are more than kLinearSize
+  std::unique_ptr<CHashIndex> _fPlaces;  // of all members, once there were more than kLinearSize
 };
 
 }  // namespace pysource

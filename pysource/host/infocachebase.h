@@ -1,7 +1,7 @@
-// What the floors below the info cache know of it: its signals, and that it can encode a record.
+// What the floors below the info cache know about it: its signals, and that it can encode a record.
 //
-// Records, derived-value caches and the singletons need to reach the one info cache of the process
-// without knowing its class.
+// Records, derived-value caches and the singletons use the one info cache of the process through
+// this class, without knowing the class that implements it.
 #pragma once
 
 #include <initializer_list>
@@ -18,7 +18,9 @@ class CScopeInfo;
 
 class CInfoCacheBase;
 
-// These scopes changed: from file to scope names, where kWildcardScope stands for all of the file.
+// These scopes changed: from each file to scope names, where kWildcardScope stands for the whole
+// file.
+// REQUIRES: handlers do not change the dictionary or its sets, which can be shared.
 inline constexpr CSignal<CInfoCacheBase, const CChangedDict&> kScopesModified{"scopes-modified"};
 
 // These scans must be run (again).
@@ -30,7 +32,7 @@ class CInfoCacheBase : public CDestroyable {
   using CDestroyable::CDestroyable;
   ~CInfoCacheBase() override;
 
-  // The encoded form of the record, made by the cache's one serializer.
+  // The encoded form of the record, made with the serializer of the cache.
   virtual Bytes EncodeScopeInfo(const scopeinfo::CScopeInfo& info) = 0;
 };
 

@@ -1,10 +1,10 @@
 // The store under CInsertionOrderedDict and CUsageOrderedDict: entries in numbered slots, linked in
 // an order, with a hash table over them.
 //
-// Slots lie in one array and are linked by number, so an entry costs no allocation of its own,
-// moving it in the order touches at most five slots, and a number stays good until its entry is
-// erased. Up to kLinearSize entries there is no table: comparing a few hashes in a row is faster,
-// and most dictionaries here hold one or two entries.
+// The slots are in one array and linked by number, so an entry needs no allocation of its own,
+// moving it in the order touches at most five slots, and a number is valid until its entry is
+// erased. Up to kLinearSize entries there is no table: comparing a few hashes one after the other
+// is faster, and most dictionaries here hold one or two entries.
 #pragma once
 
 #include <cstddef>
@@ -25,8 +25,8 @@ class CLinkedSlots {
   using Slot = uint32_t;
   static constexpr Slot kNone = CHashIndex::kNone;
 
-  // Named like the members of a pair, so that `for (auto& [key, value] : dict)` reads as usual. The
-  // key must not be changed in place.
+  // Named like the members of a pair, so that `for (auto& [key, value] : dict)` reads as usual.
+  // REQUIRES: nobody changes the key.
   struct Entry {
     Key first;
     Value second;
@@ -67,7 +67,7 @@ class CLinkedSlots {
   Slot Find(const K& key) const {
     return Find(key, HashOf(key));
   }
-  // With the hash of the key, for who needs it twice.
+  // With the hash of the key, for callers that need the hash twice.
   template <class K>
   Slot Find(const K& key, uint64_t hash) const {
     if (_fIndexed) {
@@ -83,7 +83,8 @@ class CLinkedSlots {
     return kNone;
   }
 
-  // Adds an entry whose key must be new, at the front or at the back of the order.
+  // Adds an entry at the front or at the back of the order.
+  // REQUIRES: the key is new.
   Slot Add(bool at_front, Key key, Value value) {
     const uint64_t hash = HashOf(key);
     return Add(at_front, std::move(key), hash, std::move(value));
@@ -117,8 +118,8 @@ class CLinkedSlots {
     }
   }
 
-  // Takes the entry out and returns it, so that whatever its destruction sets off finds this store
-  // in order.
+  // Removes the entry and returns it, so that code that runs when it is destroyed finds this store
+  // consistent.
   Entry Take(Slot slot) {
     Node& node = _fNodes[slot];
     if (_fIndexed) {
@@ -137,9 +138,9 @@ class CLinkedSlots {
 
   size_t MemoryUse() const { return _fNodes.capacity() * sizeof(Node) + _fIndex.MemoryUse(); }
 
-  // Walks the order, forwards from the front or backwards from the back. Entries may be added
-  // during a walk (they may or may not be met); the entry that the iterator stands on must not be
-  // taken.
+  // Walks over the order, forwards from the front or backwards from the back. Entries may be added
+  // during a walk, which may or may not visit them.
+  // REQUIRES: the entry at the iterator is not removed.
   template <bool kConst, bool kForward>
   class CIterator {
    public:
@@ -174,7 +175,7 @@ class CLinkedSlots {
  private:
   static constexpr size_t kLinearSize = 8;
 
-  // What a look-up and a move in the order touch comes first, and the key next to it.
+  // The fields that a look-up and a move in the order touch come first, then the key.
   struct Node {
     uint64_t hash = 0;
     Slot previous = kNone;
@@ -221,7 +222,7 @@ class CLinkedSlots {
   }
 
   std::vector<Node> _fNodes;
-  CHashIndex _fIndex;  // holds every live slot once _fIndexed is set, nothing before
+  CHashIndex _fIndex;  // holds every live slot once _fIndexed is set; empty before
   Slot _fFirst = kNone;
   Slot _fLast = kNone;
   Slot _fFree = kNone;  // head of the list of free slots

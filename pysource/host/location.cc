@@ -73,7 +73,7 @@ Loc CLocationCache::GetLocation(TextView url) {
     return known->second.get();
   }
   auto location = MakeLocation(url);
-  // A host that spells URLs in one way only can make one that is known under its own spelling.
+  // MakeLocation may normalise the URL, and a location with the normalised one may already exist.
   const TextView own_url = location->fUrl;
   return _fLocations.emplace(own_url, std::move(location)).first->second.get();
 }
@@ -91,7 +91,7 @@ size_t CLocationCache::Size() const {
 
 size_t CLocationCache::MemoryUse() const {
   const std::lock_guard lock(_fMutex);
-  // A node is a link, the view, the owning pointer and the hash.
+  // A node holds a link, the view, the owning pointer and the hash.
   size_t bytes = _fLocations.bucket_count() * sizeof(void*);
   for (const auto& [url, location] : _fLocations) {
     bytes +=

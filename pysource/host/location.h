@@ -1,9 +1,9 @@
 // Locations: which file a piece of information is about.
 //
-// A CResourceLocation is immutable but for fInspectTime, and is interned: CLocationCache makes one
-// object for each URL and keeps it as long as it lives itself. Everything else passes `Loc`, a
-// handle of one pointer. Two handles are equal when they name the same object or, failing that,
-// when the objects have the same URL; a test can make such equal but distinct objects.
+// A CResourceLocation is immutable except for fInspectTime, and is interned: CLocationCache makes
+// one object for each URL and keeps it as long as the cache exists. Everything else passes `Loc`, a
+// handle of one pointer. Two handles are equal when they point to the same object, or to objects
+// with the same URL; equal but distinct objects occur in tests.
 #pragma once
 
 #include <compare>
@@ -19,8 +19,8 @@
 
 namespace pysource {
 
-// One file or other resource. A host can derive from it, to answer DoesResourceExist from a virtual
-// file system or to mark locations that it inspects in the background.
+// One file or other resource. A host can derive from it, for a virtual file system or to mark
+// locations that it inspects in the background.
 class CResourceLocation {
  public:
   explicit CResourceLocation(Text url);
@@ -28,28 +28,28 @@ class CResourceLocation {
   CResourceLocation(const CResourceLocation&) = delete;
   CResourceLocation& operator=(const CResourceLocation&) = delete;
 
-  // Whether the resource is there now. The default asks the file system for "file://" URLs and says
-  // no to all others.
+  // Whether the resource exists now. The default asks the file system for "file://" URLs and
+  // returns false for all others.
   virtual bool DoesResourceExist() const;
 
-  // True for a location that is looked at in the background; until that was done, fInspectTime is
-  // 0.
+  // True for a location that is inspected in the background; until that is done, fInspectTime is 0.
   virtual bool IsAsyncInspected() const { return false; }
 
   size_t Hash() const noexcept { return _fHash; }
   Text Repr() const;
 
-  // The address. For a file it is "file://" and the absolute path, byte for byte, unescaped.
+  // The URL. For a file it is "file://" and the absolute path, byte for byte, without escapes.
   const Text fUrl;
 
-  // When an asynchronously inspected location was last looked at; 0 while it was not.
+  // When a location that is inspected in the background was last inspected; 0 until then.
   mutable double fInspectTime = 0;
 
  private:
   const size_t _fHash;
 };
 
-// The handle. A default-made one is absent. It does not own: the location cache outlives all users.
+// The handle of a location. A default-constructed one is absent. It does not own the object.
+// REQUIRES: the location cache outlives all handles.
 class Loc {
  public:
   constexpr Loc() noexcept = default;
@@ -68,8 +68,7 @@ class Loc {
   friend bool operator==(Loc a, Loc b) noexcept {
     return a._fLocation == b._fLocation || (a && b && SameUrl(*a, *b));
   }
-  // Orders by URL. Throws CTypeError when either is absent: an absent location has no place in an
-  // order.
+  // The order of the URLs. Throws CTypeError when either is absent.
   friend bool operator<(Loc a, Loc b);
 
  private:
@@ -79,14 +78,14 @@ class Loc {
   const CResourceLocation* _fLocation = nullptr;
 };
 
-// Whether the location is inspected in the background (and so may not have been looked at yet).
+// Whether the location is inspected in the background, and so may not have been inspected yet.
 bool IsAsyncInspectLocation(Loc loc);
 
-// The path that a "file://" location names; absent for any other.
+// The path of a "file://" location; absent for any other.
 std::optional<std::string> PathForLocation(Loc loc);
 
-// The URL of the file at `path`, which is made absolute against the working folder and normalised
-// ("." and ".." are resolved by name, symbolic links are not followed).
+// The URL of the file at `path`. Makes the path absolute against the working folder and normalises
+// it: resolves "." and ".." by name and follows no symbolic links.
 Text UrlForPath(const std::string& path);
 
 // Interns locations. Safe to use from several threads: scanners in worker threads intern the files
@@ -98,18 +97,18 @@ class CLocationCache {
   CLocationCache(const CLocationCache&) = delete;
   CLocationCache& operator=(const CLocationCache&) = delete;
 
-  // The one location of `url`, made on first use. Good as long as this cache.
+  // The one location of `url`, made on first use. Valid as long as this cache.
   Loc GetLocation(TextView url);
   Loc GetLocationForPath(const std::string& path);
 
-  // The location of the built-in names; made on first use and kept.
+  // The location of the built-in names, made on first use.
   Loc GetBuiltinLoc();
 
   size_t Size() const;
   size_t MemoryUse() const;
 
  protected:
-  // Makes the object for a URL that is new; a host overrides it to hand out its own class.
+  // Makes the object for a new URL. A host overrides it to use its own class.
   virtual std::unique_ptr<CResourceLocation> MakeLocation(TextView url) const;
 
  private:

@@ -1,4 +1,4 @@
-// Logs: one that can be closed, and one that always speaks.
+// Logs: one that can be closed, and one that always prints.
 #pragma once
 
 #include <cstdio>
@@ -9,13 +9,13 @@
 
 namespace pysource {
 
-// A log with a name. While it is closed (fOutputFile null, as at first) a call costs one
-// comparison: neither the format nor its arguments are touched.
+// A log with a name. While it is closed (fOutputFile is null, as it is at first), a call costs one
+// comparison and formats nothing.
 class CLogger {
  public:
   explicit CLogger(Text name) : fName(std::move(name)) {}
 
-  // Writes one line, "name: " and the format filled in with "%r" and "%s" (repr.h).
+  // Writes one line: "name: " and the format, whose "%r" and "%s" are filled in (repr.h).
   template <class... Args>
   void operator()(TextView format, const Args&... args) const {
     if (fOutputFile != nullptr) {
@@ -25,7 +25,7 @@ class CLogger {
 
   const Text fName;
 
-  // Where lines go; not owned. Null while logging is off.
+  // The file that lines are written to; not owned. Null while the log is closed.
   std::FILE* fOutputFile = nullptr;
 
  private:
@@ -35,8 +35,8 @@ class CLogger {
 // Writes one line to the standard output.
 void PrintLine(TextView line);
 
-// For states that should not occur but must not take an editor down: prints `msg % args` on the
-// standard output, always. One function, so that it is easy to send such lines elsewhere.
+// For states that should not occur but must not end an editor: always prints `msg % args` on the
+// standard output. One function, so that it is easy to send such lines elsewhere.
 template <class... Args>
 void CriticalLog(TextView msg, const Args&... args) {
   PrintLine(FormatPercent(msg, {FormatArg(args)...}));

@@ -20,7 +20,7 @@ void CManualLoop::Advance(unsigned ms) {
     _fNow = std::max(_fNow, _fTimeouts.front().order);
     RunFirst(_fTimeouts);
   }
-  // A callback may have moved the clock further itself.
+  // A callback may have moved the clock further.
   _fNow = std::max(_fNow, until);
 }
 
@@ -66,7 +66,7 @@ void CManualLoop::RunFirst(Queue& queue) {
   const bool cancelled = _fRunning.back() == 0;
   _fRunning.pop_back();
   if (again && !cancelled) {
-    // A timer of zero milliseconds moves on by one, or Advance would never end.
+    // A timer of zero milliseconds advances by one millisecond, or Advance would never end.
     pending.order += std::max(pending.period, &queue == &_fTimeouts ? 1U : 0U);
     Enter(queue, std::move(pending));
   }

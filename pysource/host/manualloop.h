@@ -1,5 +1,5 @@
-// A main loop that runs only when it is told to, with a clock that moves only when it is told to:
-// for tests, and for programs that have a loop of their own and call RunPending from it.
+// A main loop that runs, and whose clock moves, only when its owner says so: for tests, and for
+// programs with their own loop that call its operations from there.
 #pragma once
 
 #include <list>
@@ -9,8 +9,8 @@
 
 namespace pysource::velk {
 
-// Within one priority idle calls run in order of adding, each once a round; timers run in order of
-// their time, then of adding.
+// Idle calls of one priority run in the order in which they were added, each once a round. Timers
+// run in the order of their times, then in the order in which they were added.
 class CManualLoop : public CMainLoop {
  public:
   Tag timeout_add(unsigned ms, Callback callback) override;
@@ -18,11 +18,11 @@ class CManualLoop : public CMainLoop {
   Tag idle_add(Callback callback, int priority) override;
   void idle_remove(Tag tag) override;
 
-  // Moves the clock, running each timer that falls due at its time.
+  // Moves the clock forward and runs each timer that becomes due, at its time.
   void Advance(unsigned ms);
-  // Runs the first idle call that is pending; false when there is none.
+  // Runs the first pending idle call; false when there is none.
   bool RunOneIdle();
-  // Runs idle calls until none is left, at most `most` of them; returns how many ran.
+  // Runs idle calls until none is pending, but no more than `most`. Returns how many ran.
   size_t RunIdle(size_t most = 10000);
 
   size_t PendingIdleCount() const { return _fIdles.size(); }
@@ -35,19 +35,19 @@ class CManualLoop : public CMainLoop {
     unsigned period;  // of a timer, in milliseconds
     Callback callback;
   };
-  using Queue = std::list<Pending>;  // by order, then by time of entering
+  using Queue = std::list<Pending>;  // sorted by `order`, then by when they were added
 
   Tag Add(Queue& queue, int64_t order, unsigned period, Callback callback);
   static void Enter(Queue& queue, Pending pending);
   void Remove(Queue& queue, Tag tag);
-  // Runs the first entry, which is entered again if it asks for it and was not cancelled meanwhile.
+  // Runs the first entry, and adds it again if it returns true and was not cancelled meanwhile.
   void RunFirst(Queue& queue);
 
   Queue _fTimeouts;
   Queue _fIdles;
   int64_t _fNow = 0;  // milliseconds since the loop was made
   Tag _fLastTag = 0;
-  // The callbacks that are running (a callback may run the loop), zeroed when cancelled meanwhile.
+  // The tags of the running callbacks (a callback may run the loop); zero if cancelled meanwhile.
   std::vector<Tag> _fRunning;
 };
 

@@ -1,4 +1,4 @@
-// Who holds how much memory: what reports of long-lived processes are made of.
+// Memory use by owner, for reports of long-lived processes.
 #pragma once
 
 #include <cstddef>
@@ -9,8 +9,8 @@
 
 namespace pysource {
 
-// An owner with what it holds itself and what its parts hold, in bytes as asked of the allocator,
-// whose own overhead is not in it.
+// An owner, the bytes that it holds itself, and its parts. Counts the bytes that were requested
+// from the allocator, without its overhead.
 struct CMemoryUse {
   Text name;
   size_t own = 0;
@@ -25,15 +25,15 @@ struct CMemoryUse {
   }
 };
 
-// What a text has outside of its own object.
+// The bytes of a text outside its own object.
 inline size_t HeapUse(const Text& text) {
-  // A short text lies in the object itself.
+  // A short text is stored in the object itself.
   static const size_t inside = Text().capacity();
   return text.capacity() <= inside ? 0 : text.capacity() + 1;
 }
 
 inline size_t HeapUse(const TextSet& set) {
-  // A node is a link, the text and its hash.
+  // A node holds a link, the text and its hash.
   size_t bytes = set.bucket_count() * sizeof(void*);
   for (const Text& text : set) {
     bytes += 2 * sizeof(void*) + sizeof(Text) + HeapUse(text);

@@ -9,8 +9,8 @@
 
 namespace pysource {
 
-// Replacing a value keeps the place of its key. Look-up, storing and erasing take constant time.
-// The hash and the equality decide what a key can be looked up by.
+// Replacing a value keeps the place of its key. Looking up, storing and erasing take constant time.
+// Keys can be looked up by every type that the hash and the equality accept.
 template <class Key, class Value, class Hash = std::hash<Key>, class Equal = std::equal_to<>>
 class CInsertionOrderedDict {
   using Slots = CLinkedSlots<Key, Value, Hash, Equal>;
@@ -30,7 +30,7 @@ class CInsertionOrderedDict {
   const_iterator begin() const { return {&_fSlots, _fSlots.First()}; }
   const_iterator end() const { return {&_fSlots, Slots::kNone}; }
 
-  // The value of `key`, or null. Good until the next key is stored or this one erased.
+  // The value of `key`, or null. Valid until the next key is stored or this one is erased.
   template <class K>
   Value* Find(const K& key) {
     const auto slot = _fSlots.Find(key);
@@ -46,20 +46,21 @@ class CInsertionOrderedDict {
     return _fSlots.Find(key) != Slots::kNone;
   }
 
-  // Stores the value under the key, at the key's old place or at the end.
+  // Stores the value under the key: at the key's old place, or at the end for a new key.
   Value& Set(Key key, Value value) {
     const uint64_t hash = Slots::HashOf(key);
     const auto slot = _fSlots.Find(key, hash);
     if (slot == Slots::kNone) {
       return _fSlots.At(_fSlots.Add(false, std::move(key), hash, std::move(value))).second;
     }
-    // Swapped, not assigned: what the old value's end sets off finds the new one in place.
+    // Swapped, not assigned: code that runs when the old value is destroyed finds the new one in
+    // place.
     std::swap(_fSlots.At(slot).second, value);
     return _fSlots.At(slot).second;
   }
 
-  // The value of `key`, stored as a default-made one if the key is new. The key can be anything
-  // that a key can be looked up by and made from.
+  // The value of `key`. For a new key, stores a default-constructed value first. `key` can be of
+  // any type by which keys can be looked up and from which one can be made.
   template <class K>
   Value& GetOrMake(const K& key) {
     const uint64_t hash = Slots::HashOf(key);
@@ -70,12 +71,13 @@ class CInsertionOrderedDict {
     return _fSlots.At(slot).second;
   }
 
-  // Stores the value at the end, under a key that is new.
+  // Stores the value at the end.
+  // REQUIRES: the key is new.
   Value& Add(Key key, Value value) {
     return _fSlots.At(_fSlots.Add(false, std::move(key), std::move(value))).second;
   }
 
-  // Takes the value out; absent when the key is unknown.
+  // Removes the key and returns its value; absent if the key is unknown.
   template <class K>
   std::optional<Value> Pop(const K& key) {
     const auto slot = _fSlots.Find(key);
@@ -91,7 +93,7 @@ class CInsertionOrderedDict {
 
   void clear() { _fSlots.Clear(); }
 
-  // Equal when the same keys hold equal values, in whatever order.
+  // Equal when the same keys have equal values, in any order.
   friend bool operator==(const CInsertionOrderedDict& a, const CInsertionOrderedDict& b) {
     if (a.size() != b.size()) {
       return false;

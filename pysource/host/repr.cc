@@ -36,8 +36,8 @@ Text ReprOfDouble(double value) {
   if (std::isnan(value)) {
     return "nan";
   }
-  // A time of modification must read as one, so exponents are for what is out of all proportion:
-  // below 1e-4, from 1e16 on.
+  // A modification time must be readable, so only very small and very large numbers get an
+  // exponent: below 1e-4, and from 1e16 on.
   const double size = std::fabs(value);
   const bool fixed = value == 0 || (size >= 1e-4 && size < 1e16);
   std::array<char, 40> buffer{};

@@ -1,15 +1,15 @@
-// One text form for each value, for logs, dumps and test failures alike, and the two ways in which
-// messages are filled in: with "%" and with "{}".
+// One text form for each value, for logs, dumps and test failures, and the two ways to fill in
+// messages: with "%" and with "{}".
 //
-//   text, bytes     quoted: 'a.b', with \n, \\, \' and \xNN for what does not print
+//   text, bytes     quoted: 'a.b', with \n, \\, \' and \xNN for what is not printable
 //   bool            True, False
-//   double          shortest digits that read back the same: 1.0, 1700000000.25, 1e+16
+//   double          the shortest digits that read back as the same: 1.0, 1700000000.25, 1e+16
 //   absent          None
 //   pair            (first, second)
 //   list            [a, b]
 //   set             {a, b}, set() when empty
 //   dictionary      {key: value}
-//   anything else   what its member Repr() gives
+//   anything else   what its member Repr() returns
 #pragma once
 
 #include <concepts>
@@ -112,8 +112,8 @@ Text Repr(const T& value) {
   }
 }
 
-// One argument of a message: a reference to a value, turned into text only when it is needed. It
-// must not outlive the call that it is made for.
+// One argument of a message: a reference to a value, turned into text only when it is needed.
+// REQUIRES: it does not outlive the call for which it is made.
 class FormatArg {
  public:
   template <class T>
@@ -122,7 +122,7 @@ class FormatArg {
       : _fValue(std::addressof(value)), _fRepr(&ReprValue<T>), _fPlain(&PlainValue<T>) {}
 
   Text Repr() const { return _fRepr(_fValue); }
-  // As Repr, but text stands for itself, without quotes.
+  // Like Repr, but text stands for itself, without quotes.
   Text Plain() const { return _fPlain(_fValue); }
 
  private:
@@ -144,11 +144,11 @@ class FormatArg {
   Text (*_fPlain)(const void*);
 };
 
-// Fills in "%r" with the text form of the next argument, "%s" and "%d" with its plain form, and
-// "%%" with a "%". Missing arguments leave their place as it stands; surplus ones are left out.
+// Replaces "%r" by the text form of the next argument, "%s" and "%d" by its plain form, and "%%" by
+// "%". A place without an argument stays as it is; surplus arguments are ignored.
 Text FormatPercent(TextView format, std::initializer_list<FormatArg> args);
 
-// Fills in each "{}" with the plain form of the next argument.
+// Replaces each "{}" by the plain form of the next argument.
 Text FormatBraces(TextView format, std::initializer_list<FormatArg> args);
 
 }  // namespace pysource

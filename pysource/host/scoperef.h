@@ -1,4 +1,4 @@
-// Scopes of files, and what a scan has seen of them: the small types that database, records and
+// Scopes of files, and the scopes that a scan has seen: the small types that database, records and
 // cache share.
 #pragma once
 
@@ -23,7 +23,7 @@ struct CScopeRef {
   Text Repr() const;
 };
 
-// The same without a copy of the name, for look-ups.
+// The same with a view of the name, for look-ups.
 struct CScopeRefView {
   CScopeRefView(Loc l, TextView s) : loc(l), scope(s) {}
   // NOLINTNEXTLINE(google-explicit-constructor): a view of the same thing
@@ -48,23 +48,23 @@ struct CScopeRefEqual {
 
 using CScopeRefSet = std::unordered_set<CScopeRef, CScopeRefHash, CScopeRefEqual>;
 
-// A disk time in seconds: a real one, or one of the three markers in records/vocabulary.h. Two
-// unequal times are different contents; no order holds between them.
+// A disk time in seconds: a real one, or one of the three markers in records/vocabulary.h. Unequal
+// times mean different contents; which content is newer is not known from them.
 using DiskTime = double;
 
 // The scopes that were read to make a record, each with the disk time of its file at that point.
 using CScopesSeenDict = CInsertionOrderedDict<CScopeRef, DiskTime, CScopeRefHash, CScopeRefEqual>;
 
-// Null is absent, which is not the same as empty. The dictionary can be shared between a stored
-// record and the live CScopeInfo that it came from; its times are then restamped for both.
+// Null means absent, which is not the same as empty. A stored record and the live CScopeInfo that
+// it came from can share the dictionary; a change of its times then applies to both.
 using CScopesSeenPtr = std::shared_ptr<CScopesSeenDict>;
 
-// From file to the names of its scopes that changed. The sets can be shared between files, and must
-// not be changed by whoever is handed the dictionary.
+// From each file to the names of its scopes that changed.
+// REQUIRES: receivers do not change the sets, which files can share.
 using CChangedDict = CInsertionOrderedDict<Loc, std::shared_ptr<TextSet>>;
 
-// One scan to run: which scope of which file, by which scan. kWildcardScope asks for the whole
-// file. A record that no named scan made has an empty scan name.
+// One scan to run: the file, the scope and the name of the scan. kWildcardScope stands for the
+// whole file. The scan name is empty for a record that no named scan made.
 struct CNeedsScan {
   Loc scanned_loc;
   Text scanned_scope;
@@ -83,8 +83,8 @@ struct CNeedsScanHash {
 
 using CNeedsScanSet = std::unordered_set<CNeedsScan, CNeedsScanHash>;
 
-// How urgent a needs-scan report is: absent, 1 (scopes changed in an analysis) or 2 (files changed
-// outside).
+// The urgency of kNeedsScanAdded: absent, 1 (scopes of an analysis changed) or 2 (files changed on
+// disk).
 using Priority = std::optional<int>;
 
 }  // namespace pysource

@@ -1,4 +1,5 @@
-// The out-of-line parts of the abstract services: what anchors their classes in one object file.
+// The out-of-line parts of the abstract services, which place their virtual tables in one object
+// file.
 
 #include "pysource/host/analysisdb.h"
 #include "pysource/host/analysismgr.h"

@@ -1,4 +1,5 @@
-// The one way to the objects that exist once in a process.
+// The objects that exist once in a process, reached through one function. Tests replace them as a
+// whole.
 #pragma once
 
 #include "pysource/host/destroyable.h"
@@ -9,7 +10,8 @@ class CSavableManager;
 class CCacheManager;
 struct CAnalysisManager;
 
-// The managers are not owned. They exist before the first info cache is made and outlive it.
+// The managers are not owned.
+// REQUIRES: the managers exist before the first info cache is made, and outlive it.
 struct CSingletons {
   CSavableManager* fSavableMgr = nullptr;
   CCacheManager* fCacheMgr = nullptr;
@@ -20,11 +22,12 @@ struct CSingletons {
 
 namespace singleton {
 
-// The current singletons: those set last, or an empty set of the process's own.
+// The current singletons: those set last, or the default ones of the process, which are empty at
+// first.
 CSingletons& GetSingletons();
 
-// Makes `singletons` the current ones (null for the process's own) and returns the ones before. Not
-// owned; a test makes its own world with it and puts the old one back at its end.
+// Makes `singletons` the current ones (null: the default ones) and returns those before. Not owned.
+// A test uses it to make its own world, and restores the old one at its end.
 CSingletons* SetSingletons(CSingletons* singletons);
 
 }  // namespace singleton

@@ -8,7 +8,7 @@
 namespace pysource {
 namespace {
 
-// Up to here comparing names one by one beats making a table.
+// Up to this size, comparing names one by one is faster than making a table.
 constexpr uint32_t kLinearSize = 8;
 
 }  // namespace
@@ -42,8 +42,8 @@ void CStrDict::DetachItems() {
     for (const Item& item : *this) {
       bytes += item.first.size() + item.second.size();
     }
-    // All texts are copied, not the items alone: this arena then stands for itself when this
-    // dictionary is copied in turn, and what it borrowed ends with it.
+    // Copies all texts, not only the items: so the new arena depends on no other when this
+    // dictionary is copied in turn, and the borrowed arena is released with this dictionary.
     _fBorrowedArena = std::exchange(_fArena, CArena(bytes));
   }
   auto* const items = static_cast<Item*>(_fArena.Allocate(_fSize * sizeof(Item), alignof(Item)));
@@ -88,7 +88,7 @@ uint32_t CStrDict::Find(TextView name) const {
 void CStrDict::Set(TextView name, BytesView ibytes) {
   const uint32_t at = Find(name);
   if (at != kNone) {
-    // Merging stores what is there already again and again, and the arena never gives back.
+    // Merging often stores a value again that is already there, and the arena never frees memory.
     if (_fItems[at].second != ibytes) {
       MakeItemsOwn();
       _fItems[at].second = _fArena.Store(ibytes);
@@ -144,7 +144,7 @@ void CStrDict::Reserve(size_t capacity) {
   if (capacity <= _fCapacity) {
     return;
   }
-  // The old items stay behind in the arena: sizes double, so they are less than what is used.
+  // The old items stay in the arena. The capacity doubles, so they take less than the items in use.
   auto* const items = static_cast<Item*>(_fArena.Allocate(capacity * sizeof(Item), alignof(Item)));
   std::uninitialized_copy(_fItems, _fItems + _fSize, items);
   _fItems = items;

@@ -1,4 +1,4 @@
-// The dictionary of a record: from a symbol name to what is known of it.
+// The dictionary of a record: from a symbol name to what is known about it.
 #pragma once
 
 #include <cstddef>
@@ -19,16 +19,17 @@ namespace pysource {
 
 // From text to bytes, in the order in which the names were first stored; replacing a value keeps
 // the place. Names and values are views into an arena, which the dictionaries of one record share,
-// so a decoded record is one block of memory and copying out is never needed to look at it. A view
-// stays good as long as the dictionary lives, also when its name gets another value.
+// so a decoded record is one block of memory and reading it copies nothing. A view stays valid as
+// long as the dictionary lives, also when its name gets another value.
 //
-// A copy shares the memory until one of the two changes, which then makes items of its own first:
-// most copies of records are never changed. A copy never stores into the memory that it shares, so
-// a record that is copied again and again does not grow. Dictionaries that share memory belong to
-// one thread at a time, like the arena.
+// A copy shares the memory until one of the two changes; the one that changes first makes its own
+// items: most copies of records are never changed. A copy never stores into the memory that it
+// shares, so a record that is copied again and again does not grow.
 //
-// Look-up is by binary search while names were stored in ascending order (as they come out of a
-// decoder), by a hash table otherwise once there are more than a few.
+// A look-up is a binary search while the names were stored in ascending order, as a decoder does.
+// Otherwise it walks over the names, or uses a hash table if there are more than a few.
+//
+// REQUIRES: dictionaries that share memory are used by one thread at a time, like the arena.
 class CStrDict {
  public:
   using key_type = TextView;
@@ -41,9 +42,10 @@ class CStrDict {
 
   CStrDict() noexcept = default;
   CStrDict(std::initializer_list<std::pair<TextView, BytesView>> items);
-  // An empty dictionary that puts what it stores into `arena`, with room for `capacity` names.
+  // An empty dictionary that stores into `arena`, with room for `capacity` names.
   CStrDict(CArena arena, size_t capacity);
-  // The same in `room` for that many names, which was allocated from the arena.
+  // The same, with the items in `room`.
+  // REQUIRES: `room` was allocated from the arena and has room for `capacity` items.
   CStrDict(CArena arena, Item* room, size_t capacity) noexcept
       : _fArena(std::move(arena)), _fItems(room), _fCapacity(static_cast<uint32_t>(capacity)) {}
   CStrDict(const CStrDict& other);
@@ -61,16 +63,16 @@ class CStrDict {
 
   std::optional<BytesView> Get(TextView name) const;
   bool Contains(TextView name) const { return Find(name) != kNone; }
-  // Whether the items stand in ascending order of their names.
+  // Whether the items are in ascending order of their names.
   bool IsAscending() const noexcept { return _fAscending; }
 
-  // Stores copies of both.
+  // Stores copies of the name and the value.
   void Set(TextView name, BytesView ibytes);
-  // Stores the views as they are: they must point into the arena that this dictionary was made
-  // with.
+  // Stores the views as they are.
+  // REQUIRES: both point into the arena that this dictionary was made with.
   void SetStored(TextView name, BytesView ibytes) {
-    // A decoder's names ascend, and there is room for them: then there is nothing to look for, and
-    // while names ascend there is no index. Room behind items that are shared is nobody else's.
+    // The usual case of a decoder: the names ascend and there is room. Then the name is new, and
+    // there is no index to update. Shared items are no obstacle: no copy uses the room after them.
     if (_fSize != _fCapacity && _fAscending &&
         (_fSize == 0 || IsBelow(_fItems[_fSize - 1].first, name))) [[likely]] {
       new (_fItems + _fSize++) Item{name, ibytes};
@@ -81,13 +83,13 @@ class CStrDict {
   bool Erase(TextView name);
   void clear();
 
-  // Bytes beyond the object itself. `seen` keeps what is shared from being counted twice.
+  // The bytes beyond the object itself. `seen` prevents shared memory from being counted twice.
   size_t MemoryUse(std::unordered_set<const void*>& seen) const {
     return _fArena.MemoryUse(seen) + _fBorrowedArena.MemoryUse(seen) +
            (_fIndex == nullptr ? 0 : sizeof(CHashIndex) + _fIndex->MemoryUse());
   }
 
-  // Equal when the same names have equal values, in whatever order.
+  // Equal when the same names have equal values, in any order.
   friend bool operator==(const CStrDict& a, const CStrDict& b);
 
  private:
@@ -95,7 +97,7 @@ class CStrDict {
 
   void SetStoredAnywhere(TextView name, BytesView ibytes);
   uint32_t Find(TextView name) const;
-  // To be called before any change.
+  // REQUIRES: every operation calls it before it changes an item.
   void MakeItemsOwn() {
     if (_fItemsShared) [[unlikely]] {
       DetachItems();
@@ -117,14 +119,14 @@ class CStrDict {
   }
 
   CArena _fArena;
-  CArena _fBorrowedArena;   // of a copy that changed: the one it shared, for views that are out
+  CArena _fBorrowedArena;   // of a copy that changed: what it shared, which views may point into
   Item* _fItems = nullptr;  // in _fArena
   uint32_t _fSize = 0;
   uint32_t _fCapacity = 0;
-  bool _fAscending = true;             // every name is above the one before it
-  bool _fArenaBorrowed = false;        // another dictionary made it
-  mutable bool _fItemsShared = false;  // another dictionary reads these very items
-  // Made by the first look-up that needs it; dropped when positions change.
+  bool _fAscending = true;             // every name is greater than the one before it
+  bool _fArenaBorrowed = false;        // another dictionary made _fArena
+  mutable bool _fItemsShared = false;  // another dictionary uses the same items
+  // Made by the first look-up that needs it; removed when positions change.
   mutable std::unique_ptr<CHashIndex> _fIndex;
 };
 

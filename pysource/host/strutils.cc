@@ -72,7 +72,7 @@ bool IsUtf8Beyond127(BytesView s) noexcept {
       return false;
     }
     const unsigned second = at[1];
-    // The second byte carries the rest of the rule: no overlong form, no surrogate, nothing above
+    // The range of the second byte rules out overlong forms, surrogates and anything above
     // U+10FFFF.
     const unsigned low = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
     const unsigned high = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;

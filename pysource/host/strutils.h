@@ -8,10 +8,10 @@
 
 namespace pysource {
 
-// Text and bytes are one type here, so these do nothing but say which is meant.
+// Text and bytes are the same type here, so these only show which is meant.
 inline BytesView AsUtf8(TextView s) { return s; }
 inline TextView AsStr(BytesView s) { return s; }
-// The text of the bytes from `begin` up to `end`, or what there is of it.
+// The bytes from `begin` up to `end` as text, clipped to those that exist.
 inline TextView AsStr(BytesView s, size_t begin, size_t end) {
   return begin < end && begin < s.size() ? s.substr(begin, end - begin) : TextView();
 }
@@ -19,13 +19,12 @@ inline TextView AsStr(BytesView s, size_t begin, size_t end) {
 // The UTF-8 bytes of a text, without a copy.
 inline BytesView GetUtf8Ptr(TextView u) { return u; }
 
-// The byte at `i`, counting from the end for negative `i`. Throws CValueError when there is none.
+// The byte at `i`, counted from the end for a negative `i`. Throws CValueError when there is none.
 uint8_t OrdAt(BytesView s, int64_t i);
 char GetOneByte(BytesView s, size_t i);
 
-// The URL in the form that can stand in info bytes. Every byte outside A-Z a-z 0-9 - . _ ~ / :
-// becomes "%" and two upper-case hex digits, so there is no space, ";", bracket or NUL in the
-// result.
+// The URL in a form that can be part of info bytes. Every byte outside A-Z a-z 0-9 - . _ ~ / :
+// becomes "%" and two upper-case hex digits, so the result has no space, ";", bracket or NUL.
 Bytes EncodeUrl(BytesView url);
 
 // Whether no byte is above 127.
@@ -42,8 +41,8 @@ inline bool IsAscii(BytesView s) noexcept {
   return (all & 0x8080808080808080ULL) == 0;
 }
 
-// Whether the bytes are well-formed UTF-8 (no surrogates, no overlong forms). Nearly all names are
-// ASCII, which takes a few instructions.
+// Whether the bytes are well-formed UTF-8 (no surrogates, no overlong forms). For ASCII, as nearly
+// all names are, this takes a few instructions.
 bool IsUtf8Beyond127(BytesView s) noexcept;
 inline bool IsUtf8(BytesView s) noexcept { return IsAscii(s) || IsUtf8Beyond127(s); }
 

@@ -1,4 +1,5 @@
-// A dictionary that keeps its keys in order of use, so that the least used can be given up first.
+// A dictionary that keeps its keys in the order of use, so that its owner can remove the least
+// recently used ones first. It removes nothing itself.
 #pragma once
 
 #include <functional>
@@ -10,11 +11,12 @@
 
 namespace pysource {
 
-// Iteration runs from the most to the least recently used key; rbegin() to rend() the other way.
-// Every operation takes constant time but for those that take a sequence; Get allocates nothing.
+// Iteration runs from the most to the least recently used key, from rbegin() to rend() the other
+// way. Every operation takes constant time, except those that take a sequence or copy keys. Get
+// allocates nothing.
 //
-// A key that is new and stored without counting as a use enters at the least recently used end: a
-// bulk read of things that nobody asked for must not push out what is in use.
+// A new key that is stored without counting as a use enters at the least recently used end: a bulk
+// read of scopes that nobody asked for must not push out those in use.
 template <class Key, class Value, class Hash = std::hash<Key>, class Equal = std::equal_to<>>
 class CUsageOrderedDict {
   using Slots = CLinkedSlots<Key, Value, Hash, Equal>;
@@ -26,8 +28,8 @@ class CUsageOrderedDict {
   using const_iterator = typename Slots::template CIterator<true, true>;
   using const_reverse_iterator = typename Slots::template CIterator<true, false>;
 
-  // The value of `key`, or null. Marks the key as most recently used. The pointer is good until the
-  // next Set or removal.
+  // The value of `key`, or null. Marks the key as the most recently used. The pointer is valid
+  // until the next Set or removal.
   template <class K>
   Value* Get(const K& key) {
     const auto slot = _fSlots.Find(key);
@@ -45,8 +47,8 @@ class CUsageOrderedDict {
     return slot == Slots::kNone ? nullptr : &_fSlots.At(slot).second;
   }
 
-  // Stores the value. With `count_as_use` the key becomes the most recently used; without it a
-  // known key keeps its place and a new one enters at the least recently used end.
+  // Stores the value. With `count_as_use` the key becomes the most recently used. Without it, a
+  // known key keeps its place, and a new one enters at the least recently used end.
   void Set(Key key, Value value, bool count_as_use = true) {
     const uint64_t hash = Slots::HashOf(key);
     const auto slot = _fSlots.Find(key, hash);
@@ -57,12 +59,12 @@ class CUsageOrderedDict {
     if (count_as_use) {
       _fSlots.MoveToFront(slot);
     }
-    // Swapped, not assigned: what the old value's end sets off finds the new one in place.
+    // Swapped, not assigned: code that runs when the old value is destroyed finds the new one in
+    // place.
     std::swap(_fSlots.At(slot).second, value);
   }
 
-  // Enters what `key` looks up at the least recently used end, unless it is known; `make()` gives
-  // the key to be stored then.
+  // If `key` is unknown, adds it at the least recently used end; `make()` returns the key to store.
   template <class K, class Make>
   void EnterUnused(const K& key, Make make, Value value) {
     const uint64_t hash = Slots::HashOf(key);
@@ -71,8 +73,8 @@ class CUsageOrderedDict {
     }
   }
 
-  // ---- Entries by number. A number stays good until its entry is removed, and costs no hashing;
-  // the numbers of removed entries are used again.
+  // ---- Entries by number, without hashing. A number is valid until its entry is removed; then it
+  // can be used again for another entry.
 
   using Slot = typename Slots::Slot;
   static constexpr Slot kNoSlot = Slots::kNone;
@@ -86,7 +88,8 @@ class CUsageOrderedDict {
   Value& ValueAt(Slot slot) { return _fSlots.At(slot).second; }
   Entry TakeAt(Slot slot) { return _fSlots.Take(slot); }
   void MarkUsed(Slot slot) { _fSlots.MoveToFront(slot); }
-  // Enters a key that is new as the most recently used.
+  // Adds a key as the most recently used.
+  // REQUIRES: the key is new.
   Slot Add(Key key, Value value) { return _fSlots.Add(true, std::move(key), std::move(value)); }
 
   template <class K>
@@ -110,7 +113,7 @@ class CUsageOrderedDict {
     return result;
   }
 
-  // Takes the value out; absent when the key is unknown.
+  // Removes the key and returns its value; absent if the key is unknown.
   template <class K>
   std::optional<Value> pop(const K& key) {
     const auto slot = _fSlots.Find(key);

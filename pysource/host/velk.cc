@@ -15,7 +15,7 @@ namespace {
 
 CMainLoop* gMainLoop = nullptr;
 
-// Has an address inside the object that this file was linked into.
+// Its address is inside the executable or library that this file was linked into.
 const char kAnchor = 0;
 
 }  // namespace
@@ -61,8 +61,8 @@ std::string ModulePath() {
     return {};
   }
   std::string path = info.dli_fname;
-  // The executable itself has no name in its link map, and the path that it was started by, which
-  // may be relative, in `info`.
+  // The executable itself has no name in its link map; `info` has the path that it was started
+  // with, which may be relative.
   if (*static_cast<const link_map*>(map)->l_name == '\0') {
     std::array<char, 4096> buffer{};
     const ssize_t size = readlink("/proc/self/exe", buffer.data(), buffer.size());

@@ -1,7 +1,7 @@
-// Short runs of bytes taken as one or two 64-bit words, so that a name of the usual length is
+// Operations on short runs of bytes as one or two 64-bit words: a name of the usual length is
 // compared, hashed and copied with a few instructions instead of a call or a loop.
 //
-// The first byte is the lowest of a word, whatever the machine's own order.
+// The first byte is the lowest byte of a word, whatever the byte order of the machine.
 #pragma once
 
 #include <algorithm>
@@ -29,13 +29,15 @@ inline void StoreWord(char* at, uint64_t word) noexcept {
   std::memcpy(at, &word, sizeof(word));
 }
 
-// The first `size` bytes of the word, one to eight, zeros behind them; for more all of it.
+// The first `size` bytes of the word, followed by zeros; the whole word for eight and more.
+// REQUIRES: `size` is at least one.
 inline uint64_t FirstBytes(uint64_t word, size_t size) noexcept {
   return word & (~uint64_t{0} >> (8 * (kWordSize - std::min(size, kWordSize))));
 }
 
-// The `size` bytes at `at`, fewer than eight, zeros behind them. Loads overlap, so that there is no
-// loop over the bytes and none that is not there is touched.
+// The `size` bytes at `at`, followed by zeros. The loads overlap, so there is no loop, and no byte
+// beyond them is read.
+// REQUIRES: `size` is less than eight.
 inline uint64_t LoadShort(const char* at, size_t size) noexcept {
   const auto byte = [at](size_t i) -> uint64_t { return static_cast<unsigned char>(at[i]); };
   if (size >= 4) {
@@ -52,7 +54,8 @@ inline uint64_t LoadShort(const char* at, size_t size) noexcept {
   return byte(0) | byte(size / 2) << (8 * (size / 2)) | byte(size - 1) << (8 * (size - 1));
 }
 
-// Whether `a` stands before `b` in byte order. Names mostly differ in their first eight bytes.
+// Whether `a` is less than `b` in byte order. Fast, since most names differ in their first eight
+// bytes.
 inline bool IsBelow(std::string_view a, std::string_view b) noexcept {
   const auto first = [](std::string_view s) {
     const uint64_t word =
@@ -64,8 +67,9 @@ inline bool IsBelow(std::string_view a, std::string_view b) noexcept {
   return first_a != first_b ? first_a < first_b : a < b;
 }
 
-// Copies `size` bytes, eight or more; the last word overlaps the one before it. For what is mostly
-// so short that a call costs more than the copying.
+// Copies `size` bytes; the last word can overlap the one before it. For data that is mostly so
+// short that a call costs more than the copying.
+// REQUIRES: `size` is at least eight.
 inline void CopyWords(char* to, const char* from, size_t size) noexcept {
   for (size_t i = 0; i + kWordSize < size; i += kWordSize) {
     std::memcpy(to + i, from + i, kWordSize);
