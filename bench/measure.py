@@ -1,9 +1,9 @@
 """Measures the programs that bench/run has built, and prints a table in Markdown.
 
-Whole processes are run here, in turn with their peers; what is measured within one process is
-bench_pairs' business, which prints a line of JSON for each pair. Everything is a ratio of medians of
-one run, so that the machine and what else it does count as little as they can. Processor time is
-that of the process and its threads, user and system together.
+Runs whole processes here, alternately with their peers. bench_pairs measures within one process and
+prints a line of JSON for each pair. Every result is a ratio of medians of one run, so that the
+machine and its other work have as little influence as possible. Processor time is that of the
+process and its threads, user and system time together.
 """
 
 import json
@@ -56,7 +56,7 @@ class Run:
 
 
 def in_turn(rounds, *makers):
-    """Runs the makers in turn, so many times; returns a list of runs for each."""
+    """Runs the makers alternately, `rounds` times; returns a list of runs for each."""
     runs = [[] for _ in makers]
     for _ in range(rounds):
         for made, make in zip(runs, makers):
@@ -69,7 +69,7 @@ def median(runs, field):
 
 
 class Table:
-    """The rows of the answer: what, against what, both figures, their ratio and the target."""
+    """The rows of the result: what, compared with what, both figures, their ratio, the target."""
 
     def __init__(self):
         self.rows = []
@@ -86,7 +86,7 @@ class Table:
         self.rows.append((what, against, f"{number(project)} {unit}", f"{number(peer)} {unit}", shown, goal, met, remark))
 
     def add_amount(self, what, against, project, peer, unit, target, remark=""):
-        """The target is a bound on how much more it may be."""
+        """Adds a row whose target bounds the difference, not the ratio, of the two figures."""
         more = project - peer
         met = "yes" if more <= target else "**no**"
         self.rows.append((what, against, f"{number(project)} {unit}", f"{number(peer)} {unit}",
@@ -106,7 +106,7 @@ def number(value):
     return f"{value:,.0f}" if value >= 1000 else f"{value:.3g}"
 
 
-# What this machine and its programs are.
+# The machine and the versions of its programs.
 
 
 def first_line(command):
@@ -145,7 +145,7 @@ def describe(library, files):
 
 
 def python_files(root):
-    """The files that an index takes, more or less: for counts, and for making trees."""
+    """About the files that an index run scans: for counts, and for making trees."""
     left_out = {"site-packages", "dist-packages", "__pycache__", "node_modules"}
     files = []
     for folder, folders, names in os.walk(root):
@@ -243,7 +243,7 @@ print([name.name for name in names])
 def measure_show(table, library, db, work):
     say("One question, as a whole process")
     file, scope = library / "json/decoder.py", "JSONDecoder"
-    # Debian's python, which Debian's jedi belongs to.
+    # Debian's Python, for which Debian's jedi is installed.
     jedi = ["/usr/bin/python3", "-c", JEDI, work / "jedi", file, scope]
     Run(jedi)  # fills its cache
     show, floor, jedis = in_turn(
@@ -283,7 +283,7 @@ def measure_ctags(table, root, work, rounds):
 
 
 def make_trees(library, work):
-    """1,000 files, and ten copies of them; copy 0 is alike in both."""
+    """A tree of 1,000 files, and one of ten copies of them; copy 0 is the same in both."""
     files = python_files(library)
     step = len(files) / 1000 if len(files) >= 1000 else 1
     chosen = [files[int(i * step)] for i in range(min(1000, len(files)))]
@@ -344,7 +344,7 @@ def print_stages(stages):
 
 
 def print_operations(library):
-    """The trim and the refill, which have no peer."""
+    """Prints the trim and the refill, which have no peer."""
     say("Trim and refill")
     run = Run([OPERATIONS, "--benchmark_filter=Trim|Refill", "--benchmark_format=json", "--benchmark_min_time=0.2"],
               {"SCOPEINFO_BENCH_ROOT": str(library)})

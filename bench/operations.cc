@@ -1,14 +1,14 @@
-// The operations that the cache and its reader live on, one by one.
+// The most frequent operations of the cache, measured one by one.
 //
-//   Encode            a record to bytes
-//   Decode            bytes to a record
-//   AskHot, AskZipf   a scope whose merged record is in memory, of 20,000
-//   Merge             a scope whose records are in memory as bytes
-//   FirstRead         all scopes of a file that is in the database only
-//   Add               a file's records, as a scan gives them
-//   Write             a file's records to the database
-//   Trim              from 20,000 scopes and some more to three quarters
-//   Refill            all that was trimmed, from the database again
+//   Encode            encodes a record
+//   Decode            decodes a record
+//   AskHot, AskZipf   read a scope whose merged record is in memory, one of 20,000
+//   Merge             reads a scope whose records are in memory as bytes
+//   FirstRead         reads all scopes of a file that is only in the database
+//   Add               adds the records of a file, as a scan makes them
+//   Write             writes the records of a file to the database
+//   Trim              trims somewhat more than 20,000 scopes to three quarters
+//   Refill            reads everything that was trimmed from the database again
 #include <benchmark/benchmark.h>
 
 #include <optional>
@@ -21,7 +21,7 @@
 namespace pysource::bench {
 namespace {
 
-// Made at the first use; shared, since scanning takes longer than most that is measured.
+// Made on first use and shared: scanning takes longer than most of the measured operations.
 struct CInput {
   CBenchWorld world;
   CCorpus corpus = ScanCorpus(world, CorpusRoot());
@@ -92,7 +92,7 @@ BENCHMARK(AskHot)->Unit(benchmark::kMillisecond);
 void AskZipf(benchmark::State& state) { Ask(state, ZipfDraws(Input().requests.size(), 65536)); }
 BENCHMARK(AskZipf)->Unit(benchmark::kMillisecond);
 
-// Of files that are read whole when their module is asked for.
+// Uses files that are read whole when their module is requested.
 void Merge(benchmark::State& state) {
   CInput& input = Input();
   size_t merged = 0;
@@ -155,12 +155,12 @@ void Write(benchmark::State& state) {
 }
 BENCHMARK(Write)->Unit(benchmark::kMillisecond);
 
-// A second set of files takes the number of scopes in memory over the limit; the idle call trims.
+// A second set of files makes the number of scopes in memory exceed the limit; the idle call trims.
 struct COverfull {
   CInput& input = Input();
   CCorpus more;
   COverfull() : more(ScanMore()) { EncodeAll(more); }
-  // The same files in the same order, and then some.
+  // The same files in the same order, followed by some more.
   CCorpus ScanMore() {
     CCorpus all = ScanCorpus(input.world, CorpusRoot(), kScopesHeld + 3000);
     for (const CCorpusFile& known : input.corpus.files) {
@@ -200,7 +200,7 @@ void Trim(benchmark::State& state) {
 }
 BENCHMARK(Trim)->Unit(benchmark::kMillisecond);
 
-// Asks for everything that is not in memory; what it brings in pushes nothing out.
+// Reads every scope that is not in memory, as long as the cache has room for it without a trim.
 void Refill(benchmark::State& state) {
   COverfull& overfull = Overfull();
   scopeinfo::CInfoCache* cache = nullptr;

@@ -1,14 +1,14 @@
-# Lets a target link SQLite and GLib as archives, by setting its property SCOPEINFO_ARCHIVES. Each shared
-# library that a program needs costs it some 100 us at every start, and the `scopeinfo` program is started for every
-# question. What has no archive on this machine stays shared.
+# A target with the property SCOPEINFO_ARCHIVES links SQLite and GLib as archives. Each shared library costs a program
+# about 100 us at every start, and the `scopeinfo` program is started for every query. If this machine lacks an archive,
+# the library stays shared.
 #
-# For the targets of this build alone: who finds the installed package links what that machine has.
+# Only for the targets of this build: users of the installed package link the libraries of their own machine.
 
 function(scopeinfo_allow_archives prefix)
   set(archives)
   foreach(name IN LISTS ${prefix}_STATIC_LIBRARIES)
     if(name MATCHES "^(m|dl|rt|pthread)$")
-      list(APPEND archives ${name}) # of the C library, which stays shared
+      list(APPEND archives ${name}) # part of the C library, which stays shared
     else()
       find_library(SCOPEINFO_ARCHIVE_${name} "lib${name}.a" HINTS ${${prefix}_STATIC_LIBRARY_DIRS})
       mark_as_advanced(SCOPEINFO_ARCHIVE_${name})

@@ -1,5 +1,5 @@
-# What the standalone host needs from the machine. The build includes this file, and so does the installed package
-# when `find_package(scopeinfo COMPONENTS standalone)` asks for it.
+# The libraries of the machine that the standalone host needs. The build includes this file, and so does the installed
+# package for `find_package(scopeinfo COMPONENTS standalone)`.
 include(CMakeFindDependencyMacro)
 find_dependency(Threads)
 find_dependency(fmt)

@@ -1,9 +1,9 @@
-# `cmake --install` puts the libraries, their headers and the program in place, so that another project can say
+# `cmake --install` installs the libraries, their headers and the program, so that another project can use
 #
 #   find_package(scopeinfo REQUIRED)                          # scopeinfo::scopeinfo, the module
 #   find_package(scopeinfo REQUIRED COMPONENTS standalone)    # and scopeinfo::standalone, the host around it
 #
-# The second one needs SQLite, GLib and fmt on the machine; the first one needs nothing.
+# The second one needs SQLite, GLib and fmt on the machine; the first one needs nothing else.
 
 if(NOT TARGET scopeinfo)
   return()

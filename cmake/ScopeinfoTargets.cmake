@@ -1,4 +1,4 @@
-# What every target of the project shares: the language, the warnings, the sanitizers, and the one include root,
+# The settings of all targets of the project: the language, the warnings, the sanitizers, and the one include root,
 # which is the root of the repository (`#include "pysource/host/location.h"`).
 
 set(SCOPEINFO_WARNINGS
@@ -7,7 +7,7 @@ set(SCOPEINFO_WARNINGS
   -Wpedantic
   -Wcast-align
   -Wconversion
-  -Wno-sign-conversion # sizes and differences of iterators mix too freely for it to tell anything
+  -Wno-sign-conversion # sizes and iterator differences mix so often that the warning says nothing
   -Wextra-semi
   -Wformat=2
   -Wimplicit-fallthrough
@@ -22,7 +22,7 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     -Wduplicated-cond
     -Wlogical-op
     -Wsuggest-override
-    -Wno-restrict) # GCC 12 sees overlaps in its own std::string when it is optimised (GCC bug 105329)
+    -Wno-restrict) # optimising, GCC 12 reports overlaps in its own std::string (GCC bug 105329)
 else()
   list(APPEND SCOPEINFO_WARNINGS -Wreserved-identifier)
 endif()
@@ -36,7 +36,7 @@ if(SCOPEINFO_SANITIZE)
   add_link_options(${sanitizers})
 endif()
 
-# Gives `target`, one of our own, the settings that all of our code is built with.
+# Gives `target` the settings with which all of the project's own code is built.
 function(scopeinfo_target target)
   set_target_properties(${target} PROPERTIES
     CXX_EXTENSIONS OFF
@@ -47,8 +47,8 @@ function(scopeinfo_target target)
   set_property(GLOBAL APPEND PROPERTY SCOPEINFO_OWN_TARGETS ${target})
 endfunction()
 
-# As `scopeinfo_target`, for a library that is installed with its headers. Each header is also compiled on its own
-# (target all_verify_interface_header_sets), and the fuzzers see the library's inner branches.
+# Like `scopeinfo_target`, for a library that is installed with its headers. Each header is also compiled on its own
+# (target all_verify_interface_header_sets), and the library is instrumented for the fuzzers.
 function(scopeinfo_library target)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "HEADERS")
   scopeinfo_target(${target})

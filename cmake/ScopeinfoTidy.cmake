@@ -1,5 +1,5 @@
-# The targets `format`, `format-check` and `tidy`. All three want the tools of LLVM 14: another release formats and
-# finds differently.
+# The targets `format`, `format-check` and `tidy`. All three need the tools of LLVM 14: other releases format
+# differently and find other faults.
 
 find_program(CLANG_FORMAT_PROGRAM clang-format-14)
 find_program(CLANG_TIDY_PROGRAM clang-tidy-14)
@@ -23,8 +23,8 @@ if(CLANG_FORMAT_PROGRAM AND own_code)
     VERBATIM)
 endif()
 
-# One command and one stamp for each source file: a file is looked at again when it, a header that it includes, or
-# .clang-tidy has changed. clang-tidy itself does not tell which headers those are, so the compiler is asked.
+# One command and one stamp for each source file: a file is checked again when it, a header that it includes, or
+# .clang-tidy has changed. clang-tidy does not list the headers of a file, so the compiler does.
 if(CLANG_TIDY_PROGRAM AND CLANGXX_PROGRAM)
   set(stamps)
   get_property(own_targets GLOBAL PROPERTY SCOPEINFO_OWN_TARGETS)

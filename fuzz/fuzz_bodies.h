@@ -1,8 +1,8 @@
-// What must hold of any bytes that claim to be an encoded message. The fuzz targets call these with
-// what the fuzzer makes up, the tests with the files of corpus/ and whatever was found before.
+// What must hold for any bytes that are read as an encoded message. The fuzz targets call these
+// functions with the fuzzer's input, the tests with the files of corpus/ and with earlier findings.
 //
-// A body returns when all is well, and throws CBrokenProperty otherwise, which ends a fuzz target
-// and fails a test. Whatever else gets out of a decoder does the same.
+// A function returns if everything holds, and otherwise throws CBrokenProperty, which ends a fuzz
+// target and fails a test. So does every other exception that leaves a decoder.
 #pragma once
 
 #include <algorithm>
@@ -30,7 +30,7 @@ inline void Require(bool holds, const char* what) {
   }
 }
 
-// What the strings of a message may expand to: the reader's own bound, told a second time.
+// The size to which the strings of a message may expand: the reader's bound, independently of it.
 constexpr size_t kFlatBound = size_t{16} << 20;
 inline size_t ExpansionBound(BytesView message) { return kFlatBound + 64 * message.size(); }
 
@@ -56,8 +56,8 @@ inline size_t ContentSize(const CScopeInfo& info) {
   return size;
 }
 
-// A record message gives null, or a record in proportion to it. What the record encodes to is
-// canonical: it decodes to the same content and encodes to itself.
+// A record message decodes to null, or to a record whose size is in proportion to it. The encoded
+// form of that record is canonical: it decodes to the same content and encodes to itself.
 inline void CheckRecordMessage(BytesView message) {
   static CLocationCache locations;
   static const CScopeInfoKey key(locations.GetLocation("file:///fuzz.py"), "C.m", ":names",
@@ -70,7 +70,8 @@ inline void CheckRecordMessage(BytesView message) {
   const size_t size = ContentSize(*info);
   Require(size <= ExpansionBound(message), "a record is out of proportion to its message");
   const Bytes canonical = serializer.WriteScopeInfo(*info);
-  // Unused tokens and overlong integers lend a message room that its canonical form lacks.
+  // Unused tokens and overlong integers make the bound of a message larger than that of its
+  // canonical form.
   if (size > ExpansionBound(canonical)) {
     return;
   }
@@ -81,7 +82,8 @@ inline void CheckRecordMessage(BytesView message) {
 }
 
 // A scopes-seen message gives CValueError or a dictionary. Written and read again, the dictionary
-// says "*" for each file, with the last time of its scopes to the bit, and then stays as it is.
+// has the scope "*" for each file, with exactly the last time of its scopes. Writing and reading
+// once more changes nothing.
 inline void CheckScopesSeenMessage(BytesView message) {
   constexpr uint64_t kFiles = 16;
   static CLocationCache locations;

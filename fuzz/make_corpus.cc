@@ -1,7 +1,7 @@
 // usage: make_corpus CORPUS FILE.py...
-// Scans the files and writes the message of each record to CORPUS/record and that of each record's
-// scopes seen to CORPUS/scopesseen, named by its hash: what is there already is not written again.
-// Messages that a fuzzer would cut off are left out.
+// Scans the files. Writes the message of each record to CORPUS/record, and that of its scopes seen
+// to CORPUS/scopesseen. The hash of a message is its file name, so a message that is already there
+// is not written again. Messages that a fuzzer would cut off are left out.
 
 #include <cinttypes>
 #include <cstdio>
@@ -22,9 +22,9 @@ namespace {
 using namespace pysource;
 using namespace pysource::standalone;
 
-constexpr size_t kLongestMessage = 4096;  // what libFuzzer grows inputs to on its own
+constexpr size_t kLongestMessage = 4096;  // libFuzzer's own limit for inputs
 
-// Returns whether the message is new.
+// Writes the message; true if it is new.
 bool Write(const std::filesystem::path& folder, const Bytes& message) {
   char name[17];
   std::snprintf(name, sizeof name, "%016" PRIx64, uint64_t{HashBytes(message)});
@@ -44,7 +44,7 @@ size_t MakeCorpus(const std::filesystem::path& corpus, int count, char** paths) 
   const CFileImportResolver resolver(locations, {});
   CScanner scanner(resolver);
   scopeinfo::CScopeInfoSerializer serializer;
-  // Numbered as a database would, in order of coming.
+  // Numbered in the order of first use, as a database would.
   std::unordered_map<Loc, uint64_t> file_ids;
   const auto get_file_id = [&](Loc loc) {
     return std::optional(file_ids.emplace(loc, file_ids.size() + 1).first->second);

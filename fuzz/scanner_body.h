@@ -1,5 +1,5 @@
-// What must hold of any sources that one scanner is given, one after the other. The fuzz target
-// calls this with what the fuzzer makes up, a test with random texts among valid files.
+// What must hold for any sources that one scanner scans one after the other. The fuzz target calls
+// this with the fuzzer's input, a test with random texts among valid files.
 #pragma once
 
 #include <vector>
@@ -9,15 +9,15 @@
 
 namespace pysource::standalone::fuzz {
 
-// No module has a file.
+// A resolver for which no module has a file.
 class CNoModules final : public CImportResolver {
  public:
   Loc Resolve(Loc /*from*/, TextView /*module*/) const override { return nullptr; }
   DiskTime GetDiskTime(Loc /*loc*/) const override { return 0; }
 };
 
-// All that a scan says, as bytes. Throws CBrokenProperty when a record is not what its encoded form
-// decodes to.
+// The whole result of a scan, as bytes. Throws CBrokenProperty when the encoded form of a record
+// does not decode to the same content.
 inline Bytes Written(const CFileScan& scan) {
   static scopeinfo::CScopeInfoSerializer serializer;
   Bytes all = std::to_string(scan.error_count) + " " + std::to_string(scan.first_error_line);
@@ -34,7 +34,7 @@ inline Bytes Written(const CFileScan& scan) {
   return all;
 }
 
-// Each source gives what a scanner gives that has seen nothing else.
+// Requires that the scanner gives the same result for each source as a new scanner.
 inline void CheckSources(const std::vector<BytesView>& sources, bool incomplete) {
   static CLocationCache locations;
   static const CNoModules no_modules;

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # usage: fuzz.sh TARGET CORPUS FINDINGS
-# Runs one fuzz target for SCOPEINFO_FUZZ_SECONDS (5) on a copy of the folder CORPUS, which may be absent, so that what
-# the run finds interesting does not end up in the source tree. An input that breaks it is left in the folder FINDINGS.
+# Runs one fuzz target for SCOPEINFO_FUZZ_SECONDS (default 5) on a copy of the folder CORPUS, which may be missing, so
+# that new inputs are not written to the source tree. Stores an input that breaks the target in the folder FINDINGS.
 set -euo pipefail
 
 target=$1 corpus=$2 findings=$3
@@ -20,5 +20,5 @@ if ! "$target" -max_total_time="${SCOPEINFO_FUZZ_SECONDS:-5}" -timeout=10 -rss_l
   echo "$name failed; the input that does it is in $findings, run it with: $target INPUT" >&2
   exit 1
 fi
-# The seed, and the statistics of the end.
+# The seed, and the statistics at the end.
 grep -E '^INFO: Seed|^Done|^stat::' "$work/log"

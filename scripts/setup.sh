@@ -1,9 +1,9 @@
-# What ./run and ./test share: packages, the parser, configuring and building. To be sourced by bash, with the root of
-# the repository as the current folder. Everything it says goes to standard error, so that what the program prints can
-# be piped.
+# What ./run and ./test share: packages, the parser, configuring and building. Prints only to standard error, so that
+# the output of the program can be piped.
+# REQUIRES: bash sources it, with the root of the repository as the current folder.
 # shellcheck shell=bash
 
-# Compilers, and the libraries that the standalone host is made of.
+# The compiler, the build tools and the libraries of the standalone host.
 build_packages=(
   cmake
   g++
@@ -15,8 +15,8 @@ build_packages=(
   nlohmann-json3-dev
   pkg-config
 )
-# What the tests, the second compiler and the checks of the source need beyond that. python3 has a module that the
-# scanner is compared with, and the library that it is run on.
+# What the tests, the second compiler and the checks of the source need in addition. python3 has a module with which the
+# scanner is compared, and a library on which it is run.
 # shellcheck disable=SC2034 # ./test reads it
 test_packages=(
   binutils
@@ -40,7 +40,7 @@ die() {
   exit 1
 }
 
-# need_packages PACKAGE...: installs those that are missing, all of them in one go.
+# need_packages PACKAGE...: installs those that are missing, with one command.
 need_packages() {
   local package missing=()
   if ! command -v dpkg-query >/dev/null; then
@@ -56,7 +56,7 @@ need_packages() {
       missing+=("$package")
     fi
   done
-  # Any npm will do, whoever packed it. Debian's trusts the certificates of the machine, of which a bare one has none.
+  # Any npm will do, from whatever source. Debian's uses the certificates of the machine, and a minimal one has none.
   if ! command -v npm >/dev/null; then
     missing+=(ca-certificates npm)
   fi
@@ -71,15 +71,15 @@ install_packages() {
     command -v sudo >/dev/null ||
       die "these packages are missing: $*. Neither root nor sudo is here to install them; ask someone who may."
     as_root=(sudo)
-    [[ -t 0 ]] || as_root+=(-n) # nobody is there to type a password
+    [[ -t 0 ]] || as_root+=(-n) # without a terminal nobody can type a password
   fi
   as_root+=(env DEBIAN_FRONTEND=noninteractive)
-  # Another apt may be at work; a few minutes is what an upgrade takes.
+  # Another apt may be running; an upgrade takes a few minutes.
   local apt=("${as_root[@]}" apt-get -o DPkg::Lock::Timeout=300 -y)
 
   say "Installing packages: $*"
   log=$(mktemp)
-  # The lists of a fresh machine are empty, and those of an old one may name versions that are gone.
+  # The package lists of a new machine are empty, and those of an old one may name versions that no longer exist.
   if ! "${apt[@]}" install --no-install-recommends "$@" </dev/null >"$log" 2>&1; then
     if ! { "${apt[@]}" update && "${apt[@]}" install --no-install-recommends "$@"; } </dev/null >"$log" 2>&1; then
       tail -n 20 "$log" >&2
@@ -98,7 +98,7 @@ need_commands() {
   done
 }
 
-# The sources of the parser and of its Python grammar, as package-lock.json pins them.
+# Installs the sources of the parser and of its Python grammar, as package-lock.json pins them.
 need_grammar() {
   local installed=node_modules/.package-lock.json log
   if [[ -f node_modules/tree-sitter-python/src/parser.c &&
@@ -117,28 +117,28 @@ need_grammar() {
   touch "$installed"
 }
 
-# is_configured PRESET [OPTION...]: whether build/PRESET was written with these options, from the presets as they are
-# now, for the tree where it is now.
+# is_configured PRESET [OPTION...]: whether build/PRESET was configured with these options, from the present presets,
+# and for the present place of the tree.
 is_configured() {
   local dir=build/$1
   [[ -f $dir/build.ninja && -f $dir/.configured && $(<"$dir/.configured") == "$* $(cksum <CMakePresets.json)" ]] &&
     grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$PWD" "$dir/CMakeCache.txt"
 }
 
-# configure PRESET [OPTION...]: writes build/PRESET, unless that has been done. Later changes to a CMakeLists.txt are the
-# build's own business.
+# configure PRESET [OPTION...]: configures build/PRESET, unless that has been done. The build itself notices later
+# changes of a CMakeLists.txt.
 configure() {
   local dir=build/$1
   if is_configured "$@"; then
     return
   fi
-  # If the tree was moved or copied, CMake refuses a build folder that was made elsewhere.
+  # CMake refuses a build folder that was made elsewhere, in a tree that was moved or copied since.
   if [[ -f $dir/CMakeCache.txt ]] && ! grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$PWD" "$dir/CMakeCache.txt"; then
     rm -rf "$dir"
   fi
   mkdir -p "$dir"
   if ! flock build/.lock cmake --preset "$1" "${@:2}" >"$dir/configure.log" 2>&1; then
-    # From the first complaint on, without the lines that tell of progress.
+    # Everything from the first error or warning on, without the progress lines.
     awk '/^CMake (Error|Warning)/ { shown = 1 } shown && !/^-- /' "$dir/configure.log" >&2
     say "CMake could not configure the preset $1; what it says is above, and in full in $dir/configure.log."
     return 1
@@ -146,15 +146,15 @@ configure() {
   printf '%s' "$* $(cksum <CMakePresets.json)" >"$dir/.configured"
 }
 
-# build PRESET [ARGUMENT...]: builds, and shows what went wrong. If there is something to do, a terminal sees how far it
-# is; elsewhere, ./run says in one line that it builds (./test has headings of its own).
+# build PRESET [ARGUMENT...]: builds, and shows what went wrong. If there is something to build, a terminal shows the
+# progress, and ./run prints one line that it builds (./test has its own headings).
 build() {
   local tty=0 announcement=
   [[ ! -t 2 ]] || tty=1
   [[ ${0##*/} != run ]] || announcement="Building the program (some minutes the first time)"
-  # Two of these at once would write the same files.
+  # Two builds at the same time would write the same files.
   if ! flock build/.lock cmake --build --preset "$1" "${@:2}" 2>&1 | awk -v tty="$tty" -v announcement="$announcement" '
-      # What ninja says of a failure: the target, then a command of many lines width, then the messages.
+      # How ninja reports a failure: the target, then a very long command, then the messages.
       after_failure { after_failure = 0; next }
       /^FAILED: / { after_failure = 1 }
       function clear_line() { if (shown) printf "\r\033[K"; shown = 0 }

@@ -1,5 +1,5 @@
 // parsevisit ROOT THREADS: reads and parses every Python file below ROOT and visits every node. The
-// least that indexing a tree has to do.
+// minimum of work for indexing a tree.
 #include <tree_sitter/api.h>
 
 #include <atomic>

@@ -1,5 +1,5 @@
-// readrows DATABASE FILE: reads the rows of one file. The least that a question about a file that
-// is indexed has to do.
+// readrows DATABASE FILE: reads the rows of one file. The minimum of work for a query about an
+// indexed file.
 #include <sqlite3.h>
 
 #include <cstdio>

@@ -1,4 +1,4 @@
-// Walking a tree for Python files, no more than that: the least under finding them.
+// Walking over a tree to find Python files: the minimum of work for finding them.
 #pragma once
 
 #include <dirent.h>
@@ -11,7 +11,7 @@
 
 namespace pysource::bench {
 
-// Calls `visit` with the path and the state of each file that the project would index.
+// Calls `visit` with the path and the status of each file that the project would index.
 template <class Visit>
 void WalkPythonFiles(const std::string& root, const Visit& visit) {
   std::vector<std::string> folders{root};

@@ -1,6 +1,5 @@
-// walkstat ROOT DATABASE: walks the tree, asks for the state of every Python file, and reads the
-// files of the database in one query. The least that an index run has to do which finds nothing to
-// do.
+// walkstat ROOT DATABASE: walks over the tree, calls stat for every Python file, and reads the
+// files of the database with one query. The minimum of work for an index run that finds no changes.
 #include <sqlite3.h>
 
 #include <cstdio>

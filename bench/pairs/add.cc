@@ -1,10 +1,10 @@
-// AddScopeInfoListForSingleScan, against encoding the same records.
+// AddScopeInfoListForSingleScan, compared with encoding the same records.
 //
-//   add           of records that were not encoded yet: adding encodes them
-//   add-encoded   of records as they come from the workers of the engine, encoded already; the peer
-//                 is the same
+//   add           adds records that are not encoded yet: adding encodes them
+//   add-encoded   adds records that are already encoded, as the engine's workers return them; the
+//                 peer is the same
 //
-// The cache is new in each round and so is its database, which is asked once for each file.
+// Each round has a new cache and a new database, which is queried once for each file.
 #include <vector>
 
 #include "bench/pairs/pair.h"

@@ -1,9 +1,10 @@
-// GetScopeInfo with the answer in the merged cache, of 20,000 scopes, against the least that such a
-// cache can be: a hash table of file and scope name, whose entries hang in a list by use.
-//
-// Both are asked with a location and a name, hash the name, move the entry to the front and hand
-// out a shared pointer. The project also looks after its file, its secondary files and its own
+// GetScopeInfo for a scope whose merged record is in memory, one of 20,000, compared with the
+// minimum of such a cache: a hash table by file and scope name, whose entries are in a list in the
 // order of use.
+//
+// Both get a location and a name, hash the name, move the entry to the front and return a shared
+// pointer. The project also checks the file and its secondary files, and updates its own order of
+// use.
 #include <vector>
 
 #include "bench/pairs/pair.h"

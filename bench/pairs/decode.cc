@@ -1,9 +1,9 @@
-// Decoding a record into views that it owns, against msgpack-cxx's visitor.
+// Decoding a record, compared with msgpack-cxx's visitor.
 //
-// Both give a CScopeInfo over one block of memory, its dictionaries over that block, names checked
-// to be UTF-8. The peer's message holds the names in ascending order and begins with the number of
-// items, so that its block can be made to measure at once: it is copied there whole, and views
-// point into the copy.
+// Both give a CScopeInfo with one block of memory and dictionaries over that block, and check that
+// the names are UTF-8. The peer's message holds the names in ascending order and begins with the
+// number of items, so that its block can be allocated with the right size at once: the message is
+// copied there whole, and the views point into the copy.
 #include <cstring>
 #include <msgpack.hpp>
 #include <vector>
@@ -125,7 +125,7 @@ class CRecordVisitor : public msgpack::null_visitor {
  private:
   const BytesView _fMessage;
   CArena _fArena;
-  ptrdiff_t _fOffset = 0;  // from the message to its copy
+  ptrdiff_t _fOffset = 0;  // the distance from the message to its copy
   size_t _fDict = 0;
   bool _fInKey = false;
   TextView _fName;
@@ -164,7 +164,7 @@ void MeasureDecode(CBenchWorld&, const CCorpus& corpus) {
       throw std::logic_error("the two decoders differ about " + record->Repr());
     }
   }
-  // Scratch memory grows to the largest record at first.
+  // In the first round, the scratch memory grows to the size of the largest record.
   most_allocations = 0;
   for (const CScopeInfoPtr& record : records) {
     const size_t before = AllocationCount();

@@ -1,9 +1,10 @@
-// One file edited, in an engine that lives: from the moment when the change is told until the new
-// records are written, against a parse of that file and a millisecond. Wall time, since somebody
-// waits for it.
+// An edit of one file in a running engine: from the report of the change until the new records are
+// written. Compared with a parse of that file plus a millisecond. Wall time, since a user waits for
+// it.
 //
-// The engine has one worker and holds the files in memory. Told is the change of the one file, as a
-// watcher of the file system would; the peer is the parser alone, used again and again.
+// The engine has one worker and holds the files in memory. The change of the one file is reported
+// as a watcher of the file system would report it. The peer is the parser alone, reused for each
+// parse.
 #include <tree_sitter/api.h>
 
 #include <filesystem>
@@ -23,7 +24,7 @@ namespace {
 
 constexpr size_t kFiles = 12;
 
-// Files from 2 to 60 KB, in even steps of the corpus.
+// Copies files of 2 to 60 KB, taken from the corpus at equal distances.
 std::vector<std::string> CopyFiles(const CCorpus& corpus, const CTemporaryFolder& folder) {
   std::vector<std::string> paths;
   for (const CCorpusFile& file : corpus.files) {

@@ -1,13 +1,13 @@
-// Encoding a record, against protobuf.
+// Encoding a record, compared with protobuf.
 //
-//   encode          from what either keeps in memory, a record or a message that is there already
-//   encode-filled   from a record to bytes: the project encodes it; protobuf fills a message from
-//                   it, one that is used again and again, and serialises that
+//   encode          from an existing record (the project) or message (protobuf) to bytes
+//   encode-filled   from an existing record to bytes: the project encodes it; protobuf copies it
+//                   into a message, which is reused, and serialises the message
 //   encode-built    from names and values to bytes: the project makes a record and encodes it;
 //                   protobuf makes a message and serialises it
 //
-// Both give a string of their own for each record. The project's bytes are canonical, in the order
-// of the names; protobuf's keep the order in which the names were added.
+// Both make a new string for each record. The project's bytes are canonical, in the order of the
+// names; protobuf's keep the order in which the names were added.
 #include <record.pb.h>
 
 #include <utility>
@@ -82,7 +82,7 @@ void MeasureEncode(CBenchWorld&, const CCorpus& corpus) {
       "encoded-bytes", static_cast<double>(project_bytes) / static_cast<double>(records.size()),
       static_cast<double>(peer_bytes) / static_cast<double>(records.size()), "bytes", "protobuf");
 
-  size_t sum = 0;  // so that the work is not left out
+  size_t sum = 0;  // so that the compiler cannot remove the work
   const auto encode = [&] {
     return TimeOf([&] {
       for (const auto& record : records) {

@@ -1,10 +1,10 @@
-// The first read of files of about 40 scopes from the database, against plain SQLite that reads the
-// same rows, and their decode.
+// The first read of files of about 40 scopes from the database, compared with plain SQLite reading
+// the same rows and with decoding them.
 //
-// The project is asked for the module and then for every scope, in a cache that holds nothing, so
-// it also looks for the file, its stub and its scans, files the rows and merges each scope. The
-// peer makes a key and a record of each row. Opening the database is not counted; its pages are in
-// the memory of the system.
+// The project reads the module and then every scope into an empty cache. So it also looks for the
+// file, its stub and its scans, stores the rows in its indexes and merges each scope. The peer
+// makes a key and a record from each row. Opening the database is not counted, and its pages are in
+// the page cache of the system.
 #include <stdexcept>
 #include <vector>
 

@@ -1,7 +1,7 @@
 // bench_pairs [NAME...]: measures these pairs, or all.
-// bench_pairs tree ROOT DATABASE: what asking costs of a tree that is indexed there.
+// bench_pairs tree ROOT DATABASE: measures reads in a tree that is indexed in that database.
 //
-// The tree that is worked on is $SCOPEINFO_BENCH_ROOT, or this machine's Python standard library.
+// The pairs use the files of $SCOPEINFO_BENCH_ROOT, or of this machine's Python standard library.
 #include <cstdio>
 #include <exception>
 #include <string>

@@ -1,13 +1,13 @@
-// Memory for scopes held, against four std::unordered_map<std::string, std::string> for each of
-// their records and nothing else.
+// The memory for scopes in the cache, compared with four std::unordered_map<std::string,
+// std::string> for each of their records and nothing else.
 //
-// What malloc has handed out, its overhead included, without what SQLite holds. The project's
-// figure is all that the cache has more after it was filled: records, keys, every index, entries of
-// files.
+// Counts the memory that malloc has allocated, with its overhead and without that of SQLite. The
+// project's figure is the growth when the cache was filled: records, keys, all indexes, the entries
+// of files.
 //
-//   memory-bytes   scopes that came along when their module was asked for, as bytes
-//   memory         20,000 scopes, each asked for: decoded and merged as well
-//   memory-added   20,000 scopes, each scanned in this process and written, none asked for
+//   memory-bytes   scopes that were read together with their module, still as bytes
+//   memory         20,000 scopes, each of which was requested, and so decoded and merged
+//   memory-added   20,000 scopes, each scanned in this process and written, none requested
 #include <malloc.h>
 #include <sqlite3.h>
 
@@ -56,7 +56,7 @@ double PlainMiB(const std::vector<scopeinfo::CScopeInfoPtr>& records) {
   return HeldMiB() - before;
 }
 
-// Files that are read whole when their module is asked for.
+// The files that are read whole when their module is requested.
 CCorpus SmallFiles(const CCorpus& corpus) {
   CCorpus small;
   for (const CCorpusFile& file : corpus.files) {
@@ -75,7 +75,7 @@ void MeasureMemory(CBenchWorld& world, const CCorpus& corpus) {
   world.Open(db_path);
   const double before_add = HeldMiB();
   {
-    // Scanned anew, so that the cache alone decides what of it stays.
+    // Scanned again, so that the cache alone decides which records stay in memory.
     const CCorpus own = ScanCorpus(world, CorpusRoot());
     EncodeAll(own);
     AddCorpus(world.Cache(), own);

@@ -1,8 +1,8 @@
-// GetScopeInfo of scopes whose records are in memory as bytes and which were not merged yet,
-// against decoding these records and nothing more.
+// GetScopeInfo for scopes that were not merged yet and whose records are in memory as bytes,
+// compared with only decoding these records.
 //
-// The scopes are those of files that are read whole when their module is asked for; the modules
-// themselves are not among them. Records of all scans take part on both sides.
+// The scopes are those of files that are read whole when their module is requested, without the
+// modules themselves. Both sides decode the records of all scans.
 #include <vector>
 
 #include "bench/pairs/pair.h"

@@ -10,7 +10,7 @@
 
 namespace {
 
-size_t allocation_count = 0;  // pairs are measured on one thread
+size_t allocation_count = 0;  // not atomic, since pairs are measured on one thread
 
 void* Allocate(size_t size) {
   ++allocation_count;

@@ -1,5 +1,5 @@
-// The same rows in SQLite, as plainly as they can lie: one table with the key columns as primary
-// key, one of files.
+// The same rows in SQLite, stored as simply as possible: one table with the key columns as primary
+// key, and one table of files.
 #pragma once
 
 #include <sqlite3.h>
@@ -13,7 +13,7 @@
 
 namespace pysource::bench {
 
-// A file's rows, ready to be bound.
+// A row of a file, ready to be bound to a statement.
 struct CPlainRow {
   Text scope;
   Text scan;
@@ -32,21 +32,22 @@ struct CPlainFile {
   std::vector<CPlainRow> rows;
 };
 
-// All that a database of the project holds.
+// The content of the world's open database.
 std::vector<CPlainFile> PlainFiles(CBenchWorld& world);
 
 class CPlainDb {
  public:
-  // Made if it is not there: a write-ahead log, synchronous = NORMAL, as the project has it.
+  // Opens the database, and creates it if it does not exist: with a write-ahead log and
+  // synchronous = NORMAL, like the project's.
   explicit CPlainDb(const std::string& path);
   ~CPlainDb();
   CPlainDb(const CPlainDb&) = delete;
   CPlainDb& operator=(const CPlainDb&) = delete;
 
-  // One transaction.
+  // Writes the file in one transaction.
   void Write(const CPlainFile& file);
-  // Calls `visit` with each row of the file, which is found by its name and time. Views are good
-  // for the time of the call.
+  // Finds the file by its name and time, and calls `visit` with each of its rows. The views are
+  // valid during the call of `visit`.
   struct CRowView {
     TextView scope;
     TextView scan;

@@ -1,5 +1,5 @@
-// Not a pair: where the time of an index run goes, stage by stage, on one thread. Each stage is a
-// figure of its own, in nanoseconds a byte of source; the peer is the parser's share of the whole.
+// Not a pair: the time of each stage of an index run, on one thread. Each stage has its own figure,
+// in nanoseconds per byte of source; the peer is the parser's share of the whole.
 #include <tree_sitter/api.h>
 
 #include <algorithm>

@@ -1,6 +1,6 @@
-// What asking costs in a tree that is indexed: a hit, and the first read of a file. The same files
-// of it are asked for whatever its size, by their place in it ("name 0", "name 1" below the root
-// are copies of one tree; see bench/measure.py); what may cost more is all the rest that is there.
+// The cost of reading from an indexed tree: a hit, and the first read of a file. The folders below
+// the root are copies of one tree (see bench/measure.py). The requested files are the same whatever
+// the number of copies, so only the size of the rest makes a difference.
 #include <algorithm>
 #include <filesystem>
 #include <stdexcept>
@@ -17,7 +17,8 @@ constexpr size_t kFilesRead = 200;
 constexpr size_t kFilesHeld = 250;
 constexpr size_t kAsks = size_t{1} << 19;
 
-// So many files, one each of the same that the first copy has, from all copies in turn.
+// `count` files, chosen from the list of files of one copy, each of them taken from the next copy
+// in turn.
 std::vector<Loc> SameFiles(CBenchWorld& world, const std::string& root, size_t count) {
   namespace fs = std::filesystem;
   std::vector<std::string> copies;
@@ -74,7 +75,7 @@ void MeasureTree(CBenchWorld& world, const std::string& root, const std::string&
       },
       [] { return 0.0; });
 
-  // A session that has looked at every file, and then works with some.
+  // As in a session that has opened every file once, and then works with some of them.
   for (const Loc loc : all) {
     (void)world.Cache().GetScopeInfo(loc, kModuleScopeName);
   }

@@ -1,8 +1,8 @@
-// WriteToDatabase after scans of many files, against plain SQLite that inserts the same rows, one
-// transaction a file. Each into a new database.
+// WriteToDatabase after scans of many files, compared with plain SQLite inserting the same rows,
+// both with one transaction for each file and into a new database.
 //
-// The project takes the rows out of the cache, encodes the scopes seen and numbers the files; the
-// peer's rows are there, ready to be bound. Adding the records to the cache is not counted.
+// The project takes the rows from the cache, encodes the scopes seen and numbers the files; the
+// peer's rows are prepared, ready to be bound. Adding the records to the cache is not counted.
 #include <stdexcept>
 #include <vector>
 

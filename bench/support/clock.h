@@ -1,5 +1,5 @@
-// Time as benchmarks count it: that of the processor, of all threads of the process, so that what
-// else runs on the machine does not count.
+// The time that benchmarks measure: processor time of all threads of the process, so that other
+// processes on the machine do not count.
 #pragma once
 
 #include <ctime>
@@ -16,7 +16,7 @@ inline double SecondsOf(clockid_t clock) {
 inline double ProcessorSeconds() { return SecondsOf(CLOCK_PROCESS_CPUTIME_ID); }
 inline double WallSeconds() { return SecondsOf(CLOCK_MONOTONIC); }
 
-// The processor seconds that `work` takes.
+// The processor time of `work`, in seconds.
 template <class Work>
 double TimeOf(Work&& work) {
   const double start = ProcessorSeconds();

@@ -19,10 +19,10 @@ namespace {
 
 constexpr unsigned kSeed = 20000;
 
-// How often stale records are handed over again; real code settles in two.
+// How often stale records are added again at most; real code takes two rounds.
 constexpr int kMostRounds = 4;
 
-// std::shuffle is free to differ from library to library.
+// Not std::shuffle, whose result can differ between libraries.
 template <class T>
 void Mix(std::vector<T>& items, unsigned seed) {
   std::mt19937 random(seed);
@@ -82,7 +82,7 @@ CCorpus ScanCorpus(CBenchWorld& world, const std::string& root, size_t most_scop
       file.scan = scanner.Scan(
           {.loc = found.loc, .source = source.source, .disk_mtime = source.disk_mtime});
     } catch (const CValueError&) {
-      continue;  // a library has files that are wrong on purpose
+      continue;  // a library has files with errors on purpose
     }
     for (const standalone::CScanResult& result : file.scan.results) {
       if (result.scan_name == standalone::kNamesScan) {

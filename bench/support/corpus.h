@@ -1,5 +1,5 @@
-// What benchmarks work on: real source of a tree, by default this machine's Python standard
-// library, and what the scanner finds in it.
+// The input of benchmarks: the real source files of a tree, by default this machine's Python
+// standard library, and what the scanner finds in them.
 #pragma once
 
 #include <cstddef>
@@ -12,7 +12,7 @@
 
 namespace pysource::bench {
 
-// As many scopes as a cache holds by default.
+// The number of scopes that a cache holds by default.
 inline constexpr size_t kScopesHeld = 20000;
 
 struct CCorpusFile {
@@ -31,35 +31,38 @@ struct CCorpus {
   std::vector<scopeinfo::CScopeInfoPtr> Records() const;
 };
 
-// $SCOPEINFO_BENCH_ROOT, or this machine's Python standard library. Throws CValueError when there
-// is neither.
+// $SCOPEINFO_BENCH_ROOT, or this machine's Python standard library. Throws CValueError if there is
+// neither.
 std::string CorpusRoot();
 
-// The files below `root` in an order that mixes them and is the same each time.
+// The files below `root`, shuffled, in the same order each time.
 std::vector<standalone::CFoundFile> MixedFiles(CBenchWorld& world, const std::string& root);
 
-// Scans files in that order until there are so many scopes, and leaves out what would bring more.
+// Scans files in that order up to `most_scopes` scopes; leaves out files that would exceed them.
 CCorpus ScanCorpus(CBenchWorld& world, const std::string& root, size_t most_scopes = kScopesHeld);
 
-// Hands over the records of a file, in the engine's order: classes last, names before attributes.
+// Adds the records of a file to the cache in the engine's order: classes last, names before
+// attributes.
 void AddRecords(scopeinfo::CInfoCache& cache, const CCorpusFile& file);
-// Hands over everything and notes the scans as done. What one file says of another makes records of
-// that one stale; they are handed over again, as by a second scan.
+// Adds all records and notes the scans as done. Records of one file for another make records of the
+// other file stale; those are added again, as by a second scan.
 void AddCorpus(scopeinfo::CInfoCache& cache, const CCorpus& corpus);
 
-// Sees to it that each record has its encoded form, as after a scan in a worker, or that none has.
+// Gives each record its encoded form, as after a scan in a worker thread.
 void EncodeAll(const CCorpus& corpus);
+// Removes the encoded form of each record.
 void ForgetEncoded(const CCorpus& corpus);
 
-// A scope to ask for.
+// A scope to read.
 struct CRequest {
   Loc loc;
   Text scope;
 };
 std::vector<CRequest> AllScopes(const CCorpus& corpus);
-// So many draws from [0, size): the k-th of a mixed order with a probability in proportion to 1/k.
+// `count` random numbers from [0, size): the k-th number of a shuffled order has a probability
+// proportional to 1/k.
 std::vector<size_t> ZipfDraws(size_t size, size_t count);
-// So many draws from 16 of them.
+// `count` random numbers from only 16 of those in [0, size).
 std::vector<size_t> HotDraws(size_t size, size_t count);
 
 }  // namespace pysource::bench

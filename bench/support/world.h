@@ -1,6 +1,6 @@
-// The surroundings of a cache, with everything in them real: files, scanner, SQLite. As the engine
-// has it, but for the runner of scans: benchmarks scan beforehand and hand over when they like, and
-// open one database after the other under the same locations.
+// The services of a cache, all of them real: files, scanner, SQLite. The same as in the engine, but
+// without its scan runner: benchmarks scan beforehand, add the results when they want to, and open
+// one database after the other with the same locations.
 #pragma once
 
 #include <memory>
@@ -18,7 +18,7 @@
 
 namespace pysource::bench {
 
-// A folder that is deleted, with all in it, at the end.
+// A folder that is deleted, with everything in it, by the destructor.
 class CTemporaryFolder {
  public:
   CTemporaryFolder();
@@ -27,7 +27,7 @@ class CTemporaryFolder {
   CTemporaryFolder& operator=(const CTemporaryFolder&) = delete;
 
   std::string PathOf(const std::string& name) const { return _fPath + '/' + name; }
-  // A name that no call before has given.
+  // A path in the folder that no earlier call has returned.
   std::string NewPath() { return PathOf(std::to_string(++_fNames)); }
 
  private:
@@ -35,8 +35,9 @@ class CTemporaryFolder {
   size_t _fNames = 0;
 };
 
-// One at a time in a process. Development checks are off, as in an installed program; assertions
-// are on. Idle calls do not run unless fLoop is told to.
+// One cache with its services. Development checks are off, as in an installed program; assertions
+// are on. Idle calls run only when a benchmark runs fLoop.
+// REQUIRES: only one exists at a time in a process.
 class CBenchWorld {
  public:
   CBenchWorld();
@@ -44,10 +45,10 @@ class CBenchWorld {
   CBenchWorld(const CBenchWorld&) = delete;
   CBenchWorld& operator=(const CBenchWorld&) = delete;
 
-  // A new cache over the database at that path, which is made if it is not there; the cache before
-  // is closed.
+  // Closes the present cache and makes a new one over the database at that path, which is created
+  // if it does not exist.
   void Open(const std::string& db_path);
-  // Drops what is unwritten.
+  // Discards what is unwritten.
   void Close();
 
   scopeinfo::CInfoCache& Cache() { return *_fCache; }

@@ -1,6 +1,6 @@
-// A host of its own for the info cache, as small as one can be: no SQLite, no main loop library, no
-// parser. Read it from main() at the bottom; each service above is what the cache needs of your
-// editor.
+// The smallest possible host for the info cache: no SQLite, no main loop library, no parser. Start
+// reading at main() at the bottom; the classes above it are the services that the cache needs from
+// your editor.
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -15,7 +15,7 @@
 using namespace pysource;             // the host's side
 using namespace pysource::scopeinfo;  // the module
 
-// ---- 1. The database. Yours keeps rows on disk; this one keeps one file's worth of them in a map.
+// ---- 1. The database. Yours stores rows on disk; this one keeps those of one file in a map.
 class CMapDb final : public CAnalysisDb {
  public:
   std::vector<Text> ReadScopeNames(Loc loc, TextView scan, DiskTime mtime) override {
@@ -28,8 +28,8 @@ class CMapDb final : public CAnalysisDb {
   std::vector<CDatabaseRecord> ReadScopeDataRecords(Loc loc, const std::vector<Text>&,
                                                     const std::vector<Text>&,
                                                     DiskTime mtime) override {
-    std::vector<CDatabaseRecord> rows = Rows(loc, mtime);  // more than was asked for is welcome
-    for (CDatabaseRecord& row : rows) {  // scopes seen are handed out as the caller's own copy
+    std::vector<CDatabaseRecord> rows = Rows(loc, mtime);  // more than requested is allowed
+    for (CDatabaseRecord& row : rows) {  // the caller gets its own copy of the scopes seen
       if (row.scopes_seen) row.scopes_seen = std::make_shared<CScopesSeenDict>(*row.scopes_seen);
     }
     return rows;
@@ -51,7 +51,7 @@ class CMapDb final : public CAnalysisDb {
       file.rows[row.for_scope + *row.scan_name + *row.scanned_scope] = row;
     }
     file.scans_done = scans_done;
-    return true;  // false would keep the records queued in the cache
+    return true;  // after false, the records stay queued in the cache
   }
   bool ClearInfoForFiles(const std::vector<Loc>& locs) override {
     for (const Loc loc : locs) _fFiles.erase(loc->fUrl);
@@ -78,8 +78,8 @@ class CMapDb final : public CAnalysisDb {
   std::map<Text, File> _fFiles;
 };
 
-// ---- 2. Files, buffers and analyses. An editor has all three; here there is one file, never
-// edited.
+// ---- 2. Files, buffers and analyses. An editor has all three; here there is one file that is
+// never edited.
 constexpr DiskTime kTime = 1234567890.5;
 
 class CFileOnDisk final : public CResourceLocation {
@@ -88,7 +88,7 @@ class CFileOnDisk final : public CResourceLocation {
   bool DoesResourceExist() const override { return true; }
 };
 class CFiles final : public CSavableManager {
-  void AddFileLocToWatch(Loc) override {}  // begin to watch; report through kExternalFilesChanged
+  void AddFileLocToWatch(Loc) override {}  // yours watches; it reports by kExternalFilesChanged
   void RemoveLocToWatch(Loc) override {}
   std::vector<DiskTime> GetLastModTimes(const std::vector<Loc>& locs, bool) override {
     return std::vector<DiskTime>(locs.size(), kTime);
@@ -101,7 +101,7 @@ class CNoStubs final : public CAnalysisFactory {
   std::vector<Loc> GetSecondaryLocations(Loc) override { return {}; }
 };
 
-// ---- 3. A scan: yours reads source. One call gives what one scan of one scope found.
+// ---- 3. A scan: yours reads source. One call returns what one scan of one scope finds.
 std::vector<CScopeInfoPtr> Scan(Loc loc, TextView scope, TextView scan_name) {
   const CScopeInfoKey key(loc, scope, scan_name, loc, scope);
   if (scan_name != ":names") return {};
@@ -114,7 +114,7 @@ std::vector<CScopeInfoPtr> Scan(Loc loc, TextView scope, TextView scan_name) {
     info->SetInfoBytes("radius", ":s2;:lfloat");
     info->SetInfoBytes("area", ":s3;:mCircle.area(self)");
   }
-  // What was read to make the record: when it changes, the record is stale.
+  // The scopes that were read to make the record: when one of them changes, the record is stale.
   info->scope_seen_dict = std::make_shared<CScopesSeenDict>();
   info->scope_seen_dict->Set(CScopeRef{loc, Text(scope)}, kTime);
   info->FinishedBuilding();
@@ -122,7 +122,7 @@ std::vector<CScopeInfoPtr> Scan(Loc loc, TextView scope, TextView scan_name) {
 }
 
 int main() {
-  // The world that the cache lives in. All of it exists before the cache and outlives it.
+  // The services of the cache. All of them exist before the cache and outlive it.
   velk::CManualLoop loop;  // call loop.RunIdle() and loop.Advance(ms) from your own event loop
   velk::SetMainLoop(&loop);
   CFiles files;
@@ -140,19 +140,19 @@ int main() {
   const Loc loc = &shapes;
   int scans_run = 0;
 
-  // The same question in two lives of the editor: the second one finds the answer in the database.
+  // The same query in two sessions of the editor: the second one finds the answer in the database.
   for (int life = 1; life <= 2; ++life) {
     CInfoCache cache(&manager, nullptr);
     manager.fInfoCache = &cache;
     cache.SetScanNames({":names", ":attrs"});
 
-    // Ask. An absent answer, or a stale one, comes with the scans that would make it better.
+    // Read the scope. With a null answer, or a stale one, come the scans that would make it better.
     CNeedsScanDict needs_scan;
     CScopeInfoPtr circle = cache.GetScopeInfo(loc, "Circle", true, &needs_scan);
     if (!needs_scan.empty()) {
       std::printf("life %d: to scan: %s\n", life, Repr(needs_scan).c_str());
-      // Run them; the whole file at once, since one parse gives all of its scopes. Results go back
-      // one scan of one scope at a time, then the scans are noted as done.
+      // Run the scans, for the whole file at once, since one parse finds all of its scopes. Add the
+      // results of one scan of one scope at a time, then note the scans as done.
       for (const char* const scope : {"", "Circle"}) {
         for (const Text& scan_name : cache.fScanNames) {
           cache.AddScopeInfoListForSingleScan(loc, scope, scan_name, Scan(loc, scope, scan_name));
@@ -163,7 +163,7 @@ int main() {
         cache.ChangeScansDone(loc, scan_name, true);
         cache.FinishedWithScans(loc, kWildcardScope, scan_name);
       }
-      // Ask again.
+      // Read it again.
       circle = cache.GetScopeInfo(loc, "Circle");
     }
     if (circle == nullptr || scans_run != 4) {
@@ -175,7 +175,7 @@ int main() {
       std::printf("  %-8.*s %.*s\n", static_cast<int>(name.size()), name.data(),
                   static_cast<int>(ibytes.size()), ibytes.data());
     }
-    // The cache's end writes what is unwritten.
+    // The destructor of the cache writes what is unwritten.
   }
   velk::SetMainLoop(nullptr);
   singleton::SetSingletons(nullptr);

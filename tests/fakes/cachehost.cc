@@ -68,7 +68,7 @@ void CCacheHost::Restart(scopeinfo::CInfoCacheLimits limits) {
   fCache->SetScanNames({":names", ":attrs"});
   const auto note = [this](Text text) {
     fEvents.push_back(std::move(text));
-    // A copy: it may take itself away.
+    // A copy, since the function may replace fOnEvent.
     if (const std::function<void()> on_event = fOnEvent) {
       on_event();
     }

@@ -1,8 +1,8 @@
-// Everything that an info cache asks of its surroundings, as fakes that a test sets up by hand.
+// Fakes of all services that an info cache needs, which a test sets up by hand.
 //
 // None of them acts on its own: a test says which files exist and when they were modified, which
-// buffers are open, which files are secondary to which, and emits the signals itself. Left out: the
-// disk, editors, import resolution.
+// buffers are open and which files are secondary to which, and emits the signals itself. They leave
+// out the disk, editors and import resolution.
 #pragma once
 
 #include <functional>
@@ -55,9 +55,9 @@ class CFakeSavableManager final : public CSavableManager {
     return times;
   }
 
-  std::map<Loc, DiskTime> fTimes;  // on disk; zero for a file that is not there
+  std::map<Loc, DiskTime> fTimes;  // on disk; zero for a file that does not exist
   std::set<Loc> fWatched;
-  std::vector<Loc> fAsked;  // whose times were asked for
+  std::vector<Loc> fAsked;  // the files whose times were requested
   std::function<void()> fOnAsked = [] {};
 };
 
@@ -103,7 +103,7 @@ class CFakeFactory final : public CAnalysisFactory {
   std::function<void()> fOnAsked = [] {};
 };
 
-// The cache with its inner operations open to tests.
+// The cache with its protected operations public for tests.
 class COpenInfoCache final : public scopeinfo::CInfoCache {
  public:
   COpenInfoCache(CAnalysisManager* ana_mgr, CLocationCache* loc_cache,
@@ -116,21 +116,21 @@ class COpenInfoCache final : public scopeinfo::CInfoCache {
   using CInfoCache::InvalidateScans;
 };
 
-// A text that does not depend on the order of sets: "scopes-modified {a.py: {f, g}}" and
+// The signal as text, whatever the order of its sets: "scopes-modified {a.py: {f, g}}" and
 // "needs-scan-added {(a.py, f, :names)} None".
 Text EventText(const CChangedDict& changed);
 Text EventText(const CNeedsScanSet& needs_scan, Priority priority);
 
-// A world with one cache in it. The scan names are ":names" and ":attrs".
+// One cache with its fakes, in a world. The scan names are ":names" and ":attrs".
 struct CCacheHost {
   explicit CCacheHost(CWorld& world);
   ~CCacheHost();
 
-  // Ends the cache and makes a new one over the same store, as a restart does.
+  // Destroys the cache and makes a new one over the same store, as a restart does.
   void Restart(scopeinfo::CInfoCacheLimits limits = {});
   void Stop();
 
-  // "a.py"; it exists, and its time on disk is 2.0 until a test changes that.
+  // The location of "a.py", say; the file exists with the time 2.0, until a test changes that.
   Loc File(TextView name);
   static const CFakeLocation& Fake(Loc loc) { return static_cast<const CFakeLocation&>(*loc); }
   DiskTime& TimeOf(Loc loc) { return fSavableMgr.fTimes[loc]; }
@@ -147,18 +147,18 @@ struct CCacheHost {
 
   // What the cache has emitted.
   std::vector<Text> fEvents;
-  // Called after each event was noted, from within the emission.
+  // Called during the emission, after each event was noted.
   std::function<void()> fOnEvent;
 };
 
-// One record; what a test does not name is the plainest there is.
+// One record. The fields that a test does not set have the simplest values.
 struct CRecordSpec {
   Loc loc;
   Text scope;
   Text scan = ":names";
-  Loc scanned_loc = nullptr;                         // absent: loc
-  std::optional<Text> scanned_scope = std::nullopt;  // absent: scope
-  Bytes x = ":s1";                                   // what the name "x" is
+  Loc scanned_loc = nullptr;                         // if absent: loc
+  std::optional<Text> scanned_scope = std::nullopt;  // if absent: scope
+  Bytes x = ":s1";                                   // the info bytes of the name "x"
   std::vector<std::pair<CScopeRef, DiskTime>> seen = {};
   bool incomplete = false;
   bool missing = false;
@@ -167,7 +167,7 @@ struct CRecordSpec {
 scopeinfo::CScopeInfoPtr MakeRecord(const CRecordSpec& draft);
 scopeinfo::CScopeInfoKey KeyOf(const CRecordSpec& draft);
 
-// A test case with a cache, in which files "a.py", "b.py" and "c.py" have the time 2.0 on disk.
+// A fixture with a cache. The files "a.py", "b.py" and "c.py" have the time 2.0 on disk.
 class CCacheTest : public CWorldTest {
  protected:
   CCacheTest() { fHost.Restart(); }
@@ -176,7 +176,7 @@ class CCacheTest : public CWorldTest {
   CMemoryAnalysisDb& Db() { return *fHost.fDb; }
   scopeinfo::CCrossFileData& Cross() { return Cache().DbgGetCrossFileData(); }
   scopeinfo::CPerFilePtr Entry(Loc loc) { return fHost.fCache->GetPerFile(loc, true); }
-  // Answers the scan of the record with this one record.
+  // Adds this one record as the result of its scan.
   void Scan(const CRecordSpec& draft) {
     const scopeinfo::CScopeInfoPtr info = MakeRecord(draft);
     Cache().AddScopeInfoListForSingleScan(info->scanned_loc, *info->scanned_scope, draft.scan,
@@ -185,9 +185,9 @@ class CCacheTest : public CWorldTest {
   // The letters of the key sets that the key is in: M known, N needs scan, D in the database, W to
   // write, C could not be written, L has a live record.
   Text Standing(const scopeinfo::CScopeInfoKey& key);
-  // What GetScopeInfo says: "x=... needs={...}" or "None needs={...}".
+  // The answer of GetScopeInfo: "x=... needs={...}" or "None needs={...}".
   Text Read(Loc loc, TextView scope, bool merge_secondary = true);
-  // Runs it and returns the lines that it printed.
+  // Calls `run` and returns the lines that it printed.
   static std::vector<Text> Printed(const std::function<void()>& run);
   std::vector<Text> TakeEvents() { return std::exchange(fHost.fEvents, {}); }
   std::vector<Text> TakeCalls() { return std::exchange(Db().fCalls, {}); }
@@ -198,8 +198,8 @@ class CCacheTest : public CWorldTest {
   const Loc kC = fHost.File("c.py");
 };
 
-// What is printed on the standard output while this lives. Nothing else is printed meanwhile, so
-// end it before a test reports a failure.
+// Captures the standard output while it exists.
+// REQUIRES: it is destroyed before the test reports a failure, which would be captured too.
 class CCapturedOutput {
  public:
   CCapturedOutput();

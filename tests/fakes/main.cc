@@ -1,5 +1,5 @@
-// The main function of all test executables: GoogleTest's, and the two arguments of random tests
-// (see random.h), which become environment variables, so that there is one place to look.
+// The main function of all test executables: that of GoogleTest, plus the two arguments of random
+// tests (see random.h). The arguments are put into the environment, so that tests read only that.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -8,12 +8,12 @@
 
 namespace {
 
-// Whether the argument is `name` and a value, which is then in the environment.
+// If the argument is `name` and a value, puts the value into the environment and returns true.
 bool Take(std::string_view argument, std::string_view name, const char* variable) {
   if (!argument.starts_with(name)) {
     return false;
   }
-  // The rest of an argument ends with a zero, as the argument does.
+  // The rest of the argument ends with a zero byte, since the argument does.
   return setenv(variable, argument.substr(name.size()).data(), 1) == 0;
 }
 

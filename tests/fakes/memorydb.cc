@@ -16,7 +16,7 @@ CMemoryDbRowKey KeyOf(const CDatabaseRecord& record) {
   return {record.for_scope, record.scan_name, scanned, record.scanned_scope};
 }
 
-// A copy that shares nothing, with one scopes-seen entry a file.
+// A copy that shares nothing with the original and has one scopes-seen entry for each file.
 CDatabaseRecord CopyOf(const CDatabaseRecord& record) {
   CDatabaseRecord copy = record;
   if (record.scopes_seen) {

@@ -1,10 +1,10 @@
-// The analysis database in memory: the whole service, written for plainness, so that it can stand
-// in for the real one in tests and be the model that the real one is compared with.
+// The analysis database in memory: the whole service, written as simply as possible, to replace the
+// real one in tests and to be the model with which the real one is compared.
 //
-// A store is what lies on the disk; each CMemoryAnalysisDb is a process that has it open. Two of
+// A store is the content of the disk; each CMemoryAnalysisDb is a process that has it open. Two of
 // them on one store see each other's changes, and a new one on an old store is a restart. Like the
-// real thing it keeps one scopes-seen entry a file and hands out copies. It leaves out what can go
-// wrong below it: locks, damage, full disks; for those, tests tell it to fail.
+// real database it keeps one scopes-seen entry for each file and returns copies. It leaves out the
+// failures of what is below it: locks, damage, full disks. For those, tests tell it to fail.
 #pragma once
 
 #include <functional>
@@ -18,8 +18,8 @@
 
 namespace pysource::fakes {
 
-// Scope, scan, URL of the scanned file, scanned scope: the key of a row within its file, in the
-// order in which rows are handed out.
+// Scope, scan, URL of the scanned file, scanned scope: the key of a row within its file. Rows are
+// returned in the order of these keys.
 using CMemoryDbRowKey =
     std::tuple<Text, std::optional<Text>, std::optional<Text>, std::optional<Text>>;
 
@@ -31,7 +31,7 @@ struct CMemoryDbFile {
 
 struct CMemoryDbStore {
   std::map<Loc, CMemoryDbFile> files;
-  // Every change ever made: which file, by which database object (compared only, never followed).
+  // Every change: of which file, by which database object (whose address is only compared).
   std::vector<std::pair<Loc, const void*>> changes;
 };
 
@@ -56,27 +56,27 @@ class CMemoryAnalysisDb final : public CAnalysisDb {
                                          TextView primary_scan_name) override;
   Text CheckForExternalChanges() override;
 
-  // The operations called, in order, one line each: the name, the URL and what else tells one call
-  // from another, as in "SaveDataForFile file:///a.py 3 records ':names' 2.0".
+  // The operations called, in order, one line each: the name, the URL and what distinguishes the
+  // call from others, as in "SaveDataForFile file:///a.py 3 records ':names' 2.0".
   std::vector<Text> fCalls;
-  // How many calls of that operation are in fCalls.
+  // The number of calls of that operation in fCalls.
   size_t CallCount(TextView operation) const;
 
-  // So many of the next saves, or clears, answer false and change nothing.
+  // How many of the next saves, or clears, return false and change nothing.
   int fFailSaves = 0;
   int fFailClears = 0;
-  // So many of the next reads (of any kind) throw CValueError, after so many that go well.
+  // How many reads (of any kind) throw CValueError, after fGoodReads successful ones.
   int fFailReads = 0;
   int fGoodReads = 0;
-  // Called in each operation before it does anything: a database may tell of news while it works.
+  // Called at the start of each operation: a database may emit signals while it works.
   std::function<void()> fOnCall = [] {};
-  // The next check finds that the database was replaced, and tells of every file.
+  // The next check finds that the database was replaced, and reports every file as changed.
   bool fReplaced = false;
 
   const std::shared_ptr<CMemoryDbStore> fStore;
 
  private:
-  // The file, if it has data of that time.
+  // The file, if it has data for that time.
   const CMemoryDbFile* FileAt(Loc loc, DiskTime disk_mtime) const;
   void NoteRead(Text call);
 

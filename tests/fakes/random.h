@@ -1,12 +1,11 @@
-// Random choices for the tests that compare a thing with a naive model of it.
+// Random choices, for tests that compare code with a naive model.
 //
-// A test has a seed of its own that does not change from run to run, so that what passes goes on
-// passing. Other walks are taken by hand:
+// Each test has a fixed seed, so that a test that passes keeps passing. To run with other seeds and
+// more steps, use the arguments
 //
 //   test_engine --gtest_filter='*Random*' --seed=12345 --steps=100000
 //
-// or by the environment variables SCOPEINFO_TEST_SEED and SCOPEINFO_TEST_STEPS, which ctest hands
-// on.
+// or the environment variables SCOPEINFO_TEST_SEED and SCOPEINFO_TEST_STEPS, which ctest passes on.
 #pragma once
 
 #include <cstddef>
@@ -18,16 +17,16 @@
 
 namespace pysource::fakes {
 
-// The seed that was asked for, otherwise `usual`. Printed, so that a failure names it.
+// The requested seed, or `usual`. Prints it, so that the output of a failed test contains it.
 uint64_t TestSeed(uint64_t usual = 1);
-// How many steps a random walk takes: the number that was asked for, otherwise `usual`.
+// The number of steps of a random walk: the requested number, or `usual`.
 size_t TestSteps(size_t usual);
 
 class CRandom {
  public:
   explicit CRandom(uint64_t seed = TestSeed()) : _fEngine(seed) {}
 
-  // A number from 0 up to, but not including, `bound`.
+  // A number that is at least 0 and less than `bound`.
   size_t Below(size_t bound) {
     return std::uniform_int_distribution<size_t>(0, bound - 1)(_fEngine);
   }
@@ -37,7 +36,7 @@ class CRandom {
   const auto& Of(const Items& items) {
     return *(std::begin(items) + static_cast<std::ptrdiff_t>(Below(std::size(items))));
   }
-  // Up to `most` characters, each one of `alphabet`.
+  // At most `most` characters, each from `alphabet`.
   std::string Text(std::string_view alphabet, size_t most) {
     std::string text(Below(most + 1), '\0');
     for (char& c : text) {

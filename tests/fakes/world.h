@@ -1,9 +1,10 @@
-// One test's own world: singletons, main loop and locations that nobody else sees.
+// The world of one test: its own singletons, main loop and locations.
 //
-// While a world exists its singletons and its loop are the current ones and assertions are active;
-// when it ends, the ones before come back. At its end nothing may be connected to a class-wide
-// signal, scheduled or timed any more: what is left is a fault of the code under test and fails the
-// test. So make the world first, and let everything else end before it.
+// While a world exists, its singletons and its loop are the current ones, and assertions are
+// active. Its destructor restores the previous state, and fails the test if a class-wide
+// connection, an idle call or a timer is left: that is a fault of the code under test.
+//
+// REQUIRES: the test makes its world first, and destroys everything else before it.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -36,13 +37,13 @@ class CWorld {
   const bool _fAssertionsBefore;
 };
 
-// A test case with a world. Members of a derived fixture end before the world does.
+// A fixture with a world. The members of a derived fixture are destroyed before the world.
 class CWorldTest : public ::testing::Test {
  protected:
   CWorld fWorld;
 };
 
-// The info cache as far as it is seen from below: something that emits its signals.
+// The info cache as the lower floors see it: an object that emits its signals.
 class CFakeInfoCache final : public CInfoCacheBase {
  public:
   CFakeInfoCache() : CInfoCacheBase({kScopesModified.name, kNeedsScanAdded.name}) {}

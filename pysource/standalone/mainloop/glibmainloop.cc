@@ -23,14 +23,15 @@ class CGlibMainLoop::CImpl {
   CImpl(const CImpl&) = delete;
   CImpl& operator=(const CImpl&) = delete;
 
-  // Takes over `source`, which has not been attached yet.
+  // Takes ownership of `source`.
+  // REQUIRES: `source` is not attached to a context.
   velk::Tag Add(GSource* source, int priority, velk::Callback callback) {
     auto* const call = new CCall{this, source, 0, std::move(callback)};
     g_source_set_priority(source, priority);
     g_source_set_callback(source, &Dispatch, call,
                           [](gpointer data) { delete static_cast<CCall*>(data); });
-    // Held while attaching: the loop may run a posted call before this returns, and Forget then
-    // waits for the entry that it takes out.
+    // Locked while attaching: the loop may run a posted call before this returns, and Forget must
+    // then find the entry.
     const std::lock_guard lock(_fMutex);
     call->tag = ++_fLastTag;
     _fSources.emplace(call->tag, source);
@@ -41,8 +42,8 @@ class CGlibMainLoop::CImpl {
 
   void Remove(velk::Tag tag) {
     if (GSource* const source = Forget(tag)) {
-      // Outside the lock, since it ends the callback, and with it whatever the callback holds. One
-      // that is running is kept by GLib until it returns.
+      // Outside the lock, since this destroys the callback and everything that it holds. GLib keeps
+      // a running callback until it returns.
       g_source_destroy(source);
     }
   }
@@ -67,7 +68,7 @@ class CGlibMainLoop::CImpl {
   GMainContext* Context() const { return _fContext; }
 
  private:
-  // What GLib holds for one source; lives until the source is destroyed and not running.
+  // What GLib holds for one source, until the source is destroyed and not running.
   struct CCall {
     CImpl* owner;
     GSource* source;
@@ -79,7 +80,7 @@ class CGlibMainLoop::CImpl {
     auto& call = *static_cast<CCall*>(data);
     const bool again = velk::RunCallback(call.callback);
     if (g_source_is_destroyed(call.source)) {
-      // Cancelled meanwhile, perhaps because the owner has gone: it must not be touched.
+      // Cancelled meanwhile. The owner may be destroyed, so it must not be used.
       return G_SOURCE_REMOVE;
     }
     if (!again) {
@@ -88,7 +89,7 @@ class CGlibMainLoop::CImpl {
     return again ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
   }
 
-  // The source of the tag, which is no longer ours to remove; null when there is none.
+  // Removes the tag's entry and returns its source, or null when there is none.
   GSource* Forget(velk::Tag tag) {
     const std::lock_guard lock(_fMutex);
     const auto found = _fSources.find(tag);
@@ -96,7 +97,7 @@ class CGlibMainLoop::CImpl {
   }
 
   void RemoveAll() {
-    // Again and again: the end of a callback may add another one.
+    // Repeated, since destroying a callback may add another source.
     for (;;) {
       std::unordered_map<velk::Tag, GSource*> doomed;
       {
@@ -113,11 +114,11 @@ class CGlibMainLoop::CImpl {
   }
 
   GMainContext* const _fContext;
-  GMainLoop* _fInnermost = nullptr;  // of the runs in progress
+  GMainLoop* _fInnermost = nullptr;  // the innermost Run in progress
   mutable std::mutex _fMutex;
-  // Below: guarded by _fMutex. The context holds the sources; one that is here is attached.
+  // Guarded by _fMutex. The context owns the sources; each source in the map is attached.
   std::unordered_map<velk::Tag, GSource*> _fSources;
-  velk::Tag _fLastTag = 0;  // GLib's own ids wrap around after 32 bits
+  velk::Tag _fLastTag = 0;  // guarded too; our own ids, since GLib's wrap around after 32 bits
 };
 
 CGlibMainLoop::CGlibMainLoop(GMainContext* context) : _fImpl(std::make_unique<CImpl>(context)) {}

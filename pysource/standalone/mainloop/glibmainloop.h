@@ -1,11 +1,12 @@
-// The main loop on GLib's: what the standalone host runs on, and an editor that runs GLib already
-// can share its own with.
+// The main loop on top of GLib's: the loop of the standalone host. An editor that already runs a
+// GLib loop can share its context.
 //
-// Timers, idle calls and posted work are sources of one GMainContext. All of it belongs to the
-// thread that runs the context, but for PostFromThread, which is how worker threads hand results
-// back. What a callback throws is reported and ends that callback; it never crosses GLib's frames.
-// The destructor takes every source of this object out of the context, so neither a callback nor
-// what it holds is left behind.
+// Timers, idle calls and posted work are sources of one GMainContext. An exception of a callback is
+// reported and ends that callback; it never crosses GLib's frames. The destructor removes every
+// source of this object from the context, and with it the callbacks and what they hold.
+//
+// REQUIRES: only the thread that runs the context uses the loop. The one exception is
+// PostFromThread, with which worker threads pass results back.
 #pragma once
 
 #include <cstddef>
@@ -14,7 +15,7 @@
 
 #include "pysource/host/velk.h"
 
-// What GLib calls it; its headers stay out of ours.
+// GLib's own declaration, so that this header does not include GLib's.
 #ifdef __clang__
 #pragma clang diagnostic push
 #pragma clang diagnostic ignored "-Wreserved-identifier"
@@ -28,35 +29,36 @@ namespace pysource::standalone {
 
 class CGlibMainLoop final : public velk::CMainLoop {
  public:
-  // Works on `context`, of which it keeps a reference; null is the default context, as everywhere
+  // Uses `context` and keeps a reference to it; null stands for the default context, as everywhere
   // in GLib.
   explicit CGlibMainLoop(GMainContext* context = nullptr);
-  // May run inside a callback, though not inside Run. No other thread may still post.
+  // A callback may destroy the loop.
+  // REQUIRES: Run is not in progress, and no other thread posts any more.
   ~CGlibMainLoop() override;
   CGlibMainLoop(const CGlibMainLoop&) = delete;
   CGlibMainLoop& operator=(const CGlibMainLoop&) = delete;
 
-  // A timer that is due runs before any idle call. A period counts from the last run, so the runs
-  // that a busy loop misses do not pile up.
+  // A timer that is due runs before any idle call. Its period starts at its last run, so a busy
+  // loop that misses runs does not catch up on them.
   velk::Tag timeout_add(unsigned ms, velk::Callback callback) override;
   void timeout_remove(velk::Tag tag) override;
   // The priorities of velk are GLib's.
   velk::Tag idle_add(velk::Callback callback, int priority) override;
   void idle_remove(velk::Tag tag) override;
 
-  // Runs `work` once on the loop's thread, ahead of idle calls and in order of posting, and wakes
-  // the loop for it. Safe to call from any thread.
+  // Runs `work` once on the loop's thread, before idle calls and in the order of posting, and wakes
+  // the loop for it. Can be called from any thread.
   void PostFromThread(std::function<void()> work);
 
-  // Runs callbacks until Quit. A callback may call it again; Quit ends the innermost run.
+  // Runs callbacks until Quit. A callback may call Run again.
   void Run();
-  // Ends Run when the callback that calls this is done; without a run in progress it does nothing.
-  // Other threads post a call of it.
+  // Ends the innermost Run when the callback that calls this returns. Does nothing if no Run is in
+  // progress. Other threads post a call of it.
   void Quit();
-  // Runs what is due; with `may_block` it waits until something is. Returns whether anything ran.
+  // Runs what is due; true if anything ran. With `may_block` it first waits until something is due.
   bool Iterate(bool may_block);
 
-  // How many timers, idle calls and posted pieces of work are still to run.
+  // The number of timers, idle calls and posted pieces of work that are still to run.
   size_t PendingCount() const;
   GMainContext* Context() const;
 
