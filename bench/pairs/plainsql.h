@@ -24,6 +24,7 @@ struct CPlainRow {
   Bytes imports;
   Bytes data;
 };
+// A file with its rows.
 struct CPlainFile {
   int64_t id = 0;
   Text url;
@@ -35,6 +36,7 @@ struct CPlainFile {
 // The content of the world's open database.
 std::vector<CPlainFile> PlainFiles(CBenchWorld& world);
 
+// The database. Throws when SQLite reports an error.
 class CPlainDb {
  public:
   // Opens the database, and creates it if it does not exist: with a write-ahead log and

@@ -15,6 +15,7 @@ namespace pysource::bench {
 // The number of scopes that a cache holds by default.
 inline constexpr size_t kScopesHeld = 20000;
 
+// A file and the result of its scan.
 struct CCorpusFile {
   Loc loc;
   DiskTime disk_mtime = 0;
@@ -23,6 +24,7 @@ struct CCorpusFile {
   std::vector<Text> scope_names;  // the module first
 };
 
+// The files, and the number of their scopes.
 struct CCorpus {
   std::vector<CCorpusFile> files;
   size_t scopes = 0;

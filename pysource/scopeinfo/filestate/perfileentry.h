@@ -75,7 +75,9 @@ class CPerFileEntry {
   //   on disk         edited          forgotten     unchanged                kept, restamped
   //   edited          on disk         to be written unchanged                kept, restamped
   //
-  // Stores the keys that became stale, if any, in `keys_dict` under this file.
+  // A restamped record has the new time: its live primary record does, and so does this file among
+  // the scopes that it has seen (with an exception, see UpdateScopesSeenDiskMtime). Stores the keys
+  // that became stale, if any, in `keys_dict` under this file.
   void UpdateDiskMtime(DiskTime mtime, CKeysDict& keys_dict);
 
   TextSet GetScopeNamesInMemory() const;

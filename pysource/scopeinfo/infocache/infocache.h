@@ -32,7 +32,7 @@ namespace pysource::scopeinfo {
 
 // How much a cache holds. Tests set low limits.
 struct CInfoCacheLimits {
-  // The maximum number of scopes in memory; above it the least recently used ones are given up.
+  // The maximum number of scopes in memory; above it the least recently used ones are dropped.
   // 20000 is about what an editor looks at in a day in a large project. The value is a guess that
   // memory reports have not contradicted.
   ptrdiff_t kMaxInfoCount = 20000;
@@ -101,8 +101,9 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
   // The merged record of the scope, or null when it has no primary record. With `merge_secondary`
   // the secondary files of the file take part. `needs_scan_dict`, if given, receives the scans that
   // would make the answer better, also when the answer is null.
+  // REQUIRES: `loc` is not null. Asserted; with assertions off, the answer is null.
+  // REQUIRES: `needs_scan_dict` is null or empty. Asserted.
   // REQUIRES: the caller does not change the record, which it shares with the cache.
-  // REQUIRES: `needs_scan_dict` is null or empty.
   //
   // A repeated call costs one hash look-up (a few in a subclass, see TakeShortcuts), and no
   // allocation unless it reports scans. The first call for a scope reads the database once, for the
