@@ -1,180 +1,221 @@
 #include "pysource/standalone/scanner/syntaxtree.h"
 
-#include <tree_sitter/api.h>
-
 #include <algorithm>
-#include <array>
-#include <memory>
-
-#include "pysource/host/errors.h"
-
-extern "C" const TSLanguage* tree_sitter_python(void);
+#include <utility>
 
 namespace pysource::standalone {
 namespace {
 
-constexpr TSSymbol kErrorSymbol = static_cast<TSSymbol>(-1);
-
-// What is left out with everything below it. Not a Tag, so that no reader of the list meets it.
-constexpr Tag kDropped = static_cast<Tag>(0xFF);
-
-struct CTagName {
-  TextView name;
-  Tag tag;
-};
-
-constexpr std::array kTagNames = std::to_array<CTagName>({
-    {"module", Tag::kModule},
-    {"block", Tag::kBlock},
-    {"import_statement", Tag::kImport},
-    {"import_from_statement", Tag::kImportFrom},
-    {"future_import_statement", Tag::kFutureImport},
-    {"assignment", Tag::kAssignment},
-    {"augmented_assignment", Tag::kAugmented},
-    {"delete_statement", Tag::kDelete},
-    {"global_statement", Tag::kGlobal},
-    {"nonlocal_statement", Tag::kNonlocal},
-    {"type_alias_statement", Tag::kTypeAlias},
-    {"for_statement", Tag::kFor},
-    {"except_clause", Tag::kExcept},
-    {"except_group_clause", Tag::kExceptGroup},
-    {"case_clause", Tag::kCase},
-    {"function_definition", Tag::kFunction},
-    {"class_definition", Tag::kClass},
-    {"decorated_definition", Tag::kDecorated},
-    {"dotted_name", Tag::kDottedName},
-    {"relative_import", Tag::kRelativeImport},
-    {"aliased_import", Tag::kAliasedImport},
-    {"wildcard_import", Tag::kWildcardImport},
-    {"decorator", Tag::kDecorator},
-    {"parameters", Tag::kParameters},
-    {"lambda_parameters", Tag::kLambdaParameters},
-    {"type_parameter", Tag::kTypeParameters},
-    {"argument_list", Tag::kArguments},
-    {"keyword_argument", Tag::kKeywordArgument},
-    {"default_parameter", Tag::kDefaultParameter},
-    {"typed_parameter", Tag::kTypedParameter},
-    {"typed_default_parameter", Tag::kTypedDefaultParameter},
-    {"type", Tag::kType},
-    {"constrained_type", Tag::kConstrainedType},
-    {"pair", Tag::kPair},
-    {"tuple_pattern", Tag::kTuplePattern},
-    {"list_pattern", Tag::kListPattern},
-    {"pattern_list", Tag::kPatternList},
-    {"list_splat_pattern", Tag::kListSplatPattern},
-    {"dictionary_splat_pattern", Tag::kDictionarySplatPattern},
-    {"as_pattern", Tag::kAsPattern},
-    {"as_pattern_target", Tag::kAsPatternTarget},
-    {"case_pattern", Tag::kCasePattern},
-    {"splat_pattern", Tag::kSplatPattern},
-    {"keyword_pattern", Tag::kKeywordPattern},
-    {"class_pattern", Tag::kClassPattern},
-    {"identifier", Tag::kIdentifier},
-    {"attribute", Tag::kAttribute},
-    {"subscript", Tag::kSubscript},
-    {"call", Tag::kCall},
-    {"lambda", Tag::kLambda},
-    {"list_comprehension", Tag::kListComprehension},
-    {"set_comprehension", Tag::kSetComprehension},
-    {"dictionary_comprehension", Tag::kDictionaryComprehension},
-    {"generator_expression", Tag::kGenerator},
-    {"for_in_clause", Tag::kForIn},
-    {"named_expression", Tag::kNamed},
-    {"conditional_expression", Tag::kConditional},
-    {"boolean_operator", Tag::kBoolean},
-    {"unary_operator", Tag::kUnary},
-    {"parenthesized_expression", Tag::kParenthesized},
-    {"expression_list", Tag::kExpressionList},
-    {"list_splat", Tag::kListSplat},
-    {"tuple", Tag::kTuple},
-    {"list", Tag::kList},
-    {"set", Tag::kSet},
-    {"dictionary", Tag::kDictionary},
-    {"string", Tag::kString},
-    {"concatenated_string", Tag::kConcatenatedString},
-    {"integer", Tag::kInteger},
-    {"float", Tag::kFloat},
-    {"true", Tag::kTrue},
-    {"false", Tag::kFalse},
-    {"none", Tag::kNone},
-    {"ellipsis", Tag::kEllipsis},
-    {"interpolation", Tag::kInterpolation},
-    {"format_expression", Tag::kInterpolation},
-    {"comment", kDropped},
-    {"line_continuation", kDropped},
-    {"string_start", kDropped},
-    {"string_content", kDropped},
-    {"string_end", kDropped},
-    {"escape_sequence", kDropped},
-    {"escape_interpolation", kDropped},
-    {"type_conversion", kDropped},
-    {"import_prefix", kDropped},
-    {"keyword_separator", kDropped},
-    {"positional_separator", kDropped},
-});
-
-std::vector<Tag> MakeTags(const TSLanguage* language) {
-  std::vector<Tag> tags(ts_language_symbol_count(language), kDropped);
-  for (size_t symbol = 0; symbol < tags.size(); ++symbol) {
-    const auto id = static_cast<TSSymbol>(symbol);
-    if (ts_language_symbol_type(language, id) != TSSymbolTypeRegular) {
-      continue;
-    }
-    const TextView name = ts_language_symbol_name(language, id);
-    const auto* const found = std::find_if(kTagNames.begin(), kTagNames.end(),
-                                           [&](const CTagName& t) { return t.name == name; });
-    tags[symbol] = found != kTagNames.end() ? found->tag : Tag::kOther;
-  }
-  return tags;
-}
-
-struct CTreeDeleter {
-  void operator()(TSTree* tree) const { ts_tree_delete(tree); }
-};
-
-// The parser is given up after this time: where much is wrong in one statement, recovering from
-// each error costs time in proportion to all of them. A hundred times what it takes for code that
-// is merely long, so that a busy machine or a sanitizer does not matter.
-constexpr uint64_t kMostMicroseconds = 10'000'000;
-constexpr uint64_t kMostMicrosecondsPerByte = 25;
+// A statement that is longer than this is parsed without its blocks, and these by themselves.
+constexpr uint32_t kMaxStatement = 4096;
+// Statements are parsed together up to this size. The parser's own effort for a parse, some
+// microseconds, does not show then.
+constexpr uint32_t kGroupSize = 4096;
+// Blocks within blocks that are parsed by themselves; deeper ones line by line, without their
+// structure. Python itself gives up at 100.
+constexpr int kMaxDepth = 100;
+// More comments and blank lines than this between two lines are not shown to the parser: at each of
+// them it looks ahead over all that follow.
+constexpr uint32_t kMaxGap = 512;
 
 // More nodes than this are given back after a file, so that one huge file does not hold its memory
 // for good: 20 MB.
-constexpr size_t kMostNodesKept = size_t{1} << 20;
+constexpr size_t kMaxNodesKept = size_t{1} << 20;
+
+struct CLine {
+  uint32_t begin;
+  CLogicalLine line;
+};
+
+void AddLine(const CLine& line, CServedText& text) {
+  uint32_t begin = line.begin;
+  if (!text.IsEmpty() && text.SourceEnd() <= begin && begin - text.SourceEnd() <= kMaxGap) {
+    begin = text.SourceEnd();
+  }
+  text.Add(begin, line.line.end, line.line.row);
+}
+
+// What a clause needs in front of it to be a statement.
+BytesView OpeningFor(FirstWord clause) {
+  switch (clause) {
+    case FirstWord::kElif:
+    case FirstWord::kElse:
+      return "if 1:pass\n";
+    case FirstWord::kExcept:
+    case FirstWord::kFinally:
+      return "try:pass\n";
+    case FirstWord::kCase:
+      return "match 1:\n";
+    default:
+      return {};
+  }
+}
 
 }  // namespace
 
-CSyntaxTree::CSyntaxTree() : _fParser(ts_parser_new()) {
-  const TSLanguage* const language = tree_sitter_python();
-  if (!ts_parser_set_language(_fParser, language)) {
-    ts_parser_delete(_fParser);
-    throw CValueError("the Python grammar does not fit this release of tree-sitter");
-  }
-  _fTags = MakeTags(language);
-}
-
-CSyntaxTree::~CSyntaxTree() { ts_parser_delete(_fParser); }
-
 bool CSyntaxTree::Parse(BytesView source) {
   _fSource = source;
+  _fIsWhole = true;
   _fErrorCount = 0;
   _fFirstErrorLine = 0;
-  if (_fNodes.capacity() > kMostNodesKept) {
+  if (_fNodes.capacity() > kMaxNodesKept) {
     _fNodes = {};
   }
   _fNodes.clear();
-  ts_parser_reset(_fParser);
-  ts_parser_set_timeout_micros(_fParser,
-                               kMostMicroseconds + kMostMicrosecondsPerByte * source.size());
-  const std::unique_ptr<TSTree, CTreeDeleter> tree(ts_parser_parse_string(
-      _fParser, nullptr, source.data(), static_cast<uint32_t>(source.size())));
-  if (tree == nullptr) {
-    _fNodes.push_back(CNode{0, static_cast<uint32_t>(source.size()), 1, 0, Tag::kModule, 0});
-    NoteError(0);
-    return false;
+  const auto size = static_cast<uint32_t>(source.size());
+  _fNodes.push_back(CNode{0, size, 1, 0, Tag::kModule, 0});
+  ParseBlock({0, size, 0}, 0);
+  _fNodes[0].next = Size();
+  return _fIsWhole;
+}
+
+void CSyntaxTree::ParseBlock(const CSourceRange& range, int depth) {
+  CServedText group;
+  group.Reset(_fSource);
+  const auto parse_group = [&] {
+    if (!group.IsEmpty()) {
+      ParseText(group, _fNodes);
+      group.Reset(_fSource);
+    }
+  };
+  std::vector<CLine> lines;  // of the present statement, as long as it is small
+  CSourceRange statement{};
+  const auto end_statement = [&] {
+    if (statement.end - statement.begin > kMaxStatement && depth < kMaxDepth) {
+      parse_group();
+      ParseSplit(statement, depth);
+    } else {
+      for (const CLine& line : lines) {
+        AddLine(line, group);
+      }
+      if (group.Size() >= kGroupSize) {
+        parse_group();
+      }
+    }
+    lines.clear();
+  };
+  CStatements all(_fSource, range, depth >= kMaxDepth);
+  for (bool is_first = true; all.Next(); is_first = false) {
+    if (is_first || all.BeginsStatement()) {
+      if (!is_first) {
+        end_statement();
+      }
+      statement.begin = all.Begin();
+      statement.row = all.Line().row;
+    }
+    statement.end = all.Line().end;
+    if (statement.end - statement.begin <= kMaxStatement || depth >= kMaxDepth) {
+      lines.push_back({all.Begin(), all.Line()});
+    }
   }
-  Flatten(tree.get());
-  return true;
+  if (statement.end != 0) {
+    end_statement();
+  }
+  parse_group();
+}
+
+// The headers of the statement together, each with "pass" for its block; the blocks by themselves.
+void CSyntaxTree::ParseSplit(const CSourceRange& statement, int depth) {
+  CServedText headers;
+  headers.Reset(_fSource);
+  std::vector<CBody> bodies;
+  CStatements all(_fSource, statement, false);
+  uint32_t header_indent = 0;
+  bool after_match = false;
+  uint32_t header_end = 0;  // of the last one, when a block may follow
+  for (bool is_first = true; all.Next(); is_first = false) {
+    const CLogicalLine& line = all.Line();
+    if (is_first) {
+      header_indent = line.indent;
+    } else if (after_match && line.first == FirstWord::kCase) {
+      header_indent = line.indent;  // its clauses are headers in a block of their own
+    }
+    if (line.indent > header_indent) {
+      if (bodies.empty() || bodies.back().header_end != header_end) {
+        bodies.push_back({header_end, {all.Begin(), 0, line.row}});
+      }
+      bodies.back().range.end = line.end;
+      after_match = false;
+      continue;
+    }
+    after_match = line.first == FirstWord::kMatch && line.opens_block;
+    if (headers.Size() > kMaxStatement && !OpeningFor(line.first).empty()) {
+      ParseHeaders(headers, bodies, depth);
+      headers.Reset(_fSource);
+      bodies.clear();
+      headers.AddForeign(OpeningFor(line.first));
+    }
+    if (line.opens_block && !after_match) {
+      headers.Add(all.Begin(), line.text_end, line.row);
+      headers.AddForeign("pass\n");
+    } else {
+      headers.Add(all.Begin(), line.end, line.row);
+    }
+    header_end = line.opens_block ? line.text_end : line.end;
+  }
+  ParseHeaders(headers, bodies, depth);
+}
+
+void CSyntaxTree::ParseHeaders(const CServedText& text, const std::vector<CBody>& bodies,
+                               int depth) {
+  std::vector<CNode> headers;
+  ParseText(text, headers);
+  struct COpen {
+    NodeIndex node;
+    NodeIndex end;  // in `headers`
+  };
+  std::vector<COpen> open;
+  auto body = bodies.begin();
+  uint32_t body_end = 0;  // of the last one; what it is in ends there at the earliest
+  const auto parse_body = [&] {
+    const NodeIndex first = Size();
+    ParseBlock((body++)->range, depth + 1);
+    for (NodeIndex i = first; i < Size(); i = _fNodes[i].next) {
+      body_end = _fNodes[i].end;
+    }
+  };
+  const auto close = [&](NodeIndex at) {
+    for (; !open.empty() && open.back().end <= at; open.pop_back()) {
+      CNode& node = _fNodes[open.back().node];
+      node.next = Size();
+      node.end = std::max(node.end, body_end);
+    }
+  };
+  for (NodeIndex i = 0; i < headers.size(); ++i) {
+    close(i);
+    CNode node = headers[i];
+    const bool is_block = std::exchange(node.mark, 0) == kForeignBlock;
+    // A block whose header was not understood comes behind it at least.
+    while (body != bodies.end() && body->header_end < node.begin + (is_block ? 0 : 1)) {
+      parse_body();
+    }
+    const NodeIndex block = Size();
+    open.push_back({block, headers[i].next});
+    _fNodes.push_back(node);
+    if (is_block && body != bodies.end() && body->header_end == node.begin) {
+      parse_body();
+      if (block + 1 < Size()) {
+        _fNodes[block].begin = _fNodes[block + 1].begin;
+        _fNodes[block].row = _fNodes[block + 1].row;
+      }
+    }
+  }
+  close(kNoNode);
+  while (body != bodies.end()) {
+    parse_body();
+  }
+}
+
+void CSyntaxTree::ParseText(const CServedText& text, std::vector<CNode>& nodes) {
+  if (!_fParser.Parse(text, nodes)) {
+    _fIsWhole = false;
+    return;
+  }
+  if (_fParser.ErrorCount() != 0) {
+    const size_t line = size_t{_fParser.FirstErrorRow()} + 1;
+    _fFirstErrorLine = _fErrorCount == 0 ? line : std::min(line, _fFirstErrorLine);
+    _fErrorCount += _fParser.ErrorCount();
+  }
 }
 
 NodeIndex CSyntaxTree::Child(NodeIndex parent, Tag tag) const {
@@ -197,52 +238,6 @@ NodeIndex CSyntaxTree::LastChild(NodeIndex parent) const {
 size_t CSyntaxTree::ChildCount(NodeIndex parent) const {
   const CChildren children = Children(parent);
   return static_cast<size_t>(std::distance(children.begin(), children.end()));
-}
-
-void CSyntaxTree::NoteError(uint32_t row) {
-  ++_fErrorCount;
-  if (_fFirstErrorLine == 0 || row < _fFirstErrorLine) {
-    _fFirstErrorLine = size_t{row} + 1;
-  }
-}
-
-void CSyntaxTree::Flatten(const TSTree* tree) {
-  const TSNode root = ts_tree_root_node(tree);
-  const bool has_error = ts_node_has_error(root);
-  TSTreeCursor cursor = ts_tree_cursor_new(root);
-  _fOpen.clear();
-  while (true) {
-    const TSNode node = ts_tree_cursor_current_node(&cursor);
-    const TSSymbol symbol = ts_node_symbol(node);
-    // The root is the module, whatever the parser made of it.
-    const Tag tag = _fOpen.empty()           ? Tag::kModule
-                    : symbol == kErrorSymbol ? Tag::kError
-                                             : _fTags[symbol];
-    bool kept = tag != kDropped;
-    if (has_error && (symbol == kErrorSymbol || ts_node_is_missing(node))) {
-      NoteError(ts_node_start_point(node).row);
-      // What the parser put in has no text.
-      kept = symbol == kErrorSymbol;
-    }
-    if (kept) {
-      const auto index = static_cast<NodeIndex>(_fNodes.size());
-      _fNodes.push_back(CNode{ts_node_start_byte(node), ts_node_end_byte(node), index + 1,
-                              ts_node_start_point(node).row, tag, 0});
-      if (ts_tree_cursor_goto_first_child(&cursor)) {
-        _fOpen.push_back(index);
-        continue;
-      }
-    }
-    while (!_fOpen.empty() && !ts_tree_cursor_goto_next_sibling(&cursor)) {
-      ts_tree_cursor_goto_parent(&cursor);
-      _fNodes[_fOpen.back()].next = static_cast<NodeIndex>(_fNodes.size());
-      _fOpen.pop_back();
-    }
-    if (_fOpen.empty()) {
-      break;
-    }
-  }
-  ts_tree_cursor_delete(&cursor);
 }
 
 }  // namespace pysource::standalone

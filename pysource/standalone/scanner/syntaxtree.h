@@ -13,122 +13,26 @@
 #include <vector>
 
 #include "pysource/host/text.h"
-
-struct TSParser;
-struct TSTree;
+#include "pysource/standalone/scanner/servedtext.h"
+#include "pysource/standalone/scanner/statements.h"
+#include "pysource/standalone/scanner/syntaxnode.h"
+#include "pysource/standalone/scanner/textparser.h"
 
 namespace pysource::standalone {
 
-// What the scanner tells apart; the names of the grammar, in its order of subjects.
-enum class Tag : uint8_t {
-  kOther,
-  kError,  // source that fits no rule; its children do
-  kModule,
-  kBlock,
-  // statements
-  kImport,
-  kImportFrom,
-  kFutureImport,
-  kAssignment,
-  kAugmented,
-  kDelete,
-  kGlobal,
-  kNonlocal,
-  kTypeAlias,
-  kFor,
-  kExcept,
-  kExceptGroup,
-  kCase,
-  kFunction,
-  kClass,
-  kDecorated,
-  // their parts
-  kDottedName,
-  kRelativeImport,
-  kAliasedImport,
-  kWildcardImport,
-  kDecorator,
-  kParameters,
-  kLambdaParameters,
-  kTypeParameters,
-  kArguments,
-  kKeywordArgument,
-  kDefaultParameter,
-  kTypedParameter,
-  kTypedDefaultParameter,
-  kType,
-  kConstrainedType,
-  kPair,
-  // targets and patterns
-  kTuplePattern,
-  kListPattern,
-  kPatternList,
-  kListSplatPattern,
-  kDictionarySplatPattern,
-  kAsPattern,
-  kAsPatternTarget,
-  kCasePattern,
-  kSplatPattern,
-  kKeywordPattern,
-  kClassPattern,
-  // expressions
-  kIdentifier,
-  kAttribute,
-  kSubscript,
-  kCall,
-  kLambda,
-  kListComprehension,
-  kSetComprehension,
-  kDictionaryComprehension,
-  kGenerator,
-  kForIn,
-  kNamed,
-  kConditional,
-  kBoolean,
-  kUnary,
-  kParenthesized,
-  kExpressionList,
-  kListSplat,
-  kTuple,
-  kList,
-  kSet,
-  kDictionary,
-  kString,
-  kConcatenatedString,
-  kInteger,
-  kFloat,
-  kTrue,
-  kFalse,
-  kNone,
-  kEllipsis,
-  kInterpolation,
-};
-
-using NodeIndex = uint32_t;
-inline constexpr NodeIndex kNoNode = 0xFFFFFFFF;
-
-struct CNode {
-  uint32_t begin;  // in bytes
-  uint32_t end;
-  NodeIndex next;  // of the first node that is not below this one
-  uint32_t row;    // counted from 0
-  Tag tag;
-  // Room for whoever walks the list; 0 at first.
-  uint8_t mark;
-};
-
 // The parser and the list, used again for one file after the other.
+//
+// Source is parsed statement by statement: small statements that follow each other together, a long
+// class or function block by block, its header alone. So what damage does to the parser, and the
+// memory and the time that it takes, stay within a few kilobytes; the list is the same for all that.
 class CSyntaxTree {
  public:
-  CSyntaxTree();
-  ~CSyntaxTree();
-  CSyntaxTree(const CSyntaxTree&) = delete;
-  CSyntaxTree& operator=(const CSyntaxTree&) = delete;
-
   // Parses the source, which must stay as long as nodes are looked at, and be fit for the parser
-  // (sourceguard.h). Node 0 is the whole file. False when the parser did not come to an end in good
-  // time: then there is no other node.
+  // (sourceguard.h). Node 0 is the whole file. False when some part of it has no nodes because the
+  // parser did not come to an end in good time.
   bool Parse(BytesView source);
+  // See CTextParser.
+  void SetStopFlag(const std::atomic<size_t>* stop) { _fParser.SetStopFlag(stop); }
 
   NodeIndex Size() const { return static_cast<NodeIndex>(_fNodes.size()); }
   CNode& operator[](NodeIndex i) { return _fNodes[i]; }
@@ -161,14 +65,21 @@ class CSyntaxTree {
   size_t FirstErrorLine() const { return _fFirstErrorLine; }
 
  private:
-  void Flatten(const TSTree* tree);
-  void NoteError(uint32_t row);
+  // A block that the header in front of it is parsed without.
+  struct CBody {
+    uint32_t header_end;
+    CSourceRange range;
+  };
 
-  TSParser* const _fParser;
-  std::vector<Tag> _fTags;  // by the parser's number of a symbol; kDropped for punctuation
+  void ParseBlock(const CSourceRange& range, int depth);
+  void ParseSplit(const CSourceRange& statement, int depth);
+  void ParseHeaders(const CServedText& text, const std::vector<CBody>& bodies, int depth);
+  void ParseText(const CServedText& text, std::vector<CNode>& nodes);
+
+  CTextParser _fParser;
   BytesView _fSource;
   std::vector<CNode> _fNodes;
-  std::vector<NodeIndex> _fOpen;  // scratch: the nodes from the root to the present one
+  bool _fIsWhole = true;
   size_t _fErrorCount = 0;
   size_t _fFirstErrorLine = 0;
 };
