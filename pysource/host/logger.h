@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdio>
+#include <functional>
 #include <utility>
 
 #include "pysource/host/repr.h"
@@ -32,11 +33,16 @@ class CLogger {
   void Write(const Text& line) const;
 };
 
-// Writes one line to the standard output.
+// Takes the lines that the module prints, one a call and without its end.
+using CLineSink = std::function<void(TextView line)>;
+// Sends them there from now on; an empty one brings back the standard error, where they go at
+// first. Never the standard output: that belongs to the answers of the program around the module.
+void SetLineSink(CLineSink sink);
+
+// Hands one line to the sink.
 void PrintLine(TextView line);
 
-// For states that should not occur but must not end an editor: always prints `msg % args` on the
-// standard output. One function, so that it is easy to send such lines elsewhere.
+// For states that should not occur but must not end an editor: always prints `msg % args`.
 template <class... Args>
 void CriticalLog(TextView msg, const Args&... args) {
   PrintLine(FormatPercent(msg, {FormatArg(args)...}));

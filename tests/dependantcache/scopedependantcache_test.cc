@@ -24,9 +24,9 @@ class ScopeDependantCacheTest : public fakes::CWorldTest {
  protected:
   // What `run` prints.
   static Text Printed(const std::function<void()>& run) {
-    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
     run();
-    return testing::internal::GetCapturedStdout();
+    return testing::internal::GetCapturedStderr();
   }
   // "key=value scopes" of a look-up, "unknown" for none; the scopes sorted, as file:scope.
   static Text Look(Cache& cache, const Text& key) {

@@ -139,12 +139,12 @@ TEST_P(AnyLoop, CallbacksCancelThemselvesAndOthersAndAddNewOnes) {
 }
 
 TEST_P(AnyLoop, WhatACallbackThrowsIsReportedAndEndsIt) {
-  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
   fLoop.idle_add([]() -> bool { throw std::runtime_error("disk full"); }, PRIORITY_HIGH_IDLE);
   fLoop.idle_add([]() -> bool { throw 7; }, PRIORITY_DEFAULT_IDLE);
   fLoop.timeout_add(0, []() -> bool { FailAssertion("sorted", "file.cc", 3); });
   RunUntilPending(0);
-  const std::string output = testing::internal::GetCapturedStdout();
+  const std::string output = testing::internal::GetCapturedStderr();
   EXPECT_THAT(output, testing::HasSubstr("a callback failed: disk full\n"));
   EXPECT_THAT(output, testing::HasSubstr("a callback failed with an unknown error\n"));
   EXPECT_THAT(output, testing::HasSubstr("a callback failed: assertion at file.cc:3 sorted\n"));
@@ -279,7 +279,7 @@ TEST(GlibLoop, PostedWorkGoesAheadOfIdleCallsAndMayThrow) {
   CGlibWorld world;
   bool idle_ran = false;
   world.loop->idle_add([&] { return !(idle_ran = true); }, PRIORITY_HIGH_IDLE);
-  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
   world.loop->PostFromThread([&] {
     EXPECT_FALSE(idle_ran);
     throw std::runtime_error("a bad scan");
@@ -287,7 +287,7 @@ TEST(GlibLoop, PostedWorkGoesAheadOfIdleCallsAndMayThrow) {
   while (world.PendingCount() != 0) {
     world.Step();
   }
-  EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::HasSubstr("a bad scan"));
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::HasSubstr("a bad scan"));
   EXPECT_FALSE(world.loop->Iterate(false));
 }
 

@@ -414,9 +414,9 @@ TEST_F(ScopesSeenTest, TimesSurviveToTheBit) {
 }
 
 TEST_F(ScopesSeenTest, AFileThatIsNotKnownIsReportedAndLeftOut) {
-  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
   const auto seen = ReadSeen(B("81 81 '*' | 83 | 85 81 82 | 89 81 82 | 6C C4 81 82"));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "The loc is None when Deserializing seen dict: 9\n");
   EXPECT_EQ(seen->size(), 2U);
 }

@@ -28,8 +28,8 @@ using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStdout;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
 
 namespace fs = std::filesystem;
 
@@ -509,9 +509,9 @@ TEST_F(SqliteDb, ADamagedRowIsLeftOutAndNamed) {
       "UPDATE records SET seen = x'8181AA8185' || x'8180' WHERE scope = 'f2';"
       "UPDATE records SET scanned_file = 12345 WHERE scope = 'f3';"
       "UPDATE records SET scan = 77 WHERE scope = 'f4'");
-  CaptureStdout();
+  CaptureStderr();
   const auto records = db->ReadScopeDataRecords(File("a.py"), kBothScans, kAllScopes, 2);
-  const std::string log = GetCapturedStdout();
+  const std::string log = GetCapturedStderr();
   ASSERT_EQ(records.size(), 2U);
   EXPECT_EQ(records[0].for_scope + records[1].for_scope, "f0f5");
   for (const char* scope : {"'f1'", "'f2'", "'f3'"}) {
@@ -543,14 +543,14 @@ TEST_F(SqliteDb, DamagedPagesMetInAReadOrASaveBeginANewDatabase) {
     ASSERT_EQ(db->Message(), "");
     EXPECT_THAT(db->Verify(), Each(HasSubstr(DbPath()))) << "looking repairs nothing";
     ASSERT_FALSE(db->Verify().empty());
-    CaptureStdout();
+    CaptureStderr();
     if (save_first) {
       EXPECT_FALSE(Save(*db, "f19", "new", 3));
       EXPECT_THAT(db->LastError(), HasSubstr(DbPath()));
     } else {
       EXPECT_EQ(Held(*db, "f19"), "-");
     }
-    EXPECT_THAT(GetCapturedStdout(), HasSubstr("set aside"));
+    EXPECT_THAT(GetCapturedStderr(), HasSubstr("set aside"));
     EXPECT_THAT(db->Message(), HasSubstr(DbPath() + ".set-aside-"));
     EXPECT_TRUE(Save(*db, "f19", "new")) << db->LastError();
     EXPECT_EQ(Held(*db, "f19"), "new");

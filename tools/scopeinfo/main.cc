@@ -8,6 +8,7 @@
 #include <string>
 #include <thread>
 
+#include "pysource/host/logger.h"
 #include "tools/scopeinfo/commands.h"
 #include "tools/scopeinfo/output.h"
 
@@ -203,6 +204,7 @@ int Run(int argc, char** argv) {
 int main(int argc, char** argv) {
   // Whoever started us may have it ignored; a reader that has seen enough should end us quietly.
   std::signal(SIGPIPE, SIG_DFL);
+  pysource::SetLineSink([](std::string_view line) { pysource::tools::Complain(line); });
   try {
     return pysource::tools::Run(argc, argv);
   } catch (const std::exception& error) {
