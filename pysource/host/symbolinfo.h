@@ -23,18 +23,29 @@
 //   builtin class          :b      name of the builtin class                   :bstr
 //   typed literal          :l      builtin class name of the literal           :lint
 //   argument               :A      position of the argument                    :A0
-//   type hint              :t      the annotation without white space          :tlist[int]
+//   type hint              :t      the annotation, white space as below        :tlist[int]
 //   plain equivalence      (none)  a dotted name                               a.b
-//   expression             :e      the expression without white space          :ea+b
+//   expression             :e      the expression, white space as below        :ea+b
 //   method                 :m      scope of the body, "(", arguments, ")"      :mC.m(self,x)
 //   unbound method         :u      as method (static or class method)          :uC.make(cls)
-//   function               :F      as method                                   :Ff(a,b)
-//   class                  :c      scope of the body, "(", bases, ")"          :cC(Base)
+//   function               :F      as method                                   :Ff(a,/,b=,*,c)
+//   class                  :c      scope of the body, "(", bases, keywords, ")"  :cC(B,metaclass=M)
 //   self                   :@      empty                                       :@
 //   instance               :I      scope name of the class                     :IC
 //   module                 :M      dotted module name                          :Mpkg.mod
 //   inferred type hint     :H      as type hint                                :Hint
-//   called                 :C      the called expression without white space   :Copen
+//   called                 :C      the called expression, white space as below :Copen
+//
+// White space (comments and line breaks count as such) is dropped from a text of the source, but
+// for one space between two characters that can stand in a name: "d in e", "not c", "a+b". Strings
+// keep theirs. Arguments are names, with "*" or "**" before those that take the rest and "=" behind
+// those that have a default; a bare "*" and "/" stand where the source has them. The bases of a
+// class are the items without a "=" outside of brackets.
+//
+// Names that no variable can have hold what a scope says beyond its names: "*" its star imports,
+// "return" its return hint and the values that it returns, "yield" those that it yields (each after
+// ":w" and its line), and "import" the imports that a query of all imports would miss under the
+// names that they bind ("import a.b as x", a name that a class has too).
 #pragma once
 
 #include <cstdint>
@@ -127,6 +138,11 @@ inline constexpr TextView kModuleScopeName = "";
 inline constexpr TextView kWildcardScope = "*";
 // The scope that the record of an implicit package was "scanned" from.
 inline constexpr TextView kPackageDirScope = "<package>";
+// Names that no variable can have: what a scope says beyond its names.
+inline constexpr TextView kStarImportsName = "*";
+inline constexpr TextView kReturnName = "return";
+inline constexpr TextView kYieldName = "yield";
+inline constexpr TextView kImportName = "import";
 // Separates the alternatives of an info-bytes value.
 inline constexpr char kInfoBytesSep = ';';
 
@@ -136,9 +152,21 @@ constexpr Kind GetInfoBytesKind(BytesView ibytes) {
   return ibytes.size() >= kPrefixLen && ibytes[0] == ':' ? ibytes[1] : kPlainEquivKind;
 }
 
+// Whether the kind is that of a line, which the items behind it belong to.
+constexpr bool IsLineKind(Kind kind) {
+  return kind == kSetKind || kind == kGetKind || kind == kSetTypeHintKind ||
+         kind == kWithinExprKind;
+}
+
 // Whether the kind is that of a definition with a body and arguments.
 constexpr bool IsDefKind(Kind kind) {
   return kind == kFunctionKind || kind == kMethodKind || kind == kUnboundMethodKind;
+}
+
+// Whether a variable can have the name.
+constexpr bool IsVariableName(TextView name) {
+  return name != kStarImportsName && name != kReturnName && name != kYieldName &&
+         name != kImportName;
 }
 
 constexpr bool IsTopLevelModuleScope(TextView scope) { return scope.empty(); }

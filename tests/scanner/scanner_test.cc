@@ -47,15 +47,15 @@ TEST(ScannerTest, Values) {
        "''\n  a :s1;:ldict\n  b :s1;:lset\n  c :s1;:ltuple\n  d :s1;:lint\n  e :s1;:lNoneType\n"
        "  f :s1;:lbool\n  g :s1;:lellipsis\n  =b 1\n"},
       {"names, calls, expressions", "a = b . c\nd = f(1)(2)\ne = x [ 1 : 2 ] + 'y z'\n",
-       "''\n  a :s1;b.c\n  d :s2;:Cf(1)\n  e :s3;:ex[1:2]+'yz'\n"},
+       "''\n  a :s1;b.c\n  d :s2;:Cf(1)\n  e :s3;:ex[1:2]+'y z'\n"},
       {"every branch is an alternative", "a = (1 if b else c) or 'x'\n",
        "''\n  a :s1;:lint;c;:lstr\n"},
-      {"an alternative is told once", "a = 1\na = 's'\na = 2\n",
-       "''\n  a :s1;:lint;:s2;:lstr;:s3\n"},
+      {"each binding tells its own", "a = 1\na = 's'\na = 2\n",
+       "''\n  a :s1;:lint;:s2;:lstr;:s3;:lint\n"},
       {"a chain of targets", "a = b.c = d = 1\n", "''\n  a :s1;:lint\n  d :s1;:lint\n"},
       {"a lambda that has a name", "f = lambda x, *y: x\n",
-       "''\n  f :s1;:F<lambda>(x,y)\n'<lambda>' :F<lambda>(x,y)\n  x :s1;:A0\n"
-       "  y :s1;:A1;:ltuple\n"},
+       "''\n  f :s1;:F<lambda>(x,*y)\n'<lambda>' :F<lambda>(x,*y)\n  return :w1;x\n  x :s1;:A0\n  "
+       "y :s1;:A1;:ltuple\n"},
       {"augmented", "a += 1\na.b -= 2\n", "''\n  a :s1;:ea+1\n"},
       {"brackets and separators within strings do no harm", "a = f(')').g\nb = ';' + x['(']\n",
        "''\n  a :s1;:ef('_').g\n  b :s2;:e'_'+x['_']\n"},
@@ -85,8 +85,8 @@ TEST(ScannerTest, Targets) {
        "''\n  a :s2\n  b :s2\n  c :s2\n  d :s3\n  e :s3\n  f :s3\n  g :s3\n  h :s5\n"},
       {"walrus, out of comprehensions",
        "if (a := 1): pass\ndef f():\n return [b for c in d if (b := c)]\n",
-       "''\n  a :s1;:w1;:lint\n  f :s2;:Ff()\n'f' :Ff()\n  b :s3;:w3;:Sf.<listcomp> c\n"
-       "'f.<listcomp>' :w3\n  c :s3;:w3;:Sf d[*]\n"},
+       "''\n  a :s1;:w1;:lint\n  f :s2;:Ff()\n'f' :Ff()\n  b :s3;:w3;:Sf.<listcomp> c\n  return "
+       ":w3;:llist\n'f.<listcomp>' :w3\n  c :s3;:w3;:Sf d[*]\n"},
       {"soft keywords are names", "match = 1\ntype = 2\nprint = 3\ncase = 4\n_ = 5\n",
        "''\n  _ :s5;:lint\n  case :s4;:lint\n  match :s1;:lint\n  print :s3;:lint\n"
        "  type :s2;:lint\n"},
@@ -103,8 +103,9 @@ TEST(ScannerTest, Imports) {
       {"all forms",
        "import os.path, sys as s\nfrom . import a\nfrom ..b . c import d as e, f\n"
        "from __future__ import annotations\nfrom m import (g, h as i,)\n",
-       "''\n  a :s2;:f. a\n  annotations :s4;:f__future__ annotations\n  e :s3;:f..b.c d\n"
-       "  f :s3;:f..b.c f\n  g :s5;:fm g\n  i :s5;:fm h\n  os :s1;:ios.path\n  s :s1;:asys s\n"},
+       "''\n  a :s2;:f. a\n  annotations :s4;:f__future__ annotations\n  e :s3;:f..b.c d\n  f "
+       ":s3;:f..b.c f\n  g :s5;:fm g\n  i :s5;:fm h\n  import :s1;:isys\n  os :s1;:ios.path\n  s "
+       ":s1;:asys s\n"},
       {"a star looks at the module, if there is one", "from star import *\nfrom nowhere import *\n",
        "''\n  * :s1;:fstar *;:s2;:fnowhere *\n  seen file:///star.py 50.0\n"},
   });
@@ -114,31 +115,31 @@ TEST(ScannerTest, Definitions) {
   Check({
       {"arguments of all kinds",
        "def f(a, /, b: int, *c: int, d=x, e: 'T' = 1, **g) -> List[int]: pass\n",
-       "''\n  f :s1;:Ff(a,b,c,d,e,g)\n'f' :Ff(a,b,c,d,e,g)\n  a :s1;:A0\n  b :s1;:A1;:h1;:tint\n"
-       "  c :s1;:A2;:h1;:tint;:ltuple\n  d :s1;:A3;:S x\n  e :s1;:A4;:h1;:tT;:lint\n"
-       "  g :s1;:A5;:ldict\n  return :h1;:tList[int]\n"},
+       "''\n  f :s1;:Ff(a,/,b,*c,d=,e=,**g)\n'f' :Ff(a,/,b,*c,d=,e=,**g)\n  a :s1;:A0\n  b "
+       ":s1;:A1;:h1;:tint\n  c :s1;:A2;:h1;:tint;:ltuple\n  d :s1;:A3;:S x\n  e "
+       ":s1;:A4;:h1;:tT;:lint\n  g :s1;:A5;:ldict\n  return :h1;:tList[int]\n"},
       {"methods and what decorators make of them",
        "class C(B[int], m.D, metaclass=M):\n def a(self): pass\n @staticmethod\n def b(x): pass\n"
        " @abc.abstractclassmethod\n def c(cls): pass\n @p(1)\n async def __new__(cls): pass\n",
-       "''\n  C :s1;:cC(B[int],m.D)\n'C' :cC(B[int],m.D)\n  __new__ :s8;:dp;:uC.__new__(cls)\n"
-       "  a :s2;:mC.a(self)\n  b :s4;:dstaticmethod;:uC.b(x)\n"
-       "  c :s6;:dabc.abstractclassmethod;:uC.c(cls)\n'C.a' :mC.a(self)\n  self :s2;:A0;:@\n"
-       "'C.b' :uC.b(x)\n  x :s4;:A0\n'C.c' :uC.c(cls)\n  cls :s6;:A0\n"
-       "'C.__new__' :uC.__new__(cls)\n  cls :s8;:A0\n"},
+       "''\n  C :s1;:cC(B[int],m.D,metaclass=M)\n'C' :cC(B[int],m.D,metaclass=M)\n  __new__ "
+       ":s8;:dp;:uC.__new__(cls)\n  a :s2;:mC.a(self)\n  b :s4;:dstaticmethod;:uC.b(x)\n  c "
+       ":s6;:dabc.abstractclassmethod;:uC.c(cls)\n'C.a' :mC.a(self)\n  self :s2;:A0;:@\n'C.b' "
+       ":uC.b(x)\n  x :s4;:A0\n'C.c' :uC.c(cls)\n  cls :s6;:A0\n'C.__new__' :uC.__new__(cls)\n  "
+       "cls :s8;:A0\n"},
       {"the second definition of a name", "if x:\n def f(): a = 1\nelse:\n class f: b = 2\n",
        "''\n  f :s2;:Ff();:s4;:cf#2()\n'f' :Ff()\n  a :s2;:lint\n'f#2' :cf#2()\n  b :s4;:lint\n"},
       {"global and nonlocal", "def f():\n global a, b\n a = 1\n def g():\n  nonlocal c\n  c = 2\n",
-       "''\n  f :s1;:Ff()\n'f' :Ff()\n  a :G;:s3;:lint\n  b :G\n  g :s4;:Ff.g()\n"
-       "'f.g' :Ff.g()\n  c :n;:s6;:lint\n"},
+       "''\n  a :s3;:lint\n  f :s1;:Ff()\n'f' :Ff()\n  a :G;:s3;:lint\n  b :G\n  g "
+       ":s4;:Ff.g()\n'f.g' :Ff.g()\n  c :n;:s6;:lint\n"},
       {"what belongs to the outside of a definition",
        "def f(a=[x for x in y], b=lambda: (z := 1)) -> (w := int): pass\n",
-       "''\n  f :s1;:Ff(a,b)\n  w :s1;:w1;int\n'f' :Ff(a,b)\n  a :s1;:A0;:llist\n"
-       "  b :s1;:A1;:S :elambda:(z:=1)\n  return :h1;:t(w:=int)\n'<listcomp>' :w1\n"
-       "  x :s1;:w1;:S y[*]\n'<lambda>' :F<lambda>()\n  z :s1;:w1;:lint\n"},
+       "''\n  f :s1;:Ff(a=,b=)\n  w :s1;:w1;int\n'f' :Ff(a=,b=)\n  a :s1;:A0;:llist\n  b "
+       ":s1;:A1;:S :elambda:(z:=1)\n  return :h1;:t(w:=int)\n'<listcomp>' :w1\n  x :s1;:w1;:S "
+       "y[*]\n'<lambda>' :F<lambda>()\n  return :w1;:lint\n  z :s1;:w1;:lint\n"},
       {"nested comprehensions", "a = {b: {c for c in d} for b in (e for e in f)}\n",
-       "''\n  a :s1;:ldict\n'<dictcomp>' :w1\n  b :s1;:w1;:S :e(eforeinf)[*]\n"
-       "'<dictcomp>.<setcomp>' :w1\n  c :s1;:w1;:S<dictcomp> d[*]\n'<genexpr>' :w1\n"
-       "  e :s1;:w1;:S f[*]\n"},
+       "''\n  a :s1;:ldict\n'<dictcomp>' :w1\n  b :s1;:w1;:S :e(e for e in "
+       "f)[*]\n'<dictcomp>.<setcomp>' :w1\n  c :s1;:w1;:S<dictcomp> d[*]\n'<genexpr>' :w1\n  e "
+       ":s1;:w1;:S f[*]\n"},
       {"type parameters",
        "def f[T: int, *U](x: T): pass\nclass C[**P]: pass\ntype A[T] = list[T]\n",
        "''\n  A :s3;:tlist[T]\n  C :s2;:cC()\n  f :s1;:Ff(x)\n'f' :Ff(x)\n"
@@ -167,11 +168,11 @@ TEST(ScannerTest, Attributes) {
       {"of modules, by every form of import",
        "import os.path, os as o\nfrom pkg import mod\nfrom . import sib as s\nimport nowhere\n"
        "os.a = 1\no.path.b = x\nmod.c = 's'\ns.d = 2\nnowhere.e = 3\n",
-       "''\n  mod :s2;:fpkg mod\n  nowhere :s4;:inowhere\n  o :s1;:aos o\n  os :s1;:ios.path\n"
-       "  s :s3;:f. sib\n'' attrs > file:///.sib.py\n  d :Ufile:///t.py :S :s8;:lint\n"
-       "'' attrs > file:///os.path.py\n  b :Ufile:///t.py :S :s6;:Ufile:///t.py :S x\n"
-       "'' attrs > file:///os.py\n  a :Ufile:///t.py :S :s5;:lint\n"
-       "'' attrs > file:///pkg.mod.py\n  c :Ufile:///t.py :S :s7;:lstr\n"},
+       "''\n  import :s1;:ios\n  mod :s2;:fpkg mod\n  nowhere :s4;:inowhere\n  o :s1;:aos o\n  os "
+       ":s1;:ios.path\n  s :s3;:f. sib\n'' attrs > file:///.sib.py\n  d :Ufile:///t.py :S "
+       ":s8;:lint\n'' attrs > file:///os.path.py\n  b :Ufile:///t.py :S :s6;:Ufile:///t.py :S "
+       "x\n'' attrs > file:///os.py\n  a :Ufile:///t.py :S :s5;:lint\n'' attrs > "
+       "file:///pkg.mod.py\n  c :Ufile:///t.py :S :s7;:lstr\n"},
       {"names are looked up as Python does",
        "import os\nclass C:\n os = 1\n def m(self):\n  os.a = 1\ndef f():\n os = 1\n os.b = 1\n",
        "''\n  C :s2;:cC()\n  f :s6;:Ff()\n  os :s1;:ios\n'C' :cC()\n  m :s4;:mC.m(self)\n"

@@ -75,7 +75,7 @@ ScopeNames NamesOf(const CFileScan& scan) {
     }
     NameSet names;
     for (const auto& [name, ibytes] : scanned.infos.at(0)->type_equivs) {
-      if (name == "*" || name == "return") {
+      if (!IsVariableName(name)) {
         continue;
       }
       const bool only_declared = ibytes == kGlobalPrefix || ibytes == kNonlocalPrefix;

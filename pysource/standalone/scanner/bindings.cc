@@ -4,11 +4,12 @@
 
 #include "pysource/host/hash.h"
 #include "pysource/host/symbolinfo.h"
+#include "pysource/standalone/scanner/itemtext.h"
 
 namespace pysource::standalone {
 namespace {
 
-// Names with more items than this have them in the index; others are compared one by one.
+// Bindings with more items than this have them in the index; others are compared one by one.
 constexpr uint32_t kMostComparedItems = 8;
 
 constexpr std::array<TextView, 5> kUnnamedLeaves{"<lambda>", "<listcomp>", "<setcomp>",
@@ -29,12 +30,13 @@ void CBindings::Reset() {
   _fNames.clear();
   _fNameIndex.Reuse();
   _fItems.clear();
-  _fItemNames.clear();
+  _fItemBindings.clear();
   _fItemIndex.Reuse();
   _fText.clear();
   _fKept.clear();
   _fDomains.clear();
   _fStarImports.clear();
+  _fImports.clear();
   _fScopes.push_back(CScopeEntry{ScopeKind::kModule, kNoIndex, Text(kModuleScopeName), Bytes()});
 }
 
@@ -88,14 +90,13 @@ void CBindings::AddNumber(uint32_t name, BytesView prefix, size_t number) {
   EndItem(name, begin);
 }
 
-bool CBindings::HasItem(uint32_t name, BytesView text) const {
-  const CNameEntry& entry = _fNames[name];
-  if (entry.item_count > kMostComparedItems) {
-    return _fItemIndex.Find(HashName(name, text), [&](uint32_t i) {
-      return _fItemNames[i] == name && TextOf(_fItems[i]) == text;
+bool CBindings::BindingHasItem(const CNameEntry& entry, BytesView text) const {
+  if (entry.binding_count > kMostComparedItems) {
+    return _fItemIndex.Find(HashName(entry.binding_item, text), [&](uint32_t i) {
+      return _fItemBindings[i] == entry.binding_item && TextOf(_fItems[i]) == text;
     }) != CHashIndex::kNone;
   }
-  for (uint32_t i = entry.first_item; i != kNoIndex; i = _fItems[i].next) {
+  for (uint32_t i = entry.binding_item; i != kNoIndex; i = _fItems[i].next) {
     if (TextOf(_fItems[i]) == text) {
       return true;
     }
@@ -105,24 +106,73 @@ bool CBindings::HasItem(uint32_t name, BytesView text) const {
 
 void CBindings::EndItem(uint32_t name, uint32_t begin) {
   const auto size = static_cast<uint32_t>(_fText.size() - begin);
-  if (size == 0 || HasItem(name, BytesView(_fText).substr(begin, size))) {
+  CNameEntry& entry = _fNames[name];
+  if (size == 0 || BindingHasItem(entry, BytesView(_fText).substr(begin, size))) {
     _fText.resize(begin);
     return;
   }
   const auto item = static_cast<uint32_t>(_fItems.size());
+  const bool is_line = IsLineKind(GetInfoBytesKind(BytesView(_fText).substr(begin, size)));
+  if (entry.binding_item == kNoIndex || (is_line && entry.binding_has_value)) {
+    entry.binding_item = item;
+    entry.binding_count = 0;
+    entry.binding_has_value = false;
+  }
+  entry.binding_has_value = entry.binding_has_value || !is_line;
   _fItems.push_back(CItem{begin, size, kNoIndex});
-  _fItemNames.push_back(name);
-  CNameEntry& entry = _fNames[name];
+  _fItemBindings.push_back(entry.binding_item);
   (entry.last_item == kNoIndex ? entry.first_item : _fItems[entry.last_item].next) = item;
   entry.last_item = item;
   entry.item_bytes += size;
   ++entry.item_count;
-  if (entry.item_count == kMostComparedItems + 1) {
-    for (uint32_t i = entry.first_item; i != kNoIndex; i = _fItems[i].next) {
-      _fItemIndex.Insert(HashName(name, TextOf(_fItems[i])), i);
+  ++entry.binding_count;
+  if (entry.binding_count == kMostComparedItems + 1) {
+    for (uint32_t i = entry.binding_item; i != kNoIndex; i = _fItems[i].next) {
+      _fItemIndex.Insert(HashName(entry.binding_item, TextOf(_fItems[i])), i);
     }
-  } else if (entry.item_count > kMostComparedItems) {
-    _fItemIndex.Insert(HashName(name, TextOf(_fItems[item])), item);
+  } else if (entry.binding_count > kMostComparedItems) {
+    _fItemIndex.Insert(HashName(entry.binding_item, TextOf(_fItems[item])), item);
+  }
+  if (entry.is_global && entry.scope != 0) {
+    AddToGlobal(name, begin, size);
+  }
+}
+
+// The module's name is bound by what binds it here, with the words meant as they are here.
+void CBindings::AddToGlobal(uint32_t name, uint32_t begin, uint32_t size) {
+  const Bytes item = _fText.substr(begin, size);
+  if (item == kGlobalPrefix) {
+    return;
+  }
+  uint32_t twin = _fNames[name].global_twin;
+  if (twin == kNoIndex) {
+    twin = GetName(0, _fNames[name].name);
+    _fNames[name].global_twin = twin;
+  }
+  _fNames[twin].is_import = _fNames[twin].is_import || _fNames[name].is_import;
+  const uint32_t at = BeginItem({});
+  AppendQualified(item, Loc(), _fScopes[_fNames[name].scope].name, _fText);
+  EndItem(twin, at);
+}
+
+void CBindings::TellMissedImports() {
+  for (const CImport& import : _fImports) {
+    Bytes item(TextOf(_fItems[import.item]));
+    bool is_missed = false;
+    if (GetInfoBytesKind(item) == kImportAsNameKind) {
+      is_missed = true;
+      item = Bytes(kImportPrefix) + item.substr(kPrefixLen, item.find(' ') - kPrefixLen);
+    } else {
+      // A value in which the mark of a class occurs counts as one of classes alone.
+      ForEachItem(_fNames[import.name], [&](BytesView said) {
+        is_missed = is_missed || said.find(kClassPrefix) != BytesView::npos;
+      });
+    }
+    if (is_missed) {
+      const uint32_t told = GetName(_fNames[import.name].scope, kImportName);
+      AddNumber(told, kSetPrefix, import.line);
+      AddItem(told, item);
+    }
   }
 }
 

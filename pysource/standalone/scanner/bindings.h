@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <deque>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "pysource/host/hashindex.h"
@@ -49,11 +50,16 @@ struct CNameEntry {
   uint32_t first_item = kNoIndex;
   uint32_t last_item = kNoIndex;
   uint32_t item_count = 0;
-  uint32_t item_bytes = 0;   // of all items, without separators
-  uint32_t definitions = 0;  // functions and classes of that name so far
+  uint32_t item_bytes = 0;  // of all items, without separators
+  // The last binding: its first item, and how many it has. An item is told once in each binding.
+  uint32_t binding_item = kNoIndex;
+  uint32_t binding_count = 0;
+  bool binding_has_value = false;  // more than lines
+  uint32_t definitions = 0;        // functions and classes of that name so far
   uint32_t domain = kNoIndex;
   bool is_attribute = false;
   bool is_global = false;
+  uint32_t global_twin = kNoIndex;  // of a name declared global: that of the module, once bound
   bool is_nonlocal = false;
   bool is_import = false;
 };
@@ -83,8 +89,9 @@ class CBindings {
   // Keeps a text that is no part of the source.
   TextView Keep(Text text) { return _fKept.emplace_back(std::move(text)); }
 
-  // ---- Items. One is made by appending to ItemText() and then taking what was appended; an item
-  // that the name has already, and an empty one, is dropped.
+  // ---- Items. One is made by appending to ItemText() and then taking what was appended. The line
+  // of a further binding begins a new run of items; one that its run has already, and an empty one,
+  // is dropped. What a name that is declared global takes, the module's name takes as well.
 
   Bytes& ItemText() { return _fText; }
   uint32_t BeginItem(BytesView prefix) {
@@ -120,6 +127,15 @@ class CBindings {
   std::vector<CStarImport>& StarImports() { return _fStarImports; }
   const std::vector<CStarImport>& StarImports() const { return _fStarImports; }
 
+  // ---- Imports, in the order of the source. The query of imports (CInfoCache::GetAllImports) does
+  // not find every one of them under the name that it binds.
+  // The last item of the name is an import, in that line.
+  void NoteImport(uint32_t name, size_t line) {
+    _fImports.push_back({name, _fNames[name].last_item, line});
+  }
+  // To be called after the last item: puts those that would be missed under kImportName.
+  void TellMissedImports();
+
  private:
   struct CItem {
     uint32_t begin;  // in _fText
@@ -127,21 +143,29 @@ class CBindings {
     uint32_t next;  // of the same name
   };
 
+  struct CImport {
+    uint32_t name;
+    uint32_t item;
+    size_t line;
+  };
+
   BytesView TextOf(const CItem& item) const {
     return BytesView(_fText).substr(item.begin, item.size);
   }
-  bool HasItem(uint32_t name, BytesView text) const;
+  bool BindingHasItem(const CNameEntry& entry, BytesView text) const;
+  void AddToGlobal(uint32_t name, uint32_t begin, uint32_t size);
 
   std::vector<CScopeEntry> _fScopes;
   std::vector<CNameEntry> _fNames;
   CHashIndex _fNameIndex;  // by scope and name
   std::vector<CItem> _fItems;
-  std::vector<uint32_t> _fItemNames;  // whose the item is, for _fItemIndex
-  CHashIndex _fItemIndex;             // by name and text, of names with many items
+  std::vector<uint32_t> _fItemBindings;  // which binding the item is of, for _fItemIndex
+  CHashIndex _fItemIndex;                // by binding and text, of bindings with many items
   Bytes _fText;
   std::deque<Text> _fKept;
   std::vector<Bytes> _fDomains;
   std::vector<CStarImport> _fStarImports;
+  std::vector<CImport> _fImports;
 };
 
 }  // namespace pysource::standalone

@@ -36,8 +36,12 @@ bool IsDotted(const CSyntaxTree& tree, NodeIndex node) {
   if (tree.Text(node).size() > kMostExpressionText) {
     return false;
   }
+  const NodeIndex whole = node;
   while (tree[node].tag == Tag::kAttribute && tree.FirstChild(node) != kNoNode) {
     node = tree.FirstChild(node);
+  }
+  if (node != whole && IsSplat(tree[node].tag) && tree.FirstChild(node) != kNoNode) {
+    node = tree.FirstChild(node);  // "*a.b" as a target
   }
   return tree[node].tag == Tag::kIdentifier;
 }
@@ -49,6 +53,40 @@ bool HasSplat(const CSyntaxTree& tree, NodeIndex sequence) {
     }
   }
   return false;
+}
+
+bool IsRestTarget(const CSyntaxTree& tree, NodeIndex target) {
+  while ((tree[target].tag == Tag::kAttribute || tree[target].tag == Tag::kSubscript) &&
+         tree.FirstChild(target) != kNoNode) {
+    target = tree.FirstChild(target);
+  }
+  return IsSplat(tree[target].tag);
+}
+
+bool IsPrimary(Tag tag) {
+  switch (tag) {
+    case Tag::kIdentifier:
+    case Tag::kAttribute:
+    case Tag::kSubscript:
+    case Tag::kCall:
+    case Tag::kParenthesized:
+    case Tag::kTuple:
+    case Tag::kList:
+    case Tag::kSet:
+    case Tag::kDictionary:
+    case Tag::kListComprehension:
+    case Tag::kSetComprehension:
+    case Tag::kDictionaryComprehension:
+    case Tag::kGenerator:
+    case Tag::kString:
+    case Tag::kTrue:
+    case Tag::kFalse:
+    case Tag::kNone:
+    case Tag::kEllipsis:
+      return true;
+    default:
+      return false;
+  }
 }
 
 bool HasInterpolation(const CSyntaxTree& tree, NodeIndex string) {

@@ -25,6 +25,11 @@ NodeIndex UnwrappedTarget(const CSyntaxTree& tree, NodeIndex target);
 // Whether it is a name, or an attribute of one, and short enough for an item.
 bool IsDotted(const CSyntaxTree& tree, NodeIndex node);
 bool HasSplat(const CSyntaxTree& tree, NodeIndex sequence);
+// Whether the target takes what the others of its sequence leave. The parser gives the star of
+// "*a.b" to a alone.
+bool IsRestTarget(const CSyntaxTree& tree, NodeIndex target);
+// Whether "[0]" can follow the expression and mean a part of all of it.
+bool IsPrimary(Tag tag);
 // Whether the string holds expressions.
 bool HasInterpolation(const CSyntaxTree& tree, NodeIndex string);
 

@@ -8,6 +8,7 @@
 #include "pysource/host/errors.h"
 #include "pysource/host/symbolinfo.h"
 #include "pysource/standalone/scanner/bindings.h"
+#include "pysource/standalone/scanner/itemtext.h"
 #include "pysource/standalone/scanner/sourcefile.h"
 #include "pysource/standalone/scanner/sourceguard.h"
 #include "pysource/standalone/scanner/syntaxtree.h"
@@ -21,8 +22,8 @@
 // defaults, annotations, bases and decorators of a definition. scope_ibytes is the item that the
 // definition gives its name, for a comprehension ":w" and its line; empty for the module.
 //
-// Names (kNamesScan). Each binding adds its items to what the name has already, without repeating
-// one:
+// Names (kNamesScan). Each binding adds its line and what it says to what the name has already, in
+// the order of the source; what is declared global is the module's name as well:
 //
 //   x = 3                    :s1;:lint                what is told of a value: see AddValue
 //   x: int = 3               :s1;:h1;:tint;:lint
@@ -37,21 +38,24 @@
 //   [... for x in xs]        :s1;:w1;xs[*]
 //   case C() as x            :s1                      and all other captures
 //   del x                    :g1                      makes the name one of this scope
-//   global x; nonlocal x     :G; :n                   and then what is bound through it
+//   global x; nonlocal x     :G; :n                   and then what is bound through it; the module's
+//                                                     x takes it with the scope: :s3;:Sf y
 //   type X = int             :s1;:tint
 //   import a.b               a: :s1;:ia.b
-//   import a.b as x          :s1;:aa.b x
-//   from .m import a as x    :s1;:f.m a
+//   import a.b as x          :s1;:aa.b x              and import: :s1;:ia.b
+//   from .m import a as x    :s1;:f.m a               and import: the same, where x is a class too
 //   from m import *          *: :s1;:fm *             under the name "*"; no name of m is listed
-//   @d(1) def f(x): ...      f: :s1;:dd;:Ff(x)        :m in a class, :u for its static and class methods
-//   class C(B, metaclass=M)  :s1;:cC(B)
+//   @d(1) def f(x, *, y=1)   f: :s1;:dd;:Ff(x,*,y=)   :m in a class, :u for its static and class methods
+//   class C(B, metaclass=M)  :s1;:cC(B,metaclass=M)
 //   argument x: int = 3      :s1;:A0;:h1;:tint;:lint  :@ after the position of a method's first one;
 //                                                     *x is an :ltuple, **x an :ldict
 //   type parameter T: int    :s1;:TTypeVar;:tint      in the scope of the function or class
-//   ... -> int               return: :h1;:tint        under the name "return", in the function
+//   ... -> int               return: :h1;:tint        in the function; and likewise
+//   return 3; lambda: 3      return: :w1;:lint
+//   yield 3; yield from xs   yield: :w1;:lint; :w1;xs[*]
 //
-// "*" and "return" cannot be names of variables, so a reader that wants these leaves out what is no
-// identifier. Private names (__x in a class) are written as in the source.
+// "*", "return", "yield" and "import" cannot be names of variables, so a reader that wants these
+// leaves them out (IsVariableName). Private names (__x in a class) are written as in the source.
 //
 // Attributes (kAttrsScan). An attribute set on the first argument of a method becomes instance
 // information of its class, on that of a class method information of the class itself; set on what
@@ -73,6 +77,9 @@ constexpr auto kGone = static_cast<DiskTime>(scopeinfo::kFileDoesNotExistMtime);
 // What the import `item` binds its name to, for a use of that name as `object` ("os.path"): the
 // module is `object` itself or what it begins with.
 std::optional<Text> ModuleOf(BytesView item, TextView object) {
+  if (GetInfoBytesKind(item) == kSpecificScopeKind) {
+    item = item.substr(std::min(item.find(' '), item.size() - 1) + 1);  // declared global there
+  }
   const Kind kind = GetInfoBytesKind(item);
   const BytesView body = item.substr(std::min(kPrefixLen, item.size()));
   const size_t space = body.find(' ');
@@ -95,25 +102,6 @@ std::optional<Text> ModuleOf(BytesView item, TextView object) {
   }
   module += rest;
   return module;
-}
-
-// The item as it stands in a record for another scope or file.
-void AppendQualified(BytesView item, Loc loc, TextView scope, Bytes& out) {
-  const Kind kind = GetInfoBytesKind(item);
-  const bool is_free = kind == kTypedLiteralKind || kind == kBuiltinClassKind ||
-                       kind == kSpecificUrlKind ||
-                       (!loc && (kind == kSetKind || kind == kSetTypeHintKind ||
-                                 kind == kWithinExprKind || kind == kSpecificScopeKind));
-  if (is_free) {
-    out += item;
-  } else if (kind == kSpecificScopeKind) {
-    // It names its scope already.
-    const Bytes url = PrefixWithLocationAndScope({}, loc, {});
-    out += url.substr(0, url.find(' ') + 1);
-    out += item;
-  } else {
-    out += PrefixWithLocationAndScope(item, loc, scope);
-  }
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "pysource/standalone/scanner/targets.h"
 
+#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -10,6 +11,12 @@ namespace {
 
 // Deeper parts of a value than these are not told.
 constexpr size_t kMostPathText = 64;
+
+bool HasRest(const CSyntaxTree& tree, NodeIndex sequence) {
+  const auto targets = tree.Children(sequence);
+  return std::any_of(targets.begin(), targets.end(),
+                     [&](NodeIndex target) { return IsRestTarget(tree, target); });
+}
 
 }  // namespace
 
@@ -50,7 +57,7 @@ bool CTargets::Next(CBound& bound) {
       _fAt = child + 1;
       continue;
     }
-    frame.after_rest = frame.after_rest || IsSplat((*_fTree)[child].tag);
+    frame.after_rest = frame.after_rest || IsRestTarget(*_fTree, child);
     _fAt = (*_fTree)[_fAt].next;
     bound = {child, part};
     return true;
@@ -91,7 +98,7 @@ void CTargets::Push(NodeIndex sequence, NodeIndex node, TextView path) {
   frame.path_end = _fPath.size();
   if (frame.node != kNoNode && path.empty() && IsSequence(tree[frame.node].tag) &&
       tree.ChildCount(frame.node) == frame.count && !HasSplat(tree, frame.node) &&
-      !HasSplat(tree, sequence)) {
+      !HasRest(tree, sequence)) {
     frame.element = tree.FirstChild(frame.node);
   }
   _fFrames.push_back(frame);

@@ -127,9 +127,14 @@ void CValueWriter::AddExpression(uint32_t name, const CValue& value) {
 void CValueWriter::AddText(uint32_t name, BytesView prefix, const CValue& value) {
   const uint32_t begin = BeginText(prefix, value.meant_in);
   const size_t size = _fBindings->ItemText().size() - begin;
+  Bytes& text = _fBindings->ItemText();
+  const bool is_wrapped =
+      !value.path.empty() && !IsPrimary(TagOf(value.node)) && !Tree().Text(value.node).empty();
+  text += is_wrapped ? "(" : "";
   AppendText(value.node);
-  if (_fBindings->ItemText().size() != begin + size) {
-    _fBindings->ItemText() += value.path;
+  text += is_wrapped ? ")" : "";
+  if (text.size() != begin + size) {
+    text += value.path;
   }
   EndText(name, begin, size);
 }
@@ -199,7 +204,10 @@ TextView CValueWriter::Identifier(NodeIndex node) {
 }
 
 TextView CValueWriter::Dotted(NodeIndex node) {
-  const TextView text = Tree().Text(node);
+  TextView text = Tree().Text(node);
+  if (text.starts_with('*')) {
+    text.remove_prefix(1);  // a starred target
+  }
   const bool is_plain = std::all_of(text.begin(), text.end(), [](char c) {
     return static_cast<unsigned char>(c) < 0x80 && c > ' ' && c != '\\' && c != '#';
   });

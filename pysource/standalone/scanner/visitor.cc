@@ -8,12 +8,6 @@
 #include "pysource/standalone/scanner/nodes.h"
 
 namespace pysource::standalone {
-namespace {
-
-constexpr TextView kReturnName = "return";
-
-}  // namespace
-
 void CVisitor::Visit(CSyntaxTree& tree, CBindings& bindings) {
   _fTree = &tree;
   _fBindings = &bindings;
@@ -33,11 +27,15 @@ void CVisitor::Visit(CSyntaxTree& tree, CBindings& bindings) {
     while (!_fPending.empty() && _fPending.back().node <= i) {
       if (_fPending.back().node == i) {
         Open(_fPending.back().scope, i);
+        if (_fBindings->Scope(Current()).kind == ScopeKind::kLambda) {
+          AddOutcome(kReturnName, i, {});
+        }
       }
       _fPending.pop_back();
     }
     VisitNode(i);
   }
+  bindings.TellMissedImports();
 }
 
 void CVisitor::VisitNode(NodeIndex i) {
@@ -92,6 +90,15 @@ void CVisitor::VisitNode(NodeIndex i) {
       break;
     case Tag::kNamed:
       VisitNamed(i);
+      break;
+    case Tag::kInterpolation:
+      MarkFormatSpecs(i);
+      break;
+    case Tag::kReturn:
+      AddOutcome(kReturnName, Tree().FirstChild(i), {});
+      break;
+    case Tag::kYield:
+      VisitYield(i);
       break;
     case Tag::kImport:
       VisitImport(i);
@@ -227,28 +234,45 @@ void CVisitor::VisitClass(NodeIndex i) {
   Bytes item(kClassPrefix);
   item += _fBindings->Scope(scope).name;
   item += '(';
-  const size_t bases_begin = item.size();
   for (const NodeIndex child : Tree().Children(i)) {
     if (TagOf(child) == Tag::kTypeParameters) {
       AddTypeParameters(scope, child);
     } else if (TagOf(child) == Tag::kBlock) {
       OpenAt(child, scope);
     } else if (TagOf(child) == Tag::kArguments) {
-      for (const NodeIndex base : Tree().Children(child)) {
-        if (TagOf(base) == Tag::kKeywordArgument || TagOf(base) == Tag::kError ||
-            TagOf(base) == Tag::kOther) {
-          continue;
-        }
-        if (item.size() != bases_begin) {
-          item += ',';
-        }
-        AppendExpressionText(Tree().Text(base), item);
-      }
+      AddBases(child, item);
     }
   }
   item += ')';
   _fBindings->AddItem(name, item);
   _fBindings->Scope(scope).ibytes = std::move(item);
+}
+
+// The bases, and then the keywords.
+void CVisitor::AddBases(NodeIndex arguments, Bytes& item) {
+  const size_t begin = item.size();
+  const auto append = [&](BytesView name, NodeIndex value) {
+    Bytes text;
+    AppendExpressionText(Tree().Text(value), text);
+    item += item.size() == begin ? "" : ",";
+    item += name;
+    // A bare "=" is the mark of a keyword.
+    const bool is_wrapped = name.empty() && HasBareEquals(text);
+    item += is_wrapped ? "(" + text + ")" : text;
+  };
+  for (const NodeIndex base : Tree().Children(arguments)) {
+    const Tag tag = TagOf(base);
+    if (tag != Tag::kKeywordArgument && tag != Tag::kDictionarySplat && tag != Tag::kError) {
+      append({}, base);
+    }
+  }
+  for (const NodeIndex keyword : Tree().Children(arguments)) {
+    const NodeIndex name = Tree().FirstChild(keyword);
+    const NodeIndex value = Tree().LastChild(keyword);
+    if (TagOf(keyword) == Tag::kKeywordArgument && name != kNoNode && value != name) {
+      append(Bytes(_fValues.Identifier(name)) + '=', value);
+    }
+  }
 }
 
 uint32_t CVisitor::LambdaScope(NodeIndex i) {
@@ -294,59 +318,71 @@ void CVisitor::VisitComprehension(NodeIndex i, Unnamed which) {
 }
 
 void CVisitor::AddArguments(uint32_t scope, NodeIndex parameters, Bytes& signature) {
-  const uint32_t parent = _fBindings->Scope(scope).parent;
-  const ScopeKind kind = _fBindings->Scope(scope).kind;
+  const size_t begin = signature.size();
   size_t position = 0;
   for (const NodeIndex child : Tree().Children(parameters)) {
-    NodeIndex target = child;
-    NodeIndex hint = kNoNode;
-    NodeIndex value = kNoNode;
-    if (TagOf(child) == Tag::kTypedParameter || TagOf(child) == Tag::kDefaultParameter ||
-        TagOf(child) == Tag::kTypedDefaultParameter) {
-      target = Tree().FirstChild(child);
-      hint = Tree().Child(child, Tag::kType);
-      if (TagOf(child) != Tag::kTypedParameter) {
-        value = Tree().LastChild(child);
-      }
-    }
-    if (target == kNoNode) {
-      continue;
-    }
-    const Tag star = TagOf(target);
-    if (star == Tag::kListSplatPattern || star == Tag::kDictionarySplatPattern) {
-      target = Tree().FirstChild(target);
-    }
-    const TextView leaf = target == kNoNode || TagOf(target) != Tag::kIdentifier
-                              ? TextView()
-                              : _fValues.Identifier(target);
-    if (leaf.empty()) {
-      continue;
-    }
-    const uint32_t name = _fBindings->GetName(scope, leaf);
-    _fValues.AddSet(name, target);
-    _fBindings->AddNumber(name, kArgPrefix, position);
-    if (position == 0 && star == Tag::kIdentifier &&
-        (kind == ScopeKind::kMethod || kind == ScopeKind::kClassMethod)) {
-      _fBindings->Scope(scope).first_argument = name;
-      if (kind == ScopeKind::kMethod) {
-        _fBindings->AddItem(name, kSelfPrefix);
-      }
-    }
-    if (position++ != 0) {
-      signature += ',';
-    }
-    signature += leaf;
-    if (hint != kNoNode) {
-      _fValues.AddHint(name, hint);
-    }
-    if (star == Tag::kListSplatPattern || star == Tag::kDictionarySplatPattern) {
-      _fBindings->AddItem(name, kTypedLiteralPrefix,
-                          star == Tag::kListSplatPattern ? "tuple" : "dict");
-    }
-    if (value != kNoNode && value != target) {
-      _fValues.AddValue(name, {value, {}, parent});
+    const Tag tag = TagOf(child);
+    const size_t end = signature.size();
+    signature += end == begin ? "" : ",";
+    if (tag == Tag::kStarSeparator || tag == Tag::kSlashSeparator) {
+      signature += tag == Tag::kStarSeparator ? '*' : '/';
+    } else if (AddArgument(scope, child, position, signature.size() == begin, signature)) {
+      ++position;
+    } else {
+      signature.resize(end);
     }
   }
+}
+
+bool CVisitor::AddArgument(uint32_t scope, NodeIndex node, size_t position, bool is_first,
+                           Bytes& signature) {
+  NodeIndex target = node;
+  NodeIndex hint = kNoNode;
+  NodeIndex value = kNoNode;
+  if (TagOf(node) == Tag::kTypedParameter || TagOf(node) == Tag::kDefaultParameter ||
+      TagOf(node) == Tag::kTypedDefaultParameter) {
+    target = Tree().FirstChild(node);
+    hint = Tree().Child(node, Tag::kType);
+    if (TagOf(node) != Tag::kTypedParameter) {
+      value = Tree().LastChild(node);
+    }
+  }
+  const Tag star = target == kNoNode ? Tag::kOther : TagOf(target);
+  const bool takes_rest = star == Tag::kListSplatPattern || star == Tag::kDictionarySplatPattern;
+  if (takes_rest) {
+    target = Tree().FirstChild(target);
+  }
+  if (target == kNoNode || TagOf(target) != Tag::kIdentifier) {
+    return false;
+  }
+  const TextView leaf = _fValues.Identifier(target);
+  if (leaf.empty()) {
+    return false;
+  }
+  const uint32_t name = _fBindings->GetName(scope, leaf);
+  _fValues.AddSet(name, target);
+  _fBindings->AddNumber(name, kArgPrefix, position);
+  const ScopeKind kind = _fBindings->Scope(scope).kind;
+  if (is_first && !takes_rest && (kind == ScopeKind::kMethod || kind == ScopeKind::kClassMethod)) {
+    _fBindings->Scope(scope).first_argument = name;
+    if (kind == ScopeKind::kMethod) {
+      _fBindings->AddItem(name, kSelfPrefix);
+    }
+  }
+  signature += star == Tag::kListSplatPattern ? "*" : takes_rest ? "**" : "";
+  signature += leaf;
+  if (hint != kNoNode) {
+    _fValues.AddHint(name, hint);
+  }
+  if (takes_rest) {
+    _fBindings->AddItem(name, kTypedLiteralPrefix,
+                        star == Tag::kListSplatPattern ? "tuple" : "dict");
+  }
+  if (value != kNoNode && value != target) {
+    signature += '=';
+    _fValues.AddValue(name, {value, {}, _fBindings->Scope(scope).parent});
+  }
+  return true;
 }
 
 void CVisitor::AddTypeParameters(uint32_t scope, NodeIndex parameters) {

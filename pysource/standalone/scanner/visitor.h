@@ -39,8 +39,12 @@ class CVisitor {
   // The decorators of the definition become items of `name`; the result is what they make of a
   // function that is of `kind` without them.
   ScopeKind AddDecorators(uint32_t name, NodeIndex definition, ScopeKind kind);
-  // Makes the arguments names of `scope` and appends their names to `signature`.
+  void AddBases(NodeIndex arguments, Bytes& item);
+  // Makes the arguments names of `scope` and appends them to `signature`.
   void AddArguments(uint32_t scope, NodeIndex parameters, Bytes& signature);
+  // The same of one; false when the node is none.
+  bool AddArgument(uint32_t scope, NodeIndex node, size_t position, bool is_first,
+                   Bytes& signature);
   void AddTypeParameters(uint32_t scope, NodeIndex parameters);
 
   // ---- What else binds names (visitorbindings.cc)
@@ -50,6 +54,12 @@ class CVisitor {
   void VisitExcept(NodeIndex i);
   void VisitAsPattern(NodeIndex i);
   void VisitNamed(NodeIndex i);
+  // Marks what is a format specification to Python and a named expression to the parser:
+  // f"{width:=10}".
+  void MarkFormatSpecs(NodeIndex interpolation);
+  void VisitYield(NodeIndex i);
+  // Adds to the name what the function that is open returns or yields.
+  void AddOutcome(TextView name, NodeIndex value, TextView path);
   void VisitImport(NodeIndex i);
   void VisitImportFrom(NodeIndex i, bool is_future);
   void VisitTypeAlias(NodeIndex i);

@@ -10,7 +10,10 @@
 namespace pysource::standalone {
 namespace {
 
-constexpr TextView kStarName = "*";
+constexpr bool IsNameStart(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' ||
+         static_cast<unsigned char>(c) >= 0x80;
+}
 
 }  // namespace
 
@@ -140,8 +143,8 @@ void CVisitor::VisitAsPattern(NodeIndex i) {
 void CVisitor::VisitNamed(NodeIndex i) {
   const NodeIndex target = Tree().FirstChild(i);
   const NodeIndex value = Tree().LastChild(i);
-  if (target == kNoNode || value == target || TagOf(target) != Tag::kIdentifier ||
-      _fValues.Identifier(target).empty()) {
+  if (Tree()[i].mark != 0 || target == kNoNode || value == target ||
+      TagOf(target) != Tag::kIdentifier || _fValues.Identifier(target).empty()) {
     return;
   }
   const uint32_t scope = AroundComprehensions();
@@ -152,6 +155,47 @@ void CVisitor::VisitNamed(NodeIndex i) {
     _fValues.AddValue(name, {value, {}, Current()});
   } else {
     AddNamedValue(name, value);
+  }
+}
+
+void CVisitor::MarkFormatSpecs(NodeIndex interpolation) {
+  for (NodeIndex at = interpolation + 1; at < Tree()[interpolation].next;) {
+    const Tag tag = TagOf(at);
+    if (tag == Tag::kNamed) {
+      (*_fTree)[at].mark = 1;
+    }
+    // Within brackets and strings it is what it looks like. An unbracketed tuple is a list of
+    // expressions, and other operators have no brackets of their own.
+    const bool has_no_brackets = tag == Tag::kNamed || tag == Tag::kExpressionList ||
+                                 tag == Tag::kConditional || tag == Tag::kBoolean ||
+                                 tag == Tag::kUnary || tag == Tag::kOther || tag == Tag::kYield;
+    at = has_no_brackets ? at + 1 : Tree()[at].next;
+  }
+}
+
+void CVisitor::VisitYield(NodeIndex i) {
+  const NodeIndex value = Tree().FirstChild(i);
+  if (value == kNoNode) {
+    return;
+  }
+  // "from" is no node; it stands between the keyword and the value.
+  const BytesView between =
+      Tree().Source().substr(Tree()[i].begin, Tree()[value].begin - Tree()[i].begin);
+  const bool is_from = between.find("from") != BytesView::npos;
+  AddOutcome(kYieldName, value, is_from ? kIterationSubscript : TextView());
+}
+
+void CVisitor::AddOutcome(TextView name, NodeIndex value, TextView path) {
+  const ScopeKind kind = _fBindings->Scope(Current()).kind;
+  if (value == kNoNode || kind == ScopeKind::kModule || kind == ScopeKind::kClass) {
+    return;
+  }
+  const uint32_t outcome = _fBindings->GetName(Current(), name);
+  _fValues.AddWithinExpression(outcome, value);
+  if (path.empty()) {
+    AddNamedValue(outcome, value);
+  } else {
+    _fValues.AddValue(outcome, {value, path, kNoIndex});
   }
 }
 
@@ -177,6 +221,7 @@ void CVisitor::VisitImport(NodeIndex i) {
       _fBindings->ItemText() += _fBindings->Name(name).name;
     }
     _fBindings->EndItem(name, begin);
+    _fBindings->NoteImport(name, _fValues.LineOf(bound));
   }
 }
 
@@ -196,8 +241,8 @@ void CVisitor::VisitImportFrom(NodeIndex i, bool is_future) {
     TextView imported;
     NodeIndex bound = child;
     if (TagOf(child) == Tag::kWildcardImport) {
-      imported = kStarName;
-      name = _fBindings->GetName(Current(), kStarName);
+      imported = kStarImportsName;
+      name = _fBindings->GetName(Current(), kStarImportsName);
       _fBindings->StarImports().push_back({Current(), module});
     } else {
       const bool is_aliased = TagOf(child) == Tag::kAliasedImport;
@@ -221,6 +266,9 @@ void CVisitor::VisitImportFrom(NodeIndex i, bool is_future) {
     text += ' ';
     text += imported;
     _fBindings->EndItem(name, begin);
+    if (TagOf(child) != Tag::kWildcardImport) {
+      _fBindings->NoteImport(name, _fValues.LineOf(bound));
+    }
   }
 }
 
@@ -228,6 +276,10 @@ void CVisitor::VisitTypeAlias(NodeIndex i) {
   const NodeIndex target = Tree().FirstChild(i);
   const NodeIndex value = Tree().LastChild(i);
   if (target == kNoNode) {
+    return;
+  }
+  // To Python, "type" begins an alias only where a name follows: "type(x).a = 1" is an assignment.
+  if (const BytesView text = Tree().Text(target); text.empty() || !IsNameStart(text[0])) {
     return;
   }
   NodeIndex identifier = target;
@@ -330,8 +382,8 @@ void CVisitor::Bind(NodeIndex target, const CValue& value, Within within) {
 }
 
 void CVisitor::BindOne(NodeIndex target, const CValue& value, Within within) {
-  const bool is_rest = IsSplat(TagOf(target));
-  if (is_rest) {
+  const bool is_rest = IsRestTarget(Tree(), target);
+  if (IsSplat(TagOf(target))) {
     target = Tree().FirstChild(target);
   }
   const uint32_t name = target == kNoNode ? kNoIndex : TargetName(target);

@@ -56,7 +56,7 @@
 
 namespace pysource::standalone::sqlitedb {
 
-inline constexpr int kSchemaVersion = 5;
+inline constexpr int kSchemaVersion = 6;
 // "PySI", in the header of the file: tells our databases from those of other programs.
 inline constexpr int kApplicationId = 0x50795349;
 
