@@ -178,10 +178,15 @@ bool CLogicalLines::Next(CLogicalLine& line) {
     return false;
   }
   _fTextEnd = _fAt;
-  _fStrayBracket = false;
-  _fOpenString = false;
+  _fStrayBrackets = 0;
+  _fOpenStrings = 0;
+  _fMissingQuote.clear();
   _fFrameCount = 0;
+  _fFields = 0;
   _fOverflow = 0;
+  if (_fSpans != nullptr) {
+    _fSpans->clear();
+  }
   line.begin = static_cast<uint32_t>(_fAt);
   line.row = _fRow;
   line.first = FirstWordOf(BytesView(_fData + _fAt, _fSize - _fAt));
@@ -189,10 +194,46 @@ bool CLogicalLines::Next(CLogicalLine& line) {
   line.text_end = static_cast<uint32_t>(_fTextEnd);
   line.end = static_cast<uint32_t>(_fAt);
   line.open_brackets = Depth();
-  line.stray_bracket = _fStrayBracket;
-  line.open_string = _fOpenString;
+  line.stray_brackets = _fStrayBrackets;
+  line.stray_at = static_cast<uint32_t>(_fStrayAt);
+  line.open_strings = _fOpenStrings;
   line.opens_block = Depth() == 0 && _fTextEnd != 0 && _fData[_fTextEnd - 1] == ':';
   return true;
+}
+
+Bytes CLogicalLines::Closers() const {
+  Bytes closers;
+  if (!_fMissingQuote.empty()) {
+    // A backslash at the end would take the quote for itself.
+    size_t slashes = 0;
+    while (slashes < _fSize && _fData[_fSize - 1 - slashes] == '\\') {
+      ++slashes;
+    }
+    closers.assign(slashes % 2, '\\');
+    closers += _fMissingQuote;
+  }
+  for (uint32_t i = _fFrameCount; i-- != 0;) {
+    closers += _fFrames[i].close;
+    if (_fFrames[i].quote != 0) {
+      closers.append(_fFrames[i].triple ? 3 : 1, _fFrames[i].quote);
+    }
+  }
+  return closers;
+}
+
+std::vector<uint32_t> CLogicalLines::OpenBrackets() const {
+  std::vector<uint32_t> brackets;
+  for (uint32_t i = 0; i < _fFrameCount; ++i) {
+    brackets.push_back(_fFrames[i].at);
+  }
+  return brackets;
+}
+
+void CLogicalLines::NoteSpan(size_t begin, bool is_comment) {
+  if (_fSpans != nullptr) {
+    _fSpans->push_back(
+        CTextSpan{static_cast<uint32_t>(begin), static_cast<uint32_t>(_fAt), is_comment});
+  }
 }
 
 // Over blank lines and comments to the first token of a line, with the columns in front of it.
@@ -245,6 +286,7 @@ void CLogicalLines::ReadLine() {
   while (true) {
     const size_t run = _fAt;
     _fAt = FindStop(_fData, run, _fSize, InField() ? kInField : kInCode);
+    const size_t hit = _fAt;
     const char c = _fAt < _fSize ? _fData[_fAt] : '\n';
     if (IsLineEnd(c) || c == '#' || c == '\\') {
       NoteCode(run);
@@ -264,6 +306,9 @@ void CLogicalLines::ReadLine() {
         break;
       case '#':
         _fAt = FindLineEnd(_fData, _fAt, _fSize);
+        if (_fFields == 0) {
+          NoteSpan(hit, true);
+        }
         break;
       case '\\':
         Backslash();
@@ -331,7 +376,7 @@ void CLogicalLines::Open(char close) {
   if (_fFrameCount == kMaxFrames || _fOverflow != 0) {
     ++_fOverflow;
   } else {
-    _fFrames[_fFrameCount++] = CFrame{.close = close};
+    _fFrames[_fFrameCount++] = CFrame{.close = close, .at = static_cast<uint32_t>(_fAt - 1)};
   }
 }
 
@@ -348,15 +393,23 @@ void CLogicalLines::Close(char bracket) {
     --found;
   }
   if (found == 0 || _fFrames[found - 1].close != bracket) {
-    _fStrayBracket = true;
+    NoteStray(_fAt - 1);
     return;
   }
-  _fStrayBracket = _fStrayBracket || found != _fFrameCount;
+  if (found != _fFrameCount) {
+    NoteStray(_fAt - 1);
+  }
   _fFrameCount = found - 1;
   const CFrame closed = _fFrames[_fFrameCount];
   if (closed.quote != 0) {
+    --_fFields;
     ReadFText(CString{closed.quote, closed.triple, closed.raw});
   }
+}
+
+void CLogicalLines::NoteStray(size_t at) {
+  _fStrayAt = _fStrayBrackets != 0 ? _fStrayAt : at;
+  ++_fStrayBrackets;
 }
 
 // At the quote; the prefix, if there is one, lies behind.
@@ -370,6 +423,9 @@ void CLogicalLines::BeginString(size_t line_begin) {
     has_fields = has_fields || c == 'f' || c == 't';
   }
   has_fields = has_fields && _fAt - prefix < 3;  // longer words are no prefixes
+  if (_fFields == 0) {
+    NoteSpan(_fAt, false);
+  }
   const char quote = _fData[_fAt];
   const bool triple = Peek(1) == quote && Peek(2) == quote;
   _fAt += triple ? 3 : 1;
@@ -394,18 +450,29 @@ bool CLogicalLines::EndsString(const CString& string) {
 // A line end within the text of a string; false when it ends the string, which has no end then.
 bool CLogicalLines::NewlineInText(const CString& string) {
   if (!string.triple) {
-    _fOpenString = true;
+    ++_fOpenStrings;
     return false;
   }
   Newline();
   return true;
 }
 
+// A string is over, or the source is.
+void CLogicalLines::EndString(const CString& string) {
+  _fTextEnd = _fAt;
+  if (_fSpans != nullptr && _fFields == 0) {
+    _fSpans->back().end = static_cast<uint32_t>(_fAt);
+  }
+  if (_fAt == _fSize && _fOpenStrings != 0) {
+    _fMissingQuote.assign(string.triple ? 3 : 1, string.quote);
+  }
+}
+
 void CLogicalLines::ReadText(const CString& string) {
   while (true) {
     _fAt = FindStop(_fData, _fAt, _fSize, kInText);
     if (_fAt == _fSize) {
-      _fOpenString = true;
+      ++_fOpenStrings;
       break;
     }
     const char c = _fData[_fAt];
@@ -424,7 +491,7 @@ void CLogicalLines::ReadText(const CString& string) {
       _fAt = std::min(_fAt + (c == '\\' ? 2 : 1), _fSize);
     }
   }
-  _fTextEnd = _fAt;
+  EndString(string);
 }
 
 // The text of a string with fields, and the text behind the ":" of a field: up to the next field or
@@ -434,7 +501,7 @@ void CLogicalLines::ReadFText(const CString& string) {
   while (true) {
     _fAt = FindStop(_fData, _fAt, _fSize, kInFText);
     if (_fAt == _fSize) {
-      _fOpenString = true;
+      ++_fOpenStrings;
       break;
     }
     const char c = _fData[_fAt];
@@ -461,12 +528,16 @@ void CLogicalLines::ReadFText(const CString& string) {
       ++_fAt;
     }
   }
-  _fTextEnd = _fAt;
+  if (in_spec && _fAt == _fSize && _fOpenStrings != 0) {
+    return;  // what the field lacks is what the string lacks
+  }
   // The string is over, and with it the fields that it ends in.
   while (InField() && _fFrames[_fFrameCount - 1].in_spec) {
     --_fFrameCount;
-    _fStrayBracket = true;
+    --_fFields;
+    NoteStray(_fAt - 1);
   }
+  EndString(string);
 }
 
 void CLogicalLines::EscapeInFText(const CString& string) {
@@ -487,8 +558,12 @@ bool CLogicalLines::BeginField(const CString& string) {
   if (_fFrameCount == kMaxFrames) {
     return false;
   }
-  _fFrames[_fFrameCount++] =
-      CFrame{.close = '}', .quote = string.quote, .triple = string.triple, .raw = string.raw};
+  ++_fFields;
+  _fFrames[_fFrameCount++] = CFrame{.close = '}',
+                                    .at = static_cast<uint32_t>(_fAt - 1),
+                                    .quote = string.quote,
+                                    .triple = string.triple,
+                                    .raw = string.raw};
   return true;
 }
 

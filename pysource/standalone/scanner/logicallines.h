@@ -18,6 +18,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "pysource/host/text.h"
 
@@ -80,10 +81,18 @@ struct CLogicalLine {
   bool opens_block = false;
 
   // What is wrong with it as far as brackets and strings tell.
-  uint32_t open_brackets = 0;  // not closed where the line was given up
-  bool stray_bracket = false;  // a bracket closes none, or skips one that is open
-  bool open_string = false;    // a string has no end
-  bool IsDamaged() const { return open_brackets != 0 || stray_bracket || open_string; }
+  uint32_t open_brackets = 0;   // not closed where the line was given up
+  uint32_t stray_brackets = 0;  // close none, or skip one that is open
+  uint32_t stray_at = 0;        // the first of them
+  uint32_t open_strings = 0;    // without an end
+  bool IsDamaged() const { return open_brackets != 0 || stray_brackets != 0 || open_strings != 0; }
+};
+
+// A part of the source that is no code: a string with its quotes (not the prefix), or a comment.
+struct CTextSpan {
+  uint32_t begin;
+  uint32_t end;
+  bool is_comment;
 };
 
 class CLogicalLines {
@@ -95,10 +104,21 @@ class CLogicalLines {
   // The next line; false when there is none.
   bool Next(CLogicalLine& line);
 
+  // From now on the strings and comments of each line are noted in `spans`, in order; what fields of
+  // f-strings hold belongs to the string. The line before is forgotten.
+  void NoteSpans(std::vector<CTextSpan>* spans) { _fSpans = spans; }
+
+  // What would close all that is open where the last line was given up, the innermost first: `"]`
+  // for `f(x)["a`. REQUIRES: the source ended there.
+  Bytes Closers() const;
+  // Where the brackets stand that were open then, the outermost first.
+  std::vector<uint32_t> OpenBrackets() const;
+
  private:
   // A bracket that is open, or a replacement field of an f-string.
   struct CFrame {
-    char close = 0;       // the bracket that ends it
+    char close = 0;  // the bracket that ends it
+    uint32_t at = 0;
     char quote = 0;       // of the string that the field stands in; 0 for a plain bracket
     bool triple = false;  // whether there are three of them
     bool raw = false;
@@ -117,12 +137,15 @@ class CLogicalLines {
   bool FindFirstToken(CLogicalLine& line);
   void ReadLine();
   void NoteCode(size_t run);
+  void NoteSpan(size_t begin, bool is_comment);
   void Newline();
   void Backslash();
   bool BeginsStatement() const;
   void Open(char close);
   void Close(char bracket);
+  void NoteStray(size_t at);
   void BeginString(size_t line_begin);
+  void EndString(const CString& string);
   bool EndsString(const CString& string);
   bool NewlineInText(const CString& string);
   void ReadText(const CString& string);
@@ -143,8 +166,12 @@ class CLogicalLines {
   uint32_t _fRow;
   // Of the line that is read.
   size_t _fTextEnd = 0;
-  bool _fStrayBracket = false;
-  bool _fOpenString = false;
+  uint32_t _fStrayBrackets = 0;
+  size_t _fStrayAt = 0;
+  uint32_t _fOpenStrings = 0;
+  Bytes _fMissingQuote;   // of the string that the source ends in, if it is not that of a field
+  uint32_t _fFields = 0;  // replacement fields among the frames
+  std::vector<CTextSpan>* _fSpans = nullptr;
   std::array<CFrame, kMaxFrames> _fFrames;
   uint32_t _fFrameCount = 0;
   uint32_t _fOverflow = 0;  // open brackets beyond the frames

@@ -11,6 +11,7 @@
 #include "pysource/standalone/scanner/itemtext.h"
 #include "pysource/standalone/scanner/sourcefile.h"
 #include "pysource/standalone/scanner/sourceguard.h"
+#include "pysource/standalone/scanner/sourcemender.h"
 #include "pysource/standalone/scanner/syntaxtree.h"
 #include "pysource/standalone/scanner/visitor.h"
 
@@ -124,6 +125,7 @@ class CScanner::CImpl {
     TextView attribute;
   };
 
+  CMendedSource ParseMended(BytesView source);
   CScopeInfoPtr MakeNamesInfo(uint32_t scope);
   void ResolveAttributes();
   void ResolveAttribute(uint32_t name);
@@ -140,7 +142,9 @@ class CScanner::CImpl {
   const CImportResolver& _fResolver;
   const CScanRequest* _fRequest = nullptr;
   bool _fIncomplete = false;
-  Bytes _fCopy;  // of a source that had to be mended
+  bool _fWasParsed = false;  // the parser came to an end
+  Bytes _fCopy;              // of a source that was not fit for the parser
+  Bytes _fMended;            // of one that somebody is typing
   CSyntaxTree _fTree;
   CBindings _fBindings;
   CVisitor _fVisitor;
@@ -165,13 +169,19 @@ CFileScan CScanner::CImpl::Scan(const CScanRequest& request) {
   _fRequest = &request;
   const CGuardedSource guarded = GuardSource(request.source, _fCopy);
   // What was given up for lack of time is not the last word on this content.
-  _fIncomplete = !_fTree.Parse(guarded.source) || request.incomplete;
+  const CMendedSource mended = ParseMended(guarded.source);
+  _fIncomplete = !_fWasParsed || request.incomplete;
   _fVisitor.Visit(_fTree, _fBindings);
   ResolveAttributes();
 
   CFileScan result;
-  result.error_count = _fTree.ErrorCount() + guarded.blanked;
+  result.error_count = _fTree.ErrorCount() + guarded.blanked + mended.count;
   result.first_error_line = _fTree.FirstErrorLine();
+  if (mended.count != 0) {
+    const size_t line = size_t{mended.first_row} + 1;
+    result.first_error_line =
+        result.first_error_line == 0 ? line : std::min(line, result.first_error_line);
+  }
   if (guarded.blanked != 0) {
     const auto* const begin = request.source.data();
     const size_t line =
@@ -195,6 +205,26 @@ CFileScan CScanner::CImpl::Scan(const CScanRequest& request) {
   _fResolved.clear();
   _fRequest = nullptr;
   return result;
+}
+
+// Parses what is left of the source when what somebody is typing is mended. The parser finds errors
+// that no look at words and brackets finds; then the source is mended with that knowledge.
+CMendedSource CScanner::CImpl::ParseMended(BytesView source) {
+  CMendedSource mended = MendSource(source, _fMended);
+  _fWasParsed = _fTree.Parse(mended.source);
+  const size_t errors = _fTree.ErrorCount();
+  if (mended.count != 0 || errors == 0) {
+    return mended;
+  }
+  mended = MendRejectedSource(source, _fMended);
+  if (mended.source != source) {
+    _fWasParsed = _fTree.Parse(mended.source);
+    if (_fTree.ErrorCount() <= errors) {
+      return mended;
+    }
+    _fWasParsed = _fTree.Parse(source);
+  }
+  return CMendedSource{source};
 }
 
 CScopesSeenPtr CScanner::CImpl::MakeScopesSeen(uint32_t scope) const {
