@@ -41,7 +41,8 @@ size_t MakeCorpus(const std::filesystem::path& corpus, int count, char** paths) 
   create_directories(corpus / "record");
   create_directories(corpus / "scopesseen");
   CLocationCache locations;
-  const CFileImportResolver resolver(locations, {});
+  CDiskTimes times;
+  const CFileImportResolver resolver(locations, times, {});
   CScanner scanner(resolver);
   scopeinfo::CScopeInfoSerializer serializer;
   // Numbered in the order of first use, as a database would.

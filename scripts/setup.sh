@@ -11,6 +11,7 @@ build_packages=(
   libfmt-dev
   libglib2.0-dev
   libsqlite3-dev
+  libxxhash-dev
   ninja-build
   nlohmann-json3-dev
   pkg-config

@@ -56,12 +56,13 @@ class CBenchWorld {
 
   velk::CManualLoop fLoop;
   CLocationCache fLocCache;
-  standalone::CFileImportResolver fResolver{fLocCache, {}};
+  standalone::CDiskTimes fTimes;
+  standalone::CFileImportResolver fResolver{fLocCache, fTimes, {}};
   CTemporaryFolder fFolder;
 
  private:
   standalone::COpenBuffers _fBuffers;
-  standalone::CFileManager _fFiles{_fBuffers};
+  standalone::CFileManager _fFiles{_fBuffers, fTimes};
   standalone::CStubFactory _fFactory{fLocCache};
   CAnalysisManager _fAnaMgr;
   CSingletons _fSingletons;

@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "pysource/standalone/files/contenttime.h"
 #include "pysource/standalone/scanner/sourcefile.h"
 #include "tests/engine/enginefixture.h"
 

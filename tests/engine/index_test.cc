@@ -23,8 +23,8 @@
 #include "pysource/standalone/engine/indexer.h"
 #include "pysource/standalone/engine/mergecheck.h"
 #include "pysource/standalone/engine/rowcheck.h"
-#include "pysource/standalone/scanner/sourcefile.h"
-#include "tests/fakes/random.h"
+#include "pysource/standalone/files/contenttime.h"
+#include "tests/engine/randomtree.h"
 
 namespace pysource::standalone {
 namespace {
@@ -109,62 +109,36 @@ class IndexTest : public ::testing::Test {
   velk::CManualLoop _fLoop;
 };
 
-// Files come, change and go, set attributes on each other's modules, and runs are cut short; after
-// each whole run the database must be what a fresh scan of everything makes.
+// Whatever comes, changes and goes, and wherever runs are cut short: after each whole run the
+// database is what a fresh scan of everything makes, the files seen included, and the next run finds
+// nothing to do, though every file has another date by then.
 TEST_F(IndexTest, RandomChangesLeaveTheDatabaseAsAFreshScanMakesIt) {
   fakes::CRandom random;
-  constexpr size_t kFiles = 6;
-  const auto name_of = [](size_t i) { return "m" + std::to_string(i) + ".py"; };
-  const auto write = [&](size_t i) {
-    std::string source = "class C" + std::to_string(i) + ":\n  def __init__(self):\n    self.a" +
-                         std::to_string(random.Below(3)) + " = 1\n";
-    for (size_t k = random.Below(4); k > 0; --k) {
-      const std::string other = "m" + std::to_string(random.Below(kFiles));
-      source += random.OneIn(4) ? "from " + other + " import *\n"
-                                : "import " + other + "\n" + other + ".b" +
-                                      std::to_string(random.Below(3)) + " = 'x'\n";
-    }
-    Write(name_of(i), source);
-  };
-  std::vector<size_t> alive;
-  for (size_t i = 0; i < kFiles; ++i) {
-    alive.push_back(i);
-    write(i);
-  }
+  CRandomTree tree(Path("tree"), random);
   size_t rows_for_others = 0;
-  for (int step = 0; step < 60; ++step) {
+  for (int step = 0; step < 80; ++step) {
     SCOPED_TRACE(step);
-    if (random.OneIn(12) && alive.size() > 2) {
-      const size_t which = random.Below(alive.size());
-      Remove(name_of(alive[which]));
-      alive.erase(alive.begin() + static_cast<ptrdiff_t>(which));
-    } else if (alive.size() < kFiles && random.OneIn(3)) {
-      // One that was gone comes back, and with it what the others say of it.
-      size_t missing = 0;
-      while (std::find(alive.begin(), alive.end(), missing) != alive.end()) {
-        ++missing;
-      }
-      alive.push_back(missing);
-      write(missing);
-    } else {
-      write(random.Of(alive));
+    for (size_t i = random.Below(3); i > 0; --i) {
+      tree.Step();
     }
     if (random.OneIn(4)) {
       std::atomic<int> left(static_cast<int>(random.Below(4)));
       Index([&left] { return left-- > 0; });
-      write(random.Of(alive));
+      tree.Step();
     }
+    const size_t files = Find(*Start()).files.size();
     const CIndexReport report = Index();
     ASSERT_THAT(report.not_stored, IsEmpty());
-    ASSERT_EQ(report.scanned + report.unchanged, alive.size());
+    ASSERT_EQ(report.scanned + report.unchanged, files);
     ExpectExact();
     ASSERT_FALSE(HasFailure());
     Start()->Database().VisitFilesAndTies(
-        [](const CStoredFile&) {},
+        [](const CStoredFile&) {}, [](Loc, const CContentMark&) {},
         [&](const CTie& tie) { rows_for_others += tie.for_loc == tie.scanned_loc ? 0 : 1; });
+    tree.TouchAll();
     const CIndexReport again = Index();
     ASSERT_EQ(again.scanned, 0U);
-    ASSERT_EQ(again.unchanged, alive.size());
+    ASSERT_EQ(again.unchanged, files);
   }
   EXPECT_GT(rows_for_others, 0U) << "the walk has to meet what it is about";
 }

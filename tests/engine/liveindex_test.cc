@@ -10,7 +10,7 @@
 
 #include "pysource/standalone/engine/indexcheck.h"
 #include "tests/engine/enginefixture.h"
-#include "tests/fakes/random.h"
+#include "tests/engine/randomtree.h"
 
 namespace pysource::standalone {
 namespace {
@@ -45,7 +45,7 @@ class CLiveWorld : public CEngineWorld {
   }
   // Waits until all changes up to now are followed: a file that is written last is told of last.
   void Settle() {
-    Write("last.py", "x = 1\n");
+    Write("last.py", "x = " + std::to_string(fSeconds) + "\n");
     fSawLast = fReady = false;
     bool is_late = false;
     const auto timer = fGlibLoop.timeout_add(kMostWaitMs, [&] { return is_late = true, false; });
@@ -86,54 +86,17 @@ class CLiveWorld : public CEngineWorld {
   time_t fSeconds = 1700000000;
 };
 
-// Imports of modules that are there at times.
-std::string SomeSource(fakes::CRandom& random) {
-  std::string source = "class C" + random.Text("ab", 1) + ":\n  def f(self): self.y = 1\n";
-  for (size_t i = random.Below(4); i > 0; --i) {
-    const std::string module = "base" + std::string(1, random.Of(std::string("01")));
-    switch (random.Below(3)) {
-      case 0:
-        source += "from " + module + " import *\n";
-        break;
-      case 1:
-        source += "import " + module + "\n" + module + ".told" + random.Text("ab", 1) + " = 1\n";
-        break;
-      default:
-        source += "x" + random.Text("ab", 1) + " = 1\n";
-    }
-  }
-  return source;
-}
-
 TEST(LiveIndex, FollowsWhateverHappens) {
   fakes::CRandom random;
   CLiveWorld world;
-  world.Write("base0.py", "x = 1\n");
-  world.Write("base1.py", "x = 1\n");
+  CRandomTree tree(world.Path(kTree), random);
   world.StartLive();
   for (int round = 0; round < 25; ++round) {
     for (size_t step = random.Below(5); step > 0; --step) {
-      const auto name = [&] {
-        return random.Of(std::vector<std::string>{"base0", "base1", "user", "usera"}) + ".py";
-      };
-      std::error_code ignored;
-      switch (random.Below(6)) {
-        case 0:
-        case 1:
-        case 2:
-          world.Write(name(), SomeSource(random));
-          break;
-        case 3:
-          std::filesystem::remove(world.Path(kTree + name()), ignored);
-          break;
-        case 4:
-          std::filesystem::rename(world.Path(kTree + name()), world.Path(kTree + name()), ignored);
-          break;
-        default:
-          // In the midst of whatever goes on.
-          for (size_t i = random.Below(20); i > 0; --i) {
-            world.fGlibLoop.Iterate(random.OneIn(2));
-          }
+      tree.Step();
+      // In the midst of whatever goes on.
+      for (size_t i = random.OneIn(4) ? random.Below(20) : 0; i > 0; --i) {
+        world.fGlibLoop.Iterate(random.OneIn(2));
       }
     }
     if (random.OneIn(6)) {

@@ -124,7 +124,7 @@ Text Difference(const CSeen& told, const CSeen& expected) {
 }
 
 CPythonTree::CPythonTree(std::string root)
-    : _fRoot(std::move(root)), _fResolver(_fLocCache, {_fRoot}) {}
+    : _fRoot(std::move(root)), _fResolver(_fLocCache, _fTimes, {_fRoot}) {}
 CPythonTree::~CPythonTree() = default;
 
 Loc CPythonTree::At(const std::string& name) const {

@@ -64,6 +64,7 @@ class CPythonTree {
 
   const std::string _fRoot;
   mutable CLocationCache _fLocCache;
+  mutable CDiskTimes _fTimes;
   mutable CFileImportResolver _fResolver;
   mutable CScanner _fScanner{_fResolver};
   std::map<std::string, Text> _fTexts;

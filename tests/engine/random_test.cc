@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "pysource/host/repr.h"
+#include "pysource/standalone/files/contenttime.h"
 #include "pysource/standalone/scanner/sourcefile.h"
 #include "tests/engine/enginefixture.h"
 #include "tests/engine/pythontree.h"

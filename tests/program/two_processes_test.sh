@@ -23,10 +23,7 @@ fail() {
   tail -n 5 ./*.err ./*.out >&2
   exit 1
 }
-# A file's time is what tells its contents apart, and the kernel's clock ticks every few milliseconds only: so each has
-# a time of its own.
 files=30
-stamp=1700000000
 write() { # NUMBER: a module that sets an attribute of another one and takes all names of a third
   local other=$((RANDOM % files)) third=$((RANDOM % files)) temporary=tree/.m$1.new
   {
@@ -38,7 +35,6 @@ write() { # NUMBER: a module that sets an attribute of another one and takes all
     echo "        self.count = $RANDOM"
     for _ in {1..8}; do echo "    def m$RANDOM(self, a, b): return a"; done
   } >"$temporary"
-  touch -d "@$((++stamp))" "$temporary"
   mv "$temporary" "tree/m$1.py"
 }
 for ((i = 0; i < files; ++i)); do write "$i"; done

@@ -8,12 +8,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
+#include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <set>
 #include <string>
 
 #include "pysource/host/errors.h"
+#include "pysource/standalone/files/contenttime.h"
+#include "pysource/standalone/files/disktimes.h"
 #include "pysource/standalone/scanner/importresolver.h"
+#include "tests/fakes/random.h"
 
 namespace pysource::standalone {
 namespace {
@@ -87,23 +94,45 @@ TEST_F(SourceFileTest, WhatCannotBeReadNamesTheFile) {
   }
 }
 
-TEST_F(SourceFileTest, DiskTimesAreOfTheFileAndNeverMarkers) {
-  const std::string path = Write("t.py", "x");
-  EXPECT_EQ(ReadSourceFile(path).disk_mtime, GetFileDiskTime(path));
-  EXPECT_EQ(GetFileDiskTime(Path("missing.py")), 0.0);
-  EXPECT_EQ(GetFileDiskTime(Path("t.py/x.py")), 0.0);
-  const auto set_time = [&](time_t seconds, long nanoseconds) {
-    const timespec times[2] = {{seconds, nanoseconds}, {seconds, nanoseconds}};
-    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
-  };
-  set_time(1700000000, 500000000);
-  EXPECT_EQ(GetFileDiskTime(path), 1700000000.5);
-  // Builds that date all files to the start of time must not make them look missing.
-  for (const time_t seconds : {0, 1}) {
-    set_time(seconds, 0);
-    EXPECT_GT(GetFileDiskTime(path), 1.0);
-    EXPECT_LT(GetFileDiskTime(path), 1.1);
+// Contents that come and go within one tick of the clock, of one size, under restored dates and by
+// other files: what is remembered gives the same as reading.
+TEST_F(SourceFileTest, TheDiskTimeIsThatOfTheContent) {
+  fakes::CRandom random;
+  CLocationCache cache;
+  CDiskTimes times;
+  const std::string path = Path("t.py");
+  const Loc loc = cache.GetLocationForPath(path);
+  std::map<std::string, DiskTime> time_of{{"", 0}, {"x", 0}, {"y", 0}, {"-", 0.0}};
+  for (auto& [text, time] : time_of) {
+    time = text == "-" ? GetFileDiskTime(path) : ReadSourceFile(Write("t.py", text)).disk_mtime;
+    EXPECT_TRUE(text == "-" ? time == 0.0 : time > 1.0 && std::isfinite(time)) << text;
+    fs::remove(path);
   }
+  EXPECT_EQ(std::set({time_of[""], time_of["x"], time_of["y"], 0.0}).size(), 4U);
+  std::string text = "-";
+  for (int step = 0; step < 2000; ++step) {
+    const timespec date[2] = {{1, 0}, {static_cast<time_t>(random.Below(2)), 0}};
+    switch (random.Below(4)) {
+      case 0:
+        fs::remove(path);
+        text = "-";
+        break;
+      case 1:
+        text = random.Of(std::array{"", "x", "y"});
+        fs::rename(Write("new", text), path);
+        break;
+      case 2:
+        text = random.Of(std::array{"x", "y"});
+        Write("t.py", text);
+        break;
+      default:
+        utimensat(AT_FDCWD, path.c_str(), date, 0);
+    }
+    ASSERT_EQ(times.TimeOf(loc), time_of[text]) << step;
+    ASSERT_EQ(GetFileDiskTime(path), time_of[text]) << step;
+  }
+  EXPECT_EQ(GetFileDiskTime(Path("t.py/x.py")), 0.0);
+  EXPECT_EQ(GetFileDiskTime(_fFolder), 0.0) << "no file is there";
 }
 
 TEST_F(SourceFileTest, ImportsResolve) {
@@ -113,7 +142,8 @@ TEST_F(SourceFileTest, ImportsResolve) {
     Write(name);
   }
   CLocationCache cache;
-  CFileImportResolver resolver(cache, {Path("root")});
+  CDiskTimes times;
+  CFileImportResolver resolver(cache, times, {Path("root")});
   const Loc from = cache.GetLocationForPath(Path("top/pkg/sub/b.py"));
   const auto resolve = [&](TextView module) {
     const Loc found = resolver.Resolve(from, module);

@@ -535,7 +535,7 @@ TEST_F(SqliteDb, DamagedPagesMetInAReadOrASaveBeginANewDatabase) {
     }
     // The first pages, the roots of the tables, stay whole, so that it opens.
     const std::string good = ContentOf(DbPath());
-    std::string torn = good.substr(0, 8 * 4096);
+    std::string torn = good.substr(0, 9 * 4096);
     torn.resize(good.size(), '\x55');
     WriteTo(DbPath(), torn);
 

@@ -1,16 +1,14 @@
 #include "tools/scopeinfo/explain.h"
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cmath>
-#include <ctime>
 #include <optional>
 #include <utility>
 
 #include "pysource/scopeinfo/records/vocabulary.h"
 #include "pysource/standalone/engine/filerows.h"
+#include "pysource/standalone/files/packagemark.h"
 #include "tools/scopeinfo/output.h"
 
 namespace pysource::tools {
@@ -26,7 +24,7 @@ std::string ScopeWord(TextView scope) {
                                    : Printable(scope);
 }
 
-// A disk time in words, to the last digit that tells two of them apart.
+// A disk time in words: it stands for a content, not for a time.
 std::string TimeWord(DiskTime time) {
   if (time == static_cast<DiskTime>(scopeinfo::kFileModifiedInMemoryMtime)) {
     return "modified in memory";
@@ -35,12 +33,11 @@ std::string TimeWord(DiskTime time) {
     return "not there";
   }
   if (!scopeinfo::ValidOnDiskMtime(time)) {
-    return "of unknown time";
+    return "not readable";
   }
-  const double whole = std::floor(time);
-  const std::string fraction = fmt::format("{:.6f}", time - whole).substr(1);
-  return fmt::format("of {:%Y-%m-%d %H:%M:%S}{} UTC", fmt::gmtime(static_cast<time_t>(whole)),
-                     fraction);
+  return time == standalone::kPackageTime
+             ? "a package"
+             : fmt::format("with the content {:x}", static_cast<uint64_t>(time));
 }
 
 }  // namespace

@@ -33,8 +33,9 @@ struct CQueriedFiles {
       Complain(fmt::format("{}: {}", bad.path, bad.text));
     }
     CLocMtimeDict times;
+    session.Engine().DiskTimes().RememberAll();
     for (const standalone::CFoundFile& file : found.files) {
-      times.Set(file.loc, file.disk_mtime);
+      times.Set(file.loc, session.Engine().DiskTimes().TimeOf(file.loc, file.stamp));
       locs.push_back(file.loc);
     }
     const CScansDoneDict done = Cache().GetScansDoneForMultipleFiles(times);

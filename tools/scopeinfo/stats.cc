@@ -10,8 +10,8 @@
 #include "pysource/scopeinfo/records/vocabulary.h"
 #include "pysource/standalone/engine/cachestats.h"
 #include "pysource/standalone/engine/findfiles.h"
+#include "pysource/standalone/files/disktimes.h"
 #include "pysource/standalone/scanner/scanner.h"
-#include "pysource/standalone/scanner/sourcefile.h"
 #include "tools/scopeinfo/commands.h"
 #include "tools/scopeinfo/output.h"
 #include "tools/scopeinfo/session.h"
@@ -28,10 +28,11 @@ struct CStaleCounts {
 
 CStaleCounts CountStaleFiles(standalone::CSqliteAnalysisDb& db) {
   CStaleCounts counts;
-  db.VisitFiles([&counts](const standalone::CStoredFile& file) {
-    const auto path = PathForLocation(file.loc);
-    const DiskTime now =
-        path ? standalone::GetFileDiskTime(*path) : DiskTime{scopeinfo::kFileDoesNotExistMtime};
+  standalone::CDiskTimes times;
+  times.SetStore(&db);
+  times.RememberAll();
+  db.VisitFiles([&](const standalone::CStoredFile& file) {
+    const DiskTime now = times.TimeOf(file.loc);
     if (now == static_cast<DiskTime>(scopeinfo::kFileDoesNotExistMtime)) {
       ++counts.gone;
     } else if (now != file.disk_time) {

@@ -15,12 +15,13 @@ constexpr unsigned kWaitMs = 100;
 }  // namespace
 
 CEngine::CEngine(CEngineOptions options)
-    : _fResolver(_fLocCache, options.import_roots), _fFactory(_fLocCache) {
+    : _fResolver(_fLocCache, _fTimes, options.import_roots), _fFactory(_fLocCache) {
   _fDb =
       std::make_unique<CSqliteAnalysisDb>(CSqliteDbOptions{.path = options.db_path,
                                                            .workspace_root = options.workspace_root,
                                                            .lock_wait_ms = options.lock_wait_ms},
                                           _fLocCache);
+  _fTimes.SetStore(_fDb.get());
   _fAnaMgr.fAnalysisDb = _fDb.get();
   _fAnaMgr.fAnalysisFactory = &_fFactory;
   _fSingletons.fSavableMgr = &_fFiles;
@@ -37,13 +38,15 @@ CEngine::CEngine(CEngineOptions options)
   });
   _fCache->SetScanNames({Text(kNamesScan), Text(kAttrsScan)});
   _fScans = std::make_unique<CScanRunner>(
-      *_fCache, *_fDb, _fFiles, _fBuffers, _fResolver,
+      *_fCache, *_fDb, _fFiles, _fTimes, _fBuffers, _fResolver,
       CScanRunner::Options{.threads = options.threads, .notify = std::move(options.notify)});
 }
 
 CEngine::~CEngine() {
   _fScans.reset();
   _fCache.reset();
+  _fTimes.Save();
+  _fTimes.SetStore(nullptr);
   _fDb.reset();
   singleton::SetSingletons(_fOldSingletons);
 }

@@ -15,6 +15,7 @@
 #include "pysource/scopeinfo/infocache/infocache.h"
 #include "pysource/standalone/engine/scanrunner.h"
 #include "pysource/standalone/engine/stubfactory.h"
+#include "pysource/standalone/files/disktimes.h"
 #include "pysource/standalone/files/filemanager.h"
 #include "pysource/standalone/files/openbuffers.h"
 #include "pysource/standalone/scanner/importresolver.h"
@@ -70,6 +71,7 @@ class CEngine {
   scopeinfo::CInfoCache& Cache() { return *_fCache; }
   CSqliteAnalysisDb& Database() { return *_fDb; }
   CFileManager& Files() { return _fFiles; }
+  CDiskTimes& DiskTimes() { return _fTimes; }
   COpenBuffers& Buffers() { return _fBuffers; }
   CScanRunner& Scans() { return *_fScans; }
   CFileImportResolver& Resolver() { return _fResolver; }
@@ -85,9 +87,10 @@ class CEngine {
   void TellOfStubs(const CChangedDict& changed);
 
   CLocationCache _fLocCache;
+  CDiskTimes _fTimes;
   CFileImportResolver _fResolver;
   COpenBuffers _fBuffers;
-  CFileManager _fFiles{_fBuffers};
+  CFileManager _fFiles{_fBuffers, _fTimes};
   CStubFactory _fFactory;
   CAnalysisManager _fAnaMgr;
   CSingletons _fSingletons;

@@ -9,7 +9,6 @@
 #include <utility>
 
 #include "pysource/standalone/files/treefolder.h"
-#include "pysource/standalone/scanner/sourcefile.h"
 
 namespace pysource::standalone {
 namespace {
@@ -31,7 +30,7 @@ class CFinder {
       _fFound.roots.push_back(path);
       ReadFolder(path, true);
     } else if (S_ISREG(status.st_mode)) {
-      _fFound.files.push_back({path, loc, DiskTimeOf(status)});
+      _fFound.files.push_back({path, loc, StampOf(status)});
     } else {
       _fFound.bad.push_back({named, "neither a file nor a folder"});
     }
@@ -62,7 +61,7 @@ class CFinder {
       std::string file_path = PathInFolder(path, file.name);
       _fUrl.replace(kScheme.size(), std::string::npos, file_path);
       _fFound.files.push_back(
-          {std::move(file_path), _fLocCache.GetLocation(_fUrl), DiskTimeOf(file.status)});
+          {std::move(file_path), _fLocCache.GetLocation(_fUrl), StampOf(file.status)});
     }
     for (const CTreeFolder::Entry& below : folder.folders) {
       (below.is_link ? _fLinkedFolders : _fFolders).push_back(PathInFolder(path, below.name));

@@ -11,14 +11,14 @@
 #include <vector>
 
 #include "pysource/host/location.h"
-#include "pysource/host/scoperef.h"
+#include "pysource/standalone/files/filestamp.h"
 
 namespace pysource::standalone {
 
 struct CFoundFile {
   std::string path;  // absolute
   Loc loc;
-  DiskTime disk_mtime = 0;
+  CFileStamp stamp;
 };
 
 // Something that is said of one file or folder.

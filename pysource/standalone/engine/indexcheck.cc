@@ -13,8 +13,8 @@
 #include "pysource/scopeinfo/serialized/scopeinfoserializer.h"
 #include "pysource/standalone/engine/filerows.h"
 #include "pysource/standalone/engine/scanfiles.h"
+#include "pysource/standalone/files/contenttime.h"
 #include "pysource/standalone/scanner/importresolver.h"
-#include "pysource/standalone/scanner/sourcefile.h"
 
 namespace pysource::standalone {
 namespace {
@@ -57,9 +57,10 @@ class CChecker {
 
   CCheckReport Run(CLocationCache& loc_cache) {
     const std::vector<CFoundFile>& files = _fRequest.found.files;
-    const CFileImportResolver resolver(loc_cache, _fRequest.found.roots);
+    CDiskTimes times;
+    const CFileImportResolver resolver(loc_cache, times, _fRequest.found.roots);
     size_t done = 0;
-    ScanFiles({files, _fRequest.jobs, resolver, _fRequest.is_cancelled},
+    ScanFiles({files, _fRequest.jobs, times, resolver, _fRequest.is_cancelled},
               [&](const CScanJobResult& scanned) {
                 const std::string path = PathForLocation(scanned.job.loc).value_or("");
                 CheckFile(path, scanned);

@@ -79,7 +79,7 @@ CIndexReport CIndexer::Run(const CIndexRequest& request) {
   CIndexPlan plan;
   {
     const CStopwatch stopwatch(_fReport.plan_seconds);
-    plan = MakeIndexPlan(_fEngine.Database(), request.found);
+    plan = MakeIndexPlan(_fEngine.Database(), _fEngine.DiskTimes(), request.found);
     _fReport.not_stored = ForgetForPlan(_fEngine, plan);
   }
   _fReport.unchanged = plan.unchanged;
@@ -200,6 +200,7 @@ bool CIndexer::IsSettled(Loc loc) const {
 }
 
 void CIndexer::Sweep() {
+  _fEngine.DiskTimes().Save();
   scopeinfo::CInfoCache& cache = _fEngine.Cache();
   std::vector<Loc> settled;
   for (const auto& [loc, entry] : cache.DbgGetPerFileDict()) {

@@ -1,22 +1,30 @@
 #include "pysource/standalone/engine/liveindex.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <exception>
+#include <optional>
 #include <utility>
 
 #include "pysource/host/symbolinfo.h"
-#include "pysource/scopeinfo/records/vocabulary.h"
 #include "pysource/standalone/engine/indexer.h"
-#include "pysource/standalone/scanner/sourcefile.h"
+#include "pysource/standalone/files/packagemark.h"
 
 namespace pysource::standalone {
 namespace {
 
 std::string PathOf(Loc loc) { return PathForLocation(loc).value_or(loc->fUrl); }
 
-bool IsOnDisk(Loc loc) {
-  return GetFileDiskTime(PathOf(loc)) != DiskTime{scopeinfo::kFileDoesNotExistMtime};
+// Absent where there is no file.
+std::optional<CFileStamp> StampAt(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)
+             ? std::optional(StampOf(status))
+             : std::nullopt;
 }
+
+bool IsOnDisk(Loc loc) { return StampAt(PathOf(loc)).has_value(); }
 
 }  // namespace
 
@@ -150,11 +158,15 @@ void CLiveIndex::TakeChanges(const CTreeChanges& changes) {
   Unsettle();
   for (const auto& [path, change] : changes) {
     const Loc loc = _fEngine->Locations().GetLocationForPath(path);
-    if (change == ETreeChange::kGone) {
-      _fTreeFiles.erase(path);
+    if (const auto stamp = StampAt(path); stamp && change != ETreeChange::kGone) {
+      _fTreeFiles[path] = {path, loc, *stamp};
     } else {
-      _fTreeFiles[path] = {path, loc, GetFileDiskTime(path)};
-      _fChanged.insert(loc);
+      _fTreeFiles.erase(path);
+    }
+    _fChanged.insert(loc);
+    if (MakesPackage(path)) {
+      const std::string folder = path.substr(0, path.rfind('/'));
+      _fChanged.insert(_fEngine->Locations().GetLocationForPath(PackageMark(folder)));
     }
   }
 }
@@ -165,8 +177,9 @@ void CLiveIndex::TakeTimes(const CLocMtimeDict& times) {
   bool is_news = false;
   for (const auto& [loc, time] : times) {
     const auto known = _fTreeFiles.find(PathOf(loc));
-    if (known != _fTreeFiles.end() && known->second.disk_mtime != time && time > 0) {
-      known->second.disk_mtime = time;
+    const auto stamp = StampAt(PathOf(loc));
+    if (known != _fTreeFiles.end() && stamp && known->second.stamp != *stamp) {
+      known->second.stamp = *stamp;
       is_news = true;
     }
   }
@@ -236,6 +249,7 @@ bool CLiveIndex::Work() {
 void CLiveIndex::Settled() {
   _fIsSettled = true;
   _fTold.clear();
+  _fEngine->DiskTimes().Save();
   const size_t scanned = std::exchange(_fScanned, 0);
   if (_fOptions.on_ready) {
     _fOptions.on_ready(scanned, _fTreeFiles.size());
@@ -255,7 +269,7 @@ bool CLiveIndex::MakePlan() {
   for (const auto& [path, file] : _fTreeFiles) {
     _fTree.files.push_back(file);
   }
-  const bool is_news = Follow(MakeIndexPlan(_fEngine->Database(), _fTree));
+  const bool is_news = Follow(MakeIndexPlan(_fEngine->Database(), _fEngine->DiskTimes(), _fTree));
   _fIsPlanDue = _fTryAgainTag != 0;
   return is_news;
 }
@@ -263,7 +277,7 @@ bool CLiveIndex::MakePlan() {
 bool CLiveIndex::Follow(const CIndexPlan& plan) {
   const auto is_news = [this](const CFoundFile& file) {
     const auto tried = _fTried.find(file.loc);
-    return tried == _fTried.end() || tried->second != file.disk_mtime;
+    return tried == _fTried.end() || tried->second != file.stamp;
   };
   const bool is_to_do =
       plan.removed != 0 || std::any_of(plan.to_scan.begin(), plan.to_scan.end(), is_news);
@@ -288,7 +302,7 @@ bool CLiveIndex::Follow(const CIndexPlan& plan) {
       unchanged.insert(file.loc);
     }
     for (const CFoundFile& file : plan.to_scan) {
-      _fTried[file.loc] = file.disk_mtime;
+      _fTried[file.loc] = file.stamp;
       if (unchanged.contains(file.loc)) {
         _fEngine->Scans().RequestFileLast(file.loc);
       } else if (!_fAsked.contains(file.loc)) {

@@ -100,9 +100,9 @@ class CLiveIndex {
 
   CFoundFiles _fTree;                             // what was named; its list of files is made anew
   std::map<std::string, CFoundFile> _fTreeFiles;  // the files of the tree now, by path
-  // What was asked for since the last change, at which disk time: what a plan asks for again after
-  // it was scanned will not come by scanning.
-  std::unordered_map<Loc, DiskTime> _fTried;
+  // What was asked for since the last change, and what the files looked like: what a plan asks for
+  // again after it was scanned will not come by scanning.
+  std::unordered_map<Loc, CFileStamp> _fTried;
   // Files that changed, of which the cache has not been told yet, and those that it has asked scans
   // of the whole file for when it was.
   CLocSet _fChanged;

@@ -28,16 +28,17 @@ class CMergeChecker {
   CMergeCheckReport Run() {
     const std::vector<CFoundFile>& files = _fRequest.found.files;
     size_t done = 0;
-    ScanFiles({files, _fRequest.jobs, _fEngine.Resolver(), _fRequest.is_cancelled},
-              [&](const CScanJobResult& scanned) {
-                for (const CScanResult& result : scanned.scan.results) {
-                  for (const CScopeInfoPtr& info : result.infos) {
-                    _fScanned[{info->loc, Text(info->for_scope)}].push_back(info);
-                  }
-                }
-                Progress(++done, PathForLocation(scanned.job.loc).value_or(""));
-                return true;
-              });
+    ScanFiles(
+        {files, _fRequest.jobs, _fEngine.DiskTimes(), _fEngine.Resolver(), _fRequest.is_cancelled},
+        [&](const CScanJobResult& scanned) {
+          for (const CScanResult& result : scanned.scan.results) {
+            for (const CScopeInfoPtr& info : result.infos) {
+              _fScanned[{info->loc, Text(info->for_scope)}].push_back(info);
+            }
+          }
+          Progress(++done, PathForLocation(scanned.job.loc).value_or(""));
+          return true;
+        });
     if (done < files.size()) {
       _fReport.cancelled = true;
       return std::move(_fReport);

@@ -8,7 +8,7 @@
 #include "pysource/scopeinfo/records/vocabulary.h"
 #include "pysource/scopeinfo/serialized/scopeinfoserializer.h"
 #include "pysource/standalone/engine/filerows.h"
-#include "pysource/standalone/scanner/sourcefile.h"
+#include "pysource/standalone/files/disktimes.h"
 
 namespace pysource::standalone {
 namespace {
@@ -44,8 +44,7 @@ class CRowChecker {
   DiskTime TimeOf(Loc loc) {
     const auto [at, is_new] = _fTimes.try_emplace(loc, 0);
     if (is_new) {
-      const auto path = PathForLocation(loc);
-      at->second = path ? GetFileDiskTime(*path) : DiskTime{scopeinfo::kFileDoesNotExistMtime};
+      at->second = _fDiskTimes.TimeOf(loc);
     }
     return at->second;
   }
@@ -92,6 +91,7 @@ class CRowChecker {
 
   CSqliteAnalysisDb& _fDb;
   scopeinfo::CScopeInfoSerializer _fSerializer;
+  CDiskTimes _fDiskTimes;                     // without a store: of a check, each file is read
   std::unordered_map<Loc, DiskTime> _fTimes;  // on the disk now
   CLocSet _fWithModule;                       // files with a primary record of their module
   CRowCheckReport _fReport;

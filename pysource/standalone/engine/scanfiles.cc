@@ -6,7 +6,8 @@ namespace pysource::standalone {
 
 CScanWorkTimes ScanFiles(const CScanFilesRequest& request,
                          const std::function<bool(const CScanJobResult&)>& visit) {
-  CScanWorkers workers(std::min(request.threads, request.files.size()), request.resolver, nullptr);
+  CScanWorkers workers(std::min(request.threads, request.files.size()), request.times,
+                       request.resolver, nullptr);
   for (const CFoundFile& file : request.files) {
     workers.Give({file.loc, std::nullopt, 0}, 0);
   }

@@ -14,6 +14,7 @@ namespace pysource::standalone {
 struct CScanFilesRequest {
   const std::vector<CFoundFile>& files;
   size_t threads = 1;
+  CDiskTimes& times;
   const CImportResolver& resolver;
   // Asked before each result, and ten times a second while there is none; null: never.
   std::function<bool()> is_cancelled;

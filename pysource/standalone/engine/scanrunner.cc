@@ -1,12 +1,14 @@
 #include "pysource/standalone/engine/scanrunner.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <bit>
 #include <chrono>
 #include <optional>
 
 #include "pysource/host/symbolinfo.h"
-#include "pysource/standalone/scanner/sourcefile.h"
+#include "pysource/standalone/files/filestamp.h"
 
 namespace pysource::standalone {
 namespace {
@@ -35,13 +37,15 @@ int UrgencyOf(Priority priority) {
 }  // namespace
 
 CScanRunner::CScanRunner(scopeinfo::CInfoCache& cache, CSqliteAnalysisDb& db, CFileManager& files,
-                         COpenBuffers& buffers, const CImportResolver& resolver, Options options)
+                         CDiskTimes& times, COpenBuffers& buffers, const CImportResolver& resolver,
+                         Options options)
     : CDestroyable({}),
       _fCache(cache),
       _fDb(db),
       _fFiles(files),
+      _fTimes(times),
       _fBuffers(buffers),
-      _fWorkers(options.threads, resolver, std::move(options.notify)) {
+      _fWorkers(options.threads, times, resolver, std::move(options.notify)) {
   _fCache.connect_while_alive(
       kNeedsScanAdded,
       [this](const CInfoCacheBase&, const CNeedsScanSet& needs_scan, Priority priority) {
@@ -70,15 +74,23 @@ CScanRunner::CScanRunner(scopeinfo::CInfoCache& cache, CSqliteAnalysisDb& db, CF
 
 CScanRunner::~CScanRunner() { destroy(); }
 
-uint64_t CScanRunner::ContentOf(Loc loc) const {
+bool CScanRunner::IsModified(Loc loc) const {
   const COpenBuffer* const buffer = _fBuffers.Find(loc);
-  if (buffer != nullptr && buffer->IsModified()) {
-    // Odd numbers are versions of a buffer, even ones times of a file.
-    return buffer->Version() * 2 + 1;
-  }
+  return buffer != nullptr && buffer->IsModified();
+}
+
+uint64_t CScanRunner::ContentOf(Loc loc) const {
+  // Odd numbers are versions of a buffer, even ones times of a file.
+  return IsModified(loc) ? _fBuffers.Find(loc)->Version() * 2 + 1
+                         : (std::bit_cast<uint64_t>(_fTimes.TimeOf(loc)) << 1) | uint64_t{1} << 63;
+}
+
+uint64_t CScanRunner::LookOf(Loc loc) const {
+  struct stat status {};
   const auto path = PathForLocation(loc);
-  const DiskTime time = path ? GetFileDiskTime(*path) : 0;
-  return (std::bit_cast<uint64_t>(time) << 1) | uint64_t{1} << 63;
+  return IsModified(loc)                             ? ContentOf(loc)
+         : path && stat(path->c_str(), &status) == 0 ? CContentMark::Of(StampOf(status), 0).seal | 1
+                                                     : 1;
 }
 
 void CScanRunner::CB_NeedsScanAdded(const CNeedsScanSet& needs_scan, Priority priority) {
@@ -198,14 +210,13 @@ void CScanRunner::Dispatch() {
 
 void CScanRunner::GiveJob(Loc loc, Wanted wanted) {
   FileState& state = _fStates[loc];
-  const uint64_t content = ContentOf(loc);
-  if (state.failed_content == content) {
+  const uint64_t look = LookOf(loc);
+  if (state.failed_look == look) {
     return;
   }
-  CScanJob job{.loc = loc, .unsaved_text = std::nullopt, .content = content};
-  const COpenBuffer* const buffer = _fBuffers.Find(loc);
-  if (buffer != nullptr && buffer->IsModified()) {
-    job.unsaved_text = buffer->GetText();
+  CScanJob job{.loc = loc, .unsaved_text = std::nullopt, .look = look};
+  if (IsModified(loc)) {
+    job.unsaved_text = _fBuffers.Find(loc)->GetText();
   }
   const int urgency = wanted.urgency;
   state.in_hand = true;
@@ -257,16 +268,16 @@ void CScanRunner::HandOver(const CScanJobResult& result) {
   const bool is_present =
       !is_other_gone &&
       (result.job.unsaved_text
-           ? content == result.job.content
+           ? content == result.job.look
            : result.error.empty() && _fCache.GetDiskModTimeUsed(loc, false) == result.disk_mtime);
   if (result.error.empty() && !is_present) {
     ++_fCounts.dropped;
     Want(loc, kWildcardScope, kNamesScan, wanted.urgency);
-  } else if (!result.error.empty() && content != result.job.content) {
-    // Another content by now: that one may be readable.
+  } else if (!result.error.empty() && LookOf(loc) != result.job.look) {
+    // Another content by now, perhaps: that one may be readable.
     Want(loc, kWildcardScope, kNamesScan, wanted.urgency);
   } else if (!result.error.empty()) {
-    Fail(content, {loc, result.error});
+    Fail(result.job.look, {loc, result.error});
   } else {
     try {
       AddResults(result, wanted, others);
@@ -279,24 +290,25 @@ void CScanRunner::HandOver(const CScanJobResult& result) {
       state.content = content;
       state.world = _fWorld;
       state.ran = wanted;
-      state.failed_content = 0;
+      state.failed_look = 0;
       if (fOnScanned) {
         fOnScanned(result);
       }
     } catch (const std::exception& error) {
       // The database, or a handler of the cache's signals. What was added is; the rest is for the
       // next scan of the file.
-      Fail(content, {loc, std::string("its scan could not be taken in: ") + error.what(), true});
+      Fail(result.job.look,
+           {loc, std::string("its scan could not be taken in: ") + error.what(), true});
     }
   }
   _fStates[loc].in_hand = false;
   Dispatch();
 }
 
-void CScanRunner::Fail(uint64_t content, const Failure& failure) {
+void CScanRunner::Fail(uint64_t look, const Failure& failure) {
   // What the database refused is no fault of the content: whoever asks again may have more luck.
-  const bool is_news = failure.was_scanned ||
-                       std::exchange(_fStates[failure.loc].failed_content, content) != content;
+  const bool is_news =
+      failure.was_scanned || std::exchange(_fStates[failure.loc].failed_look, look) != look;
   if (is_news && fOnFailure) {
     fOnFailure(failure);
   }

@@ -16,6 +16,7 @@
 #include "pysource/host/location.h"
 #include "pysource/scopeinfo/infocache/infocache.h"
 #include "pysource/standalone/engine/scanworkers.h"
+#include "pysource/standalone/files/disktimes.h"
 #include "pysource/standalone/files/filemanager.h"
 #include "pysource/standalone/files/openbuffers.h"
 #include "pysource/standalone/sqlitedb/sqliteanalysisdb.h"
@@ -66,7 +67,8 @@ class CScanRunner final : public CDestroyable {
 
   // `db` is the database of the cache.
   CScanRunner(scopeinfo::CInfoCache& cache, CSqliteAnalysisDb& db, CFileManager& files,
-              COpenBuffers& buffers, const CImportResolver& resolver, Options options);
+              CDiskTimes& times, COpenBuffers& buffers, const CImportResolver& resolver,
+              Options options);
   ~CScanRunner() override;
 
   // Asks for scans of the whole file.
@@ -108,8 +110,8 @@ class CScanRunner final : public CDestroyable {
     uint64_t content = 0;
     uint64_t world = 0;
     Wanted ran;
-    // The content whose scan failed; 0 for none.
-    uint64_t failed_content = 0;
+    // The look of the file whose scan failed; 0 for none.
+    uint64_t failed_look = 0;
   };
 
   void CB_NeedsScanAdded(const CNeedsScanSet& needs_scan, Priority priority);
@@ -119,7 +121,7 @@ class CScanRunner final : public CDestroyable {
   bool IsOnlyLastWanted() const;
   void GiveJob(Loc loc, Wanted wanted);
   void HandOver(const CScanJobResult& result);
-  void Fail(uint64_t content, const Failure& failure);
+  void Fail(uint64_t look, const Failure& failure);
   void AddResults(const CScanJobResult& result, const Wanted& wanted,
                   const std::vector<Loc>& others);
   static std::vector<Loc> OthersOf(const CScanJobResult& result);
@@ -129,12 +131,18 @@ class CScanRunner final : public CDestroyable {
   void TellOtherFiles(const CScanJobResult& result);
   void ForgetScopesThatAreGone(const CScanJobResult& result);
   void WithdrawClaim(const CNeedsScan& scan);
-  // Tells the contents of a file apart; never 0.
+  // Tells the contents of a file apart; never 0. Of a file that was not read yet it costs reading
+  // it.
   uint64_t ContentOf(Loc loc) const;
+  // The same by what the file system says alone: the number changes with the content, and at times
+  // without it.
+  uint64_t LookOf(Loc loc) const;
+  bool IsModified(Loc loc) const;
 
   scopeinfo::CInfoCache& _fCache;
   CSqliteAnalysisDb& _fDb;
   CFileManager& _fFiles;
+  CDiskTimes& _fTimes;
   COpenBuffers& _fBuffers;
   std::unordered_map<Loc, FileState> _fStates;
   // What is to be run and not in hand yet.

@@ -29,7 +29,8 @@ double ThreadSeconds() {
 // What one worker keeps from file to file.
 class CScanWorkers::CWorker {
  public:
-  explicit CWorker(const CImportResolver& resolver) : scanner(resolver) {}
+  CWorker(CDiskTimes& times_of_files, const CImportResolver& resolver)
+      : disk_times(times_of_files), scanner(resolver) {}
 
   void Run(CScanJobResult& result, CScanWorkTimes& times) {
     double before = ThreadSeconds();
@@ -43,7 +44,7 @@ class CScanWorkers::CWorker {
         source = std::move(*result.job.unsaved_text);
         result.disk_mtime = scopeinfo::kFileModifiedInMemoryMtime;
       } else {
-        CSourceFile file = ReadSourceFile(result.job.loc);
+        CSourceFile file = disk_times.Read(result.job.loc);
         source = std::move(file.source);
         result.disk_mtime = file.disk_mtime;
       }
@@ -70,15 +71,19 @@ class CScanWorkers::CWorker {
   }
 
  private:
+  CDiskTimes& disk_times;
   CScanner scanner;
   scopeinfo::CScopeInfoSerializer serializer;
 };
 
-CScanWorkers::CScanWorkers(size_t threads, const CImportResolver& resolver,
+CScanWorkers::CScanWorkers(size_t threads, CDiskTimes& times, const CImportResolver& resolver,
                            std::function<void()> notify)
-    : _fResolver(resolver), _fNotify(std::move(notify)), _fMostThreads(threads) {
+    : _fDiskTimes(times),
+      _fResolver(resolver),
+      _fNotify(std::move(notify)),
+      _fMostThreads(threads) {
   if (threads == 0) {
-    _fOwnWorker = std::make_unique<CWorker>(resolver);
+    _fOwnWorker = std::make_unique<CWorker>(times, resolver);
   }
 }
 
@@ -145,7 +150,7 @@ CScanWorkTimes CScanWorkers::Times() const {
 }
 
 void CScanWorkers::Work() {
-  CWorker worker(_fResolver);
+  CWorker worker(_fDiskTimes, _fResolver);
   std::unique_lock lock(_fMutex);
   for (;;) {
     _fJobAdded.wait(lock, [this] { return _fStopped || !_fJobs.empty(); });

@@ -18,6 +18,7 @@
 #include "pysource/host/location.h"
 #include "pysource/host/scoperef.h"
 #include "pysource/host/text.h"
+#include "pysource/standalone/files/disktimes.h"
 #include "pysource/standalone/scanner/importresolver.h"
 #include "pysource/standalone/scanner/scanner.h"
 
@@ -27,9 +28,8 @@ namespace pysource::standalone {
 struct CScanJob {
   Loc loc;
   std::optional<Text> unsaved_text;
-  // Of the content to be scanned: its disk time as known when the job was given, or the version of
-  // the buffer. Handed back as it is.
-  uint64_t content = 0;
+  // What its giver knew the content by, or the version of the buffer. Handed back as it is.
+  uint64_t look = 0;
 };
 
 // What came of it.
@@ -57,9 +57,10 @@ struct CScanWorkTimes {
 // That is for hosts that must not start threads, and for tests that must go the same way each time.
 class CScanWorkers {
  public:
-  // At most `threads` threads, begun as jobs come. `resolver` must outlive this. `notify` is called
+  // At most `threads` threads, begun as jobs come. `times` and `resolver` must outlive this. `notify` is called
   // from a worker thread when a result is ready; it must only wake the receiver.
-  CScanWorkers(size_t threads, const CImportResolver& resolver, std::function<void()> notify);
+  CScanWorkers(size_t threads, CDiskTimes& times, const CImportResolver& resolver,
+               std::function<void()> notify);
   // Drops the jobs that wait and waits for those in hand.
   ~CScanWorkers();
   CScanWorkers(const CScanWorkers&) = delete;
@@ -86,6 +87,7 @@ class CScanWorkers {
   // Takes the most urgent job out, runs it without the lock and puts its result in line.
   void RunFirst(CWorker& worker, std::unique_lock<std::mutex>& lock);
 
+  CDiskTimes& _fDiskTimes;
   const CImportResolver& _fResolver;
   const std::function<void()> _fNotify;
   const size_t _fMostThreads;

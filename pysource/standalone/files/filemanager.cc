@@ -1,27 +1,17 @@
 #include "pysource/standalone/files/filemanager.h"
 
-#include "pysource/scopeinfo/records/vocabulary.h"
-#include "pysource/standalone/scanner/sourcefile.h"
-
 namespace pysource::standalone {
-namespace {
 
-DiskTime TimeOnDisk(Loc loc) {
-  const auto path = PathForLocation(loc);
-  return path ? GetFileDiskTime(*path) : DiskTime{scopeinfo::kFileDoesNotExistMtime};
-}
-
-}  // namespace
-
-CFileManager::CFileManager(const COpenBuffers& buffers) : _fBuffers(buffers) {}
+CFileManager::CFileManager(const COpenBuffers& buffers, CDiskTimes& times)
+    : _fBuffers(buffers), _fTimes(times) {}
 CFileManager::~CFileManager() = default;
 
-DiskTime CFileManager::TimeAsTold(Loc loc) const {
+DiskTime CFileManager::TimeAsTold(Loc loc) {
   // The text of an open buffer can be older than the file.
   if (const COpenBuffer* const buffer = _fBuffers.Find(loc)) {
     return buffer->GetLastKnownModTime();
   }
-  return _fLastAnswer.first == loc ? _fLastAnswer.second : TimeOnDisk(loc);
+  return _fLastAnswer.first == loc ? _fLastAnswer.second : _fTimes.TimeOf(loc);
 }
 
 void CFileManager::AddFileLocToWatch(Loc loc) {
@@ -46,7 +36,7 @@ std::vector<DiskTime> CFileManager::GetLastModTimes(const std::vector<Loc>& loc_
   std::vector<DiskTime> times;
   times.reserve(loc_list.size());
   for (const Loc loc : loc_list) {
-    times.push_back(TimeOnDisk(loc));
+    times.push_back(_fTimes.TimeOf(loc));
     _fLastAnswer = {loc, times.back()};
   }
   return times;
@@ -75,7 +65,7 @@ void CFileManager::Check(const std::vector<Loc>& locs) {
   CLocMtimeDict changed;
   std::vector<std::pair<Loc, bool>> all_changed;
   for (const Loc loc : locs) {
-    const DiskTime now = TimeOnDisk(loc);
+    const DiskTime now = _fTimes.TimeOf(loc);
     const auto watched = _fLastTold.find(loc);
     const auto forgotten = _fForgotten.find(loc);
     const bool has_changed = watched != _fLastTold.end() && watched->second != now;

@@ -1,5 +1,6 @@
-// The savable manager over real files: modification times by asking the file system, changes by
-// looking again at the files that are watched.
+// The savable manager over real files: their disk times, and changes by looking again at the files
+// that are watched. A disk time stands for a content (disktimes.h), so a file that was touched, or
+// copied over itself, has not changed.
 #pragma once
 
 #include <cstddef>
@@ -12,6 +13,7 @@
 #include "pysource/host/location.h"
 #include "pysource/host/savable.h"
 #include "pysource/host/scoperef.h"
+#include "pysource/standalone/files/disktimes.h"
 #include "pysource/standalone/files/openbuffers.h"
 
 namespace pysource::standalone {
@@ -26,13 +28,13 @@ namespace pysource::standalone {
 // merged records.
 class CFileManager final : public CSavableManager {
  public:
-  // `buffers` are those of the host, and must outlive this.
-  explicit CFileManager(const COpenBuffers& buffers);
+  // `buffers` and `times` are those of the host, and must outlive this.
+  CFileManager(const COpenBuffers& buffers, CDiskTimes& times);
   ~CFileManager() override;
 
   void AddFileLocToWatch(Loc loc) override;
   void RemoveLocToWatch(Loc loc) override;
-  // Always asks the file system: a stat costs a microsecond, a wrong time costs an answer.
+  // Always looks at the disk: that costs a microsecond, a wrong time costs an answer.
   std::vector<DiskTime> GetLastModTimes(const std::vector<Loc>& loc_list, bool check_disk) override;
 
   // Looks at all files, or at one, and emits kExternalFilesChanged for watched ones whose time is
@@ -52,10 +54,11 @@ class CFileManager final : public CSavableManager {
   size_t WatchCount() const { return _fLastTold.size(); }
 
  private:
-  DiskTime TimeAsTold(Loc loc) const;
+  DiskTime TimeAsTold(Loc loc);
   void Check(const std::vector<Loc>& locs);
 
   const COpenBuffers& _fBuffers;
+  CDiskTimes& _fTimes;
   // The time that was last told of each watched file.
   std::unordered_map<Loc, DiskTime> _fLastTold;
   // The same of the files whose watch has ended. A file that is watched again is in both, if its

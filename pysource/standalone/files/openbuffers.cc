@@ -10,6 +10,7 @@
 
 #include "pysource/host/errors.h"
 #include "pysource/host/symbolinfo.h"
+#include "pysource/standalone/files/contenttime.h"
 #include "pysource/standalone/scanner/sourcefile.h"
 
 namespace pysource::standalone {
@@ -76,7 +77,8 @@ void COpenBuffers::Save(Loc loc) {
     std::filesystem::remove(beside, ignored);
     throw CValueError(*path + " cannot be written: " + why);
   }
-  buffer->MarkSaved(GetFileDiskTime(*path));
+  // That of what was written, whatever another program has made of the file since.
+  buffer->MarkSaved(ContentTime(buffer->GetText()));
 }
 
 bool COpenBuffers::Close(Loc loc) {

@@ -19,8 +19,8 @@
 #include <vector>
 
 #include "pysource/host/location.h"
+#include "pysource/standalone/files/filestamp.h"
 #include "pysource/standalone/files/treefolder.h"
-#include "pysource/standalone/scanner/sourcefile.h"
 
 namespace pysource::standalone {
 namespace {
@@ -32,18 +32,6 @@ Identity IdentityOf(const struct stat& status) { return {status.st_dev, status.s
 std::optional<Identity> IdentityAt(const std::string& path) {
   struct stat status;
   return stat(path.c_str(), &status) == 0 ? std::optional(IdentityOf(status)) : std::nullopt;
-}
-
-// What tells one state of a file from another.
-struct CStamp {
-  DiskTime disk_mtime = 0;
-  off_t size = 0;
-  Identity identity;
-  friend bool operator==(const CStamp&, const CStamp&) = default;
-};
-
-CStamp StampOf(const struct stat& status) {
-  return {DiskTimeOf(status), status.st_size, IdentityOf(status)};
 }
 
 // The system's events for folders (inotify), by the number of the watch.
@@ -93,6 +81,13 @@ class CFolderEvents {
   const int _fFd;
 };
 
+// A file that the system does not tell of shows by its time of change alone that it was written
+// under a restored date. Of one that it tells of, that would only say that its mode is another.
+bool IsSame(CFileStamp before, const CFileStamp& now, bool is_told_of) {
+  before.ctime_ns = is_told_of ? now.ctime_ns : before.ctime_ns;
+  return before == now;
+}
+
 // What is known of one folder.
 struct CFolder {
   std::string path;
@@ -103,10 +98,10 @@ struct CFolder {
   bool look_again = false;
   int told_error = 0;  // the errno that was told last, 0 when all was well since
 
-  std::optional<Identity> identity;     // absent until it was read, and while it is not there
-  std::map<std::string, CStamp> files;  // by name
-  std::set<std::string> folders;        // names of those below that may be in the watcher's list
-  std::set<std::string> touched;        // names that the system told of since the last look
+  std::optional<Identity> identity;         // absent until it was read, and while it is not there
+  std::map<std::string, CFileStamp> files;  // by name
+  std::set<std::string> folders;  // names of those below that may be in the watcher's list
+  std::set<std::string> touched;  // names that the system told of since the last look
 
   int watch = -1;  // -1 while the folder is not watched
 
@@ -440,10 +435,10 @@ class CTreeWatcher::CImpl {
 
   void CompareFiles(CFolder& folder, const std::vector<CTreeFolder::Entry>& files,
                     bool new_are_known) {
-    std::map<std::string, CStamp> known = std::exchange(folder.files, {});
+    std::map<std::string, CFileStamp> known = std::exchange(folder.files, {});
     for (const CTreeFolder::Entry& file : files) {
       const std::string path = PathInFolder(folder.path, file.name);
-      const CStamp stamp = StampOf(file.status);
+      const CFileStamp stamp = StampOf(file.status);
       if (!folder.files.emplace(file.name, stamp).second) {
         continue;  // in the tree, and named
       }
@@ -454,7 +449,8 @@ class CTreeWatcher::CImpl {
         if (!new_are_known) {
           Tell(path, ETreeChange::kAppeared);
         }
-      } else if (before.mapped() != stamp || folder.touched.contains(file.name)) {
+      } else if (!IsSame(before.mapped(), stamp, folder.watch >= 0 && !file.is_link) ||
+                 folder.touched.contains(file.name)) {
         Tell(path, ETreeChange::kEdited);
       }
     }

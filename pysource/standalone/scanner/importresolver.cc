@@ -7,7 +7,7 @@
 
 #include "pysource/host/hash.h"
 #include "pysource/scopeinfo/records/vocabulary.h"
-#include "pysource/standalone/scanner/sourcefile.h"
+#include "pysource/standalone/files/packagemark.h"
 
 namespace pysource::standalone {
 namespace {
@@ -15,10 +15,6 @@ namespace {
 bool IsFile(const std::string& path) {
   struct stat status;
   return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
-}
-
-bool IsPackage(const std::string& folder) {
-  return IsFile(folder + "/__init__.py") || IsFile(folder + "/__init__.pyi");
 }
 
 // The folder above `folder`; absent for the root and for a relative path of one part.
@@ -63,10 +59,14 @@ std::vector<std::string> FilesOfModule(const std::string& folder, TextView name)
 
 CImportResolver::~CImportResolver() = default;
 
-std::vector<Loc> CImportResolver::LookedForInVain(Loc, TextView, Loc) const { return {}; }
+std::vector<std::pair<Loc, DiskTime>> CImportResolver::RestsOn(Loc, TextView, Loc) const {
+  return {};
+}
 
-CFileImportResolver::CFileImportResolver(CLocationCache& loc_cache, std::vector<std::string> roots)
+CFileImportResolver::CFileImportResolver(CLocationCache& loc_cache, CDiskTimes& times,
+                                         std::vector<std::string> roots)
     : _fLocCache(loc_cache),
+      _fTimes(times),
       _fRoots(std::move(roots)),
       _fShards(std::make_unique<std::array<CShard, 16>>()) {}
 
@@ -104,24 +104,42 @@ Loc CFileImportResolver::Resolve(Loc from, TextView module) const {
   return nullptr;
 }
 
-std::vector<Loc> CFileImportResolver::LookedForInVain(Loc from, TextView module, Loc found) const {
-  std::vector<Loc> in_vain;
-  for (const std::string& folder : FoldersToLookIn(from, module)) {
-    for (const std::string& file : FilesOfModule(folder, module)) {
+std::vector<std::pair<Loc, DiskTime>> CFileImportResolver::RestsOn(Loc from, TextView module,
+                                                                   Loc found) const {
+  std::vector<std::pair<Loc, DiskTime>> rests_on;
+  const bool is_relative = module.starts_with('.');
+  const std::vector<std::string> folders = FoldersToLookIn(from, module);
+  for (size_t i = 0; i < folders.size(); ++i) {
+    // The last place of an absolute import is the one that the packages decide on.
+    if (!is_relative && i + 1 == folders.size()) {
+      AddPackageMarks(from, folders[i], rests_on);
+    }
+    for (const std::string& file : FilesOfModule(folders[i], module)) {
       const Loc loc = _fLocCache.GetLocationForPath(file);
       if (loc == found) {
-        return in_vain;
+        return rests_on;
       }
-      in_vain.push_back(loc);
+      rests_on.emplace_back(loc, scopeinfo::kFileDoesNotExistMtime);
     }
   }
-  return in_vain;
+  return rests_on;
 }
 
-DiskTime CFileImportResolver::GetDiskTime(Loc loc) const {
-  const std::optional<std::string> path = PathForLocation(loc);
-  return path ? GetFileDiskTime(*path) : DiskTime{scopeinfo::kFileUnknownOnDiskMtime};
+// From the folder of the file up to `root`, the first one that is no package.
+void CFileImportResolver::AddPackageMarks(Loc from, const std::string& root,
+                                          std::vector<std::pair<Loc, DiskTime>>& rests_on) const {
+  std::optional<std::string> folder = FolderAbove(PathForLocation(from).value_or(""));
+  for (; folder; folder = FolderAbove(*folder)) {
+    const bool is_root = *folder == root;
+    rests_on.emplace_back(_fLocCache.GetLocationForPath(PackageMark(*folder)),
+                          is_root ? DiskTime{scopeinfo::kFileDoesNotExistMtime} : kPackageTime);
+    if (is_root) {
+      return;
+    }
+  }
 }
+
+DiskTime CFileImportResolver::GetDiskTime(Loc loc) const { return _fTimes.TimeOf(loc); }
 
 void CFileImportResolver::SetRoots(std::vector<std::string> roots) {
   _fRoots = std::move(roots);

@@ -13,11 +13,13 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "pysource/host/location.h"
 #include "pysource/host/scoperef.h"
 #include "pysource/host/text.h"
+#include "pysource/standalone/files/disktimes.h"
 
 namespace pysource::standalone {
 
@@ -34,9 +36,11 @@ class CImportResolver {
   // for.
   virtual Loc Resolve(Loc from, TextView module) const = 0;
 
-  // The files that were looked for in vain before `found` was answered (absent: all that were
-  // looked for): if one of them comes into being, the answer is another one.
-  virtual std::vector<Loc> LookedForInVain(Loc from, TextView module, Loc found) const;
+  // What the answer rests on besides `found` itself (absent: nothing was found), each with the disk
+  // time that it had: the files that were looked for before and are not there, and the marks of the
+  // folders of which it mattered whether they are packages (files/packagemark.h). If one of these
+  // has another time, the answer can be another one.
+  virtual std::vector<std::pair<Loc, DiskTime>> RestsOn(Loc from, TextView module, Loc found) const;
 
   // The present disk time of a file that Resolve answered: kFileDoesNotExistMtime when it is gone.
   virtual DiskTime GetDiskTime(Loc loc) const = 0;
@@ -49,13 +53,14 @@ class CImportResolver {
 // before m/__init__.py, and a .pyi file counts only when neither is there.
 class CFileImportResolver final : public CImportResolver {
  public:
-  // `loc_cache` makes the locations and must outlive this. `roots` are folders.
-  CFileImportResolver(CLocationCache& loc_cache, std::vector<std::string> roots);
+  // `loc_cache` makes the locations, `times` gives their disk times; both must outlive this. `roots`
+  // are folders.
+  CFileImportResolver(CLocationCache& loc_cache, CDiskTimes& times, std::vector<std::string> roots);
   ~CFileImportResolver() override;
 
   Loc Resolve(Loc from, TextView module) const override;
-  std::vector<Loc> LookedForInVain(Loc from, TextView module, Loc found) const override;
-  // Asks the file system each time: a time that is remembered is a time that is wrong.
+  std::vector<std::pair<Loc, DiskTime>> RestsOn(Loc from, TextView module,
+                                                Loc found) const override;
   DiskTime GetDiskTime(Loc loc) const override;
 
   // Takes other roots, and forgets all answers. Not while a scan runs.
@@ -79,10 +84,13 @@ class CFileImportResolver final : public CImportResolver {
   Loc FindOnDisk(const std::string& folder, TextView name) const;
   // The folders in which the module is looked for, in order; takes leading dots off its name.
   std::vector<std::string> FoldersToLookIn(Loc from, TextView& module) const;
+  void AddPackageMarks(Loc from, const std::string& root,
+                       std::vector<std::pair<Loc, DiskTime>>& rests_on) const;
   // The folder above the outermost package that `folder` is in; `folder` itself outside of one.
   std::string PackageRoot(const std::string& folder) const;
 
   CLocationCache& _fLocCache;
+  CDiskTimes& _fTimes;
   std::vector<std::string> _fRoots;
   std::atomic<uint64_t> _fClears = 0;  // so far
   const std::unique_ptr<std::array<CShard, 16>> _fShards;

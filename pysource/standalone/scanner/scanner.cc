@@ -137,7 +137,7 @@ class CScanner::CImpl {
   uint32_t Lookup(uint32_t scope, TextView name) const;
   CScopesSeenPtr MakeScopesSeen(uint32_t scope) const;
   std::pair<Loc, DiskTime> Resolve(TextView module) const;
-  void AddLookedForInVain(TextView module, Loc found, CScopesSeenDict& seen) const;
+  void AddResolution(TextView module, Loc found, CScopesSeenDict& seen) const;
 
   const CImportResolver& _fResolver;
   const CScanRequest* _fRequest = nullptr;
@@ -241,10 +241,11 @@ std::pair<Loc, DiskTime> CScanner::CImpl::Resolve(TextView module) const {
   return {time == kGone ? nullptr : loc, time};
 }
 
-// A file that comes into being changes what an import means.
-void CScanner::CImpl::AddLookedForInVain(TextView module, Loc found, CScopesSeenDict& seen) const {
-  for (const Loc loc : _fResolver.LookedForInVain(_fRequest->loc, module, found)) {
-    seen.Set(CScopeRef{loc, Text(kModuleScopeName)}, kGone);
+// A file that comes into being changes what an import means, and so does a folder that becomes a
+// package or ceases to be one.
+void CScanner::CImpl::AddResolution(TextView module, Loc found, CScopesSeenDict& seen) const {
+  for (const auto& [loc, time] : _fResolver.RestsOn(_fRequest->loc, module, found)) {
+    seen.Set(CScopeRef{loc, Text(kModuleScopeName)}, time);
   }
 }
 
@@ -309,7 +310,7 @@ CScopeInfoPtr CScanner::CImpl::MakeNamesInfo(uint32_t scope) {
     if (loc) {
       info->scope_seen_dict->Set(CScopeRef{loc, Text(kModuleScopeName)}, time);
     }
-    AddLookedForInVain(star.module, loc, *info->scope_seen_dict);
+    AddResolution(star.module, loc, *info->scope_seen_dict);
   }
   // What the scope's other scan says of other files: it may have no record to note this in, when
   // there is no such file. Whoever repeats this scan repeats that one too.
@@ -318,7 +319,7 @@ CScopeInfoPtr CScanner::CImpl::MakeNamesInfo(uint32_t scope) {
     if (set_on.scanned_scope != scope) {
       break;
     }
-    AddLookedForInVain(set_on.module, set_on.found, *info->scope_seen_dict);
+    AddResolution(set_on.module, set_on.found, *info->scope_seen_dict);
   }
   info->FinishedBuilding();
   return info;

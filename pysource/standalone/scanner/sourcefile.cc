@@ -2,19 +2,18 @@
 
 #include <fcntl.h>
 #include <iconv.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cmath>
 #include <cstring>
-#include <limits>
 #include <optional>
 
 #include "pysource/host/errors.h"
 #include "pysource/host/strutils.h"
-#include "pysource/scopeinfo/records/vocabulary.h"
+#include "pysource/standalone/files/contenttime.h"
 
 namespace pysource::standalone {
 namespace {
@@ -22,7 +21,7 @@ namespace {
 constexpr TextView kByteOrderMark = "\xEF\xBB\xBF";
 
 // A file that changes each time it is read is read so often before its last content is taken as it
-// is, under its last time.
+// is.
 constexpr int kMostReads = 4;
 
 [[noreturn]] void Fail(TextView name, TextView why) {
@@ -243,24 +242,6 @@ bool IsUtf8Name(TextView encoding) {
 
 }  // namespace
 
-DiskTime DiskTimeOf(const struct stat& status) noexcept {
-  const DiskTime time = static_cast<DiskTime>(status.st_mtim.tv_sec) +
-                        1e-9 * static_cast<DiskTime>(status.st_mtim.tv_nsec);
-  constexpr DiskTime kLastMarker = scopeinfo::kFileUnknownOnDiskMtime;
-  return time > kLastMarker
-             ? time
-             : std::nextafter(kLastMarker, std::numeric_limits<DiskTime>::infinity());
-}
-
-DiskTime GetFileDiskTime(const std::string& path) noexcept {
-  struct stat status {};
-  if (stat(path.c_str(), &status) == 0) {
-    return DiskTimeOf(status);
-  }
-  return errno == ENOENT || errno == ENOTDIR ? scopeinfo::kFileDoesNotExistMtime
-                                             : scopeinfo::kFileUnknownOnDiskMtime;
-}
-
 Text DecodeSource(Bytes bytes, TextView name) {
   const bool has_mark = BytesView(bytes).starts_with(kByteOrderMark);
   if (has_mark) {
@@ -305,19 +286,18 @@ CSourceFile ReadSourceFile(const std::string& path) {
     FailWithErrno(path, "cannot be opened");
   }
   CSourceFile result;
-  struct stat status = Status(file.Get(), path);
+  Bytes bytes;
   for (int i = 0; i < kMostReads; ++i) {
-    Bytes bytes = ReadAll(file.Get(), path, static_cast<size_t>(status.st_size));
-    const struct stat after = Status(file.Get(), path);
-    const bool settled = DiskTimeOf(after) == DiskTimeOf(status) && after.st_size == status.st_size;
-    status = after;
-    result.source = std::move(bytes);
-    if (settled) {
+    const int64_t read_at = FileClock();
+    result.stamp = StampOf(Status(file.Get(), path));
+    bytes = ReadAll(file.Get(), path, result.stamp.size);
+    if (StampOf(Status(file.Get(), path)) == result.stamp) {
+      result.is_settled = IsSettled(result.stamp, read_at);
       break;
     }
   }
-  result.disk_mtime = DiskTimeOf(status);
-  result.source = DecodeSource(std::move(result.source), path);
+  result.disk_mtime = ContentTime(bytes);
+  result.source = DecodeSource(std::move(bytes), path);
   return result;
 }
 

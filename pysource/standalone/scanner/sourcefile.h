@@ -1,7 +1,5 @@
-// Python source from disk: its text as UTF-8, and the disk time that goes with just that text.
-//
-// The time is taken from the opened file, before and after it is read, and the reading is repeated
-// when they differ, so that a record is never stored under the time of another content.
+// Python source from disk: its text as UTF-8, and the disk time of just that text, which is made
+// from the bytes that were read (files/contenttime.h). Reading is repeated while the file changes.
 //
 // What Python itself accepts is accepted: a UTF-8 byte order mark, and a declaration of the
 // encoding in one of the first two lines (# -*- coding: latin-1 -*-). Without either the text is
@@ -9,27 +7,20 @@
 // file is better known in part than not at all.
 #pragma once
 
-#include <sys/stat.h>
-
 #include <string>
 
 #include "pysource/host/location.h"
 #include "pysource/host/scoperef.h"
 #include "pysource/host/text.h"
+#include "pysource/standalone/files/filestamp.h"
 
 namespace pysource::standalone {
-
-// The disk time of a file's state, from its time of modification; the one place where that is
-// worked out, since times are compared for equality. A file dated to the first second of 1970 or
-// before (as some builds date all files) gets the least time above the markers.
-DiskTime DiskTimeOf(const struct stat& status) noexcept;
-// The disk time of the file at `path` now: kFileDoesNotExistMtime when nothing is there,
-// kFileUnknownOnDiskMtime when its time cannot be got.
-DiskTime GetFileDiskTime(const std::string& path) noexcept;
 
 struct CSourceFile {
   Text source;  // UTF-8, without a byte order mark
   DiskTime disk_mtime = 0;
+  CFileStamp stamp;         // of the file when it was read
+  bool is_settled = false;  // whether the stamp stands for this text from here on
 };
 
 // Reads and decodes the file. Throws CValueError, with a message that names the file, when it is

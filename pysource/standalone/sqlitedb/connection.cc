@@ -61,6 +61,10 @@ const char* SqlOf(EStatement statement) {
       return "SELECT target, seq FROM lost WHERE source = ?";
     case EStatement::kForgetLost:
       return "DELETE FROM lost WHERE source = ? AND target = ?";
+    case EStatement::kContentOf:
+      return "SELECT seal, disk_time FROM contents WHERE file = ?";
+    case EStatement::kPutContent:
+      return "INSERT OR REPLACE INTO contents(file, seal, disk_time) VALUES(?, ?, ?)";
     case EStatement::kLogChange:
       return "INSERT INTO changes(file) VALUES(?)";
     case EStatement::kCutChanges:

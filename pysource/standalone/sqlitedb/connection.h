@@ -90,6 +90,8 @@ enum class EStatement {
   kNoteLost,
   kLostOf,
   kForgetLost,
+  kContentOf,
+  kPutContent,
   kLogChange,
   kCutChanges,
   kScopeNames,

@@ -39,7 +39,7 @@ CInspection InspectInTransaction(CSqliteConnection& connection) {
   {
     const auto statement = connection.Prepare(
         "SELECT count(*), sum(type = 'table' AND name IN ('files', 'scans', 'records', 'changes', "
-        "'lost')) FROM sqlite_master");
+        "'lost', 'contents')) FROM sqlite_master");
     CQuery query(statement.get());
     query.Step();
     tables = query.IntAt(0);
@@ -61,7 +61,7 @@ CInspection InspectInTransaction(CSqliteConnection& connection) {
   connection.IntOf(
       "SELECT EXISTS(SELECT id FROM files) + EXISTS(SELECT id FROM scans) + "
       "EXISTS(SELECT id FROM records) + EXISTS(SELECT seq FROM changes) + "
-      "EXISTS(SELECT source FROM lost)");
+      "EXISTS(SELECT source FROM lost) + EXISTS(SELECT file FROM contents)");
   return {EContent::kOurs, version};
 }
 

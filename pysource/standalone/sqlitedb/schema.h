@@ -6,6 +6,7 @@
 //   changes   seq, file                                  which file each save or clear was of
 //   lost      source, target, seq                        what a file has said of another, and is
 //                                                        gone, by which change
+//   contents  file, seal, disk_time                      with which stamp a file had which disk time
 //   ties      an index of the records that hang together with other files than their own: made from
 //             another one, or resting on one. They are few, and an index run asks for all of them;
 //             what it asks is in the index, since the rows lie far apart.
@@ -43,6 +44,10 @@
 // scanned anew, or says something of the target again, by a process that has heard of the drop: one
 // that has not takes rows for stored that went with it, and does not store them again.
 //
+// `contents` says for a file by its number what it looked like when it was last read, so that it
+// need not be read again: `seal` is a hash over its times of modification and change, its size, its
+// inode and its disk time. What a disk time stands for hangs on no row; see files/contenttime.h.
+//
 // `changes` is a log. A process that looks for changes reads what came since it last looked; the
 // log keeps the last kChangesKept, and who looks too late is told that everything changed.
 //
@@ -70,9 +75,10 @@ inline constexpr const char* kSchema = R"(
   CREATE TABLE changes(seq INTEGER PRIMARY KEY, file INTEGER NOT NULL);
   CREATE TABLE lost(source INTEGER NOT NULL, target INTEGER NOT NULL, seq INTEGER NOT NULL,
                     PRIMARY KEY(source, target)) WITHOUT ROWID;
+  CREATE TABLE contents(file INTEGER PRIMARY KEY, seal INTEGER NOT NULL, disk_time REAL NOT NULL);
   CREATE INDEX ties ON records(id, scanned_file, seen) WHERE scanned_file IS NOT NULL OR seen IS NOT NULL;
 )";
-inline constexpr int kTableCount = 5;
+inline constexpr int kTableCount = 6;
 
 // What scanned_file holds for an absent location.
 inline constexpr int64_t kAbsentFile = 0;

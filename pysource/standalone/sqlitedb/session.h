@@ -8,6 +8,7 @@
 #include "pysource/host/location.h"
 #include "pysource/standalone/sqlitedb/changelog.h"
 #include "pysource/standalone/sqlitedb/connection.h"
+#include "pysource/standalone/sqlitedb/contenttable.h"
 #include "pysource/standalone/sqlitedb/filenames.h"
 #include "pysource/standalone/sqlitedb/filetable.h"
 #include "pysource/standalone/sqlitedb/losttable.h"
@@ -28,6 +29,7 @@ struct CSession {
         scans(*connection),
         changes(*connection),
         lost(*connection, changes),
+        contents(*connection),
         records(*connection, files, scans, shown) {}
 
   // A transaction has ended: what it entered into the tables stays, or goes with it.
@@ -56,6 +58,7 @@ struct CSession {
   CScanTable scans;
   CChangeLog changes;
   CLostTable lost;
+  CContentTable contents;
   CRecordTable records;
 };
 

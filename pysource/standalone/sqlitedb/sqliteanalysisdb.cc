@@ -147,6 +147,22 @@ class CSqliteAnalysisDb::CImpl {
     return cleared;
   }
 
+  // What the last save or clear answered is not touched.
+  void StoreContents(const std::vector<std::pair<Loc, CContentMark>>& marks) {
+    if (ReadOnly()) {
+      return;
+    }
+    const std::string last_error = _fLastError;
+    Changing("saving contents", [&](CSession& db) {
+      for (const auto& [loc, mark] : marks) {
+        if (const auto file = db.files.IdOf(loc)) {
+          db.contents.Put(*file, mark);
+        }
+      }
+    });
+    _fLastError = last_error;
+  }
+
   bool Together(const std::function<void()>& work) {
     if (_fClosed || _fIsBatch) {
       work();
@@ -539,6 +555,29 @@ Text CSqliteAnalysisDb::CheckForExternalChanges() {
   return found.report;
 }
 
+std::optional<CContentMark> CSqliteAnalysisDb::FindContent(Loc loc) {
+  try {
+    return _fImpl->Looking<std::optional<CContentMark>>("reading contents", [&](CSession& db) {
+      const auto file = db.files.IdOf(loc);
+      return file ? db.contents.Find(*file) : std::nullopt;
+    });
+  } catch (const CValueError&) {
+    // What is wrong with the database, the reads that an answer rests on say.
+    return std::nullopt;
+  }
+}
+
+void CSqliteAnalysisDb::VisitContents(const std::function<void(Loc, const CContentMark&)>& visit) {
+  _fImpl->Looking<bool>("reading all contents", [&](CSession& db) {
+    sqlitedb::VisitContents(db, visit);
+    return true;
+  });
+}
+
+void CSqliteAnalysisDb::StoreContents(const std::vector<std::pair<Loc, CContentMark>>& marks) {
+  _fImpl->StoreContents(marks);
+}
+
 const std::string& CSqliteAnalysisDb::Message() const { return _fImpl->Message(); }
 const std::string& CSqliteAnalysisDb::LastError() const { return _fImpl->LastError(); }
 
@@ -562,10 +601,12 @@ void CSqliteAnalysisDb::VisitFiles(const std::function<void(const CStoredFile&)>
   });
 }
 
-void CSqliteAnalysisDb::VisitFilesAndTies(const std::function<void(const CStoredFile&)>& visit_file,
-                                          const std::function<void(const CTie&)>& visit_tie) {
+void CSqliteAnalysisDb::VisitFilesAndTies(
+    const std::function<void(const CStoredFile&)>& visit_file,
+    const std::function<void(Loc, const CContentMark&)>& visit_content,
+    const std::function<void(const CTie&)>& visit_tie) {
   _fImpl->Looking<bool>("reading all files and ties", [&](CSession& db) {
-    sqlitedb::VisitFilesAndTies(db, visit_file, visit_tie);
+    sqlitedb::VisitFilesAndTies(db, visit_file, visit_content, visit_tie);
     return true;
   });
 }

@@ -24,12 +24,15 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "pysource/host/analysisdb.h"
 #include "pysource/host/location.h"
 #include "pysource/host/text.h"
+#include "pysource/standalone/files/disktimes.h"
 #include "pysource/standalone/sqlitedb/storedrows.h"
 
 namespace pysource::standalone {
@@ -48,7 +51,7 @@ struct CDbCall {
   size_t count = 0;            // rows read or written, names, files
 };
 
-class CSqliteAnalysisDb final : public CAnalysisDb {
+class CSqliteAnalysisDb final : public CAnalysisDb, public CContentStore {
  public:
   // Opens the file, or makes it. Throws CValueError, with a message that names the file, when it
   // cannot be used and not be set aside either: a folder in its place, a place that cannot be
@@ -72,6 +75,13 @@ class CSqliteAnalysisDb final : public CAnalysisDb {
   std::vector<CClassEquiv> GetAllClasses(const std::vector<Loc>& db_locs,
                                          TextView primary_scan_name) override;
   Text CheckForExternalChanges() override;
+
+  // Where the marks of contents are kept. A failure of either is none: the files are read again.
+  // Storing waits for no lock longer than for any other operation, and a file that the database
+  // does not know otherwise is left out.
+  std::optional<CContentMark> FindContent(Loc loc) override;
+  void VisitContents(const std::function<void(Loc, const CContentMark&)>& visit) override;
+  void StoreContents(const std::vector<std::pair<Loc, CContentMark>>& marks) override;
 
   // What was repaired or set aside since this was made, for the program to print, a line each;
   // empty when nothing.
@@ -99,9 +109,10 @@ class CSqliteAnalysisDb final : public CAnalysisDb {
   std::vector<Loc> LostSources();
   // Every file that has a disk time.
   void VisitFiles(const std::function<void(const CStoredFile&)>& visit);
-  // The same, then every row that ties files together. Costs as much as there are such files and
-  // rows.
+  // The same with the marks of their contents, and those of files without a disk time, then every
+  // row that ties files together. Costs as much as there are such files and rows.
   void VisitFilesAndTies(const std::function<void(const CStoredFile&)>& visit_file,
+                         const std::function<void(Loc, const CContentMark&)>& visit_content,
                          const std::function<void(const CTie&)>& visit_tie);
   // Every row, those that no read would hand out included, file by file.
   void VisitAllRecords(const std::function<void(const CStoredRow&)>& visit);

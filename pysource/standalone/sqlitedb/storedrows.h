@@ -3,10 +3,12 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 
 #include "pysource/host/analysisdb.h"
 #include "pysource/host/location.h"
 #include "pysource/host/text.h"
+#include "pysource/standalone/files/disktimes.h"
 
 namespace pysource::standalone {
 
@@ -25,6 +27,7 @@ struct CStoredFile {
   Loc loc;
   DiskTime disk_time = 0;
   Text scans_done;
+  std::optional<CContentMark> content;  // as VisitFilesAndTies tells it
 };
 
 // A row that was made from another file than the one it is for, or rests on one.

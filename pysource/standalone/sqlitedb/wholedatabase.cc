@@ -15,12 +15,13 @@ void VisitFiles(CSession& session, const std::function<void(const CStoredFile&)>
   CQuery query(statement.get());
   while (query.Step()) {
     if (const Loc loc = session.files.LocOfName(query.ViewAt(0))) {
-      visit({loc, query.DoubleAt(1), Text(query.ViewAt(2))});
+      visit({loc, query.DoubleAt(1), Text(query.ViewAt(2)), std::nullopt});
     }
   }
 }
 
 void VisitFilesAndTies(CSession& session, const std::function<void(const CStoredFile&)>& visit_file,
+                       const std::function<void(Loc, const CContentMark&)>& visit_content,
                        const std::function<void(const CTie&)>& visit_tie) {
   struct CPlace {
     int64_t place;
@@ -29,6 +30,10 @@ void VisitFilesAndTies(CSession& session, const std::function<void(const CStored
   };
   std::vector<std::pair<int64_t, Loc>> by_id;
   std::vector<CPlace> places;
+  std::vector<std::pair<int64_t, CContentMark>> contents;
+  session.contents.Visit(
+      [&contents](int64_t file, const CContentMark& mark) { contents.emplace_back(file, mark); });
+  auto content = contents.begin();
   const auto files = session.connection->Prepare(
       "SELECT id, name, disk_time, scans_done, place FROM files ORDER BY id");
   for (CQuery query(files.get()); query.Step();) {
@@ -38,8 +43,15 @@ void VisitFilesAndTies(CSession& session, const std::function<void(const CStored
     }
     const DiskTime disk_time = query.DoubleAt(2);
     by_id.emplace_back(query.IntAt(0), loc);
+    while (content != contents.end() && content->first < query.IntAt(0)) {
+      ++content;
+    }
+    const bool has_mark = content != contents.end() && content->first == query.IntAt(0);
     if (!query.IsNull(2)) {
-      visit_file({loc, disk_time, Text(query.ViewAt(3))});
+      visit_file({loc, disk_time, Text(query.ViewAt(3)),
+                  has_mark ? std::optional(content->second) : std::nullopt});
+    } else if (has_mark) {
+      visit_content(loc, content->second);
     }
     if (const auto place = query.OptionalIntAt(4)) {
       places.push_back({*place, loc, disk_time});
@@ -76,6 +88,17 @@ void VisitFilesAndTies(CSession& session, const std::function<void(const CStored
       // Verify() tells of that, too.
     }
     visit_tie(tie);
+  }
+}
+
+void VisitContents(CSession& session, const std::function<void(Loc, const CContentMark&)>& visit) {
+  const auto statement = session.connection->Prepare(
+      "SELECT f.name, c.seal, c.disk_time FROM contents c "
+      "CROSS JOIN files f ON f.id = c.file");
+  for (CQuery query(statement.get()); query.Step();) {
+    if (const Loc loc = session.files.LocOfName(query.ViewAt(0))) {
+      visit(loc, CContentTable::MarkAt(query, 1));
+    }
   }
 }
 

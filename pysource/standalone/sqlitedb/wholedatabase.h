@@ -15,9 +15,13 @@ namespace pysource::standalone::sqlitedb {
 
 // Every file that has a disk time and a location here.
 void VisitFiles(CSession& session, const std::function<void(const CStoredFile&)>& visit);
-// The same, then every row that ties files together.
+// The same with the marks of their contents, and those of files without a disk time, then every row
+// that ties files together.
 void VisitFilesAndTies(CSession& session, const std::function<void(const CStoredFile&)>& visit_file,
+                       const std::function<void(Loc, const CContentMark&)>& visit_content,
                        const std::function<void(const CTie&)>& visit_tie);
+// The mark of every file that has one and a location here.
+void VisitContents(CSession& session, const std::function<void(Loc, const CContentMark&)>& visit);
 // Every row that belongs to a file, file by file.
 void VisitAllRecords(CSession& session, const std::function<void(const CStoredRow&)>& visit);
 
