@@ -79,6 +79,9 @@ TEST(ScannerTest, Targets) {
       {"except groups", "try: pass\nexcept* E as e: pass\n", "''\n  e :s2;:CExceptionGroup\n"},
       {"hints", "a: int\nb: 'List[int]' = 1\n",
        "''\n  a :h1;:tint\n  b :s2;:h2;:tList[int];:lint\n"},
+      {"a starred attribute", "import a\n*a.b, c = x\n", "''\n  a :s1;:ia\n  c :s2;x[-1]\n"},
+      {"what only looks like a binding", "f'{a:=10} {b:{c:=3}} {(d:=4)}'\ntype(e).f = 1\n",
+       "''\n  d :s1;:w1;:lint\n"},
       {"match: captures and no values",
        "match x:\n case C(a, k=b) as c: pass\n case [d, *e] | {'k': f, **g}: pass\n"
        " case m.n | _: pass\n case h: pass\n",
@@ -126,6 +129,13 @@ TEST(ScannerTest, Definitions) {
        ":s6;:dabc.abstractclassmethod;:uC.c(cls)\n'C.a' :mC.a(self)\n  self :s2;:A0;:@\n'C.b' "
        ":uC.b(x)\n  x :s4;:A0\n'C.c' :uC.c(cls)\n  cls :s6;:A0\n'C.__new__' :uC.__new__(cls)\n  "
        "cls :s8;:A0\n"},
+      {"brackets do not end a block, wherever their lines begin",
+       "class C:\n  x = (a.\nb,\n# c\n1 +\nc)\n  y = 1\n",
+       "''\n  C :s1;:cC()\n'C' :cC()\n  x :s2;:ltuple\n  y :s7;:lint\n"},
+      {"an argument by keyword is no self; what is returned and yielded",
+       "class C:\n def m(*, a):\n  yield a\n  b = yield from a\n  return -1\n",
+       "''\n  C :s1;:cC()\n'C' :cC()\n  m :s2;:mC.m(*,a)\n'C.m' :mC.m(*,a)\n  a :s2;:A0\n  b "
+       ":s4;:eyield from a\n  return :w5;:lint\n  yield :w3;a;:w4;a[*]\n"},
       {"the second definition of a name", "if x:\n def f(): a = 1\nelse:\n class f: b = 2\n",
        "''\n  f :s2;:Ff();:s4;:cf#2()\n'f' :Ff()\n  a :s2;:lint\n'f#2' :cf#2()\n  b :s4;:lint\n"},
       {"global and nonlocal", "def f():\n global a, b\n a = 1\n def g():\n  nonlocal c\n  c = 2\n",

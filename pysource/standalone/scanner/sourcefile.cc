@@ -14,6 +14,7 @@
 #include "pysource/host/errors.h"
 #include "pysource/host/strutils.h"
 #include "pysource/standalone/files/contenttime.h"
+#include "pysource/standalone/scanner/encodings.h"
 
 namespace pysource::standalone {
 namespace {
@@ -147,42 +148,6 @@ std::optional<Text> DeclaredEncoding(BytesView bytes) {
   return std::nullopt;
 }
 
-// Lower case, with "-" for "_": how Python compares names of encodings.
-Text NormalName(TextView encoding) {
-  Text result(encoding);
-  for (char& c : result) {
-    c = c == '_' ? '-' : c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-  }
-  return result;
-}
-
-struct CAlias {
-  TextView python;
-  const char* iconv;
-};
-
-// Names of Python's that the C library spells in another way.
-constexpr std::array<CAlias, 24> kAliases{{
-    {"latin-1", "ISO-8859-1"},     {"latin1", "ISO-8859-1"},
-    {"l1", "ISO-8859-1"},          {"latin", "ISO-8859-1"},
-    {"iso8859-1", "ISO-8859-1"},   {"latin-2", "ISO-8859-2"},
-    {"latin2", "ISO-8859-2"},      {"latin-9", "ISO-8859-15"},
-    {"iso8859-15", "ISO-8859-15"}, {"iso-8859-15-1", "ISO-8859-15"},
-    {"us-ascii", "ASCII"},         {"646", "ASCII"},
-    {"windows-1252", "CP1252"},    {"windows-1251", "CP1251"},
-    {"cyrillic", "ISO-8859-5"},    {"greek", "ISO-8859-7"},
-    {"hebrew", "ISO-8859-8"},      {"sjis", "SHIFT_JIS"},
-    {"shift-jis", "SHIFT_JIS"},    {"ms932", "CP932"},
-    {"ms-kanji", "CP932"},         {"euckr", "EUC-KR"},
-    {"eucjp", "EUC-JP"},           {"mac-roman", "MACINTOSH"},
-}};
-
-const char* IconvName(const Text& encoding) {
-  const auto* const found = std::find_if(kAliases.begin(), kAliases.end(),
-                                         [&](const CAlias& a) { return a.python == encoding; });
-  return found != kAliases.end() ? found->iconv : encoding.c_str();
-}
-
 class CConverter {
  public:
   explicit CConverter(const char* encoding) : _fHandle(iconv_open("UTF-8", encoding)) {}
@@ -251,7 +216,7 @@ Text DecodeSource(Bytes bytes, TextView name) {
   if (!declared) {
     return bytes;
   }
-  const Text encoding = NormalName(*declared);
+  const Text encoding = NormalEncodingName(*declared);
   if (IsUtf8Name(encoding)) {
     return bytes;
   }
@@ -263,11 +228,11 @@ Text DecodeSource(Bytes bytes, TextView name) {
       encoding.starts_with("utf-7")) {
     Fail(name, "declares an encoding that source cannot be in: " + *declared);
   }
-  const char* const iconv_name = IconvName(encoding);
-  if (TextView(iconv_name) == "ISO-8859-1") {
+  const Text iconv_name = IconvName(encoding);
+  if (iconv_name == "ISO-8859-1" || iconv_name == "iso-8859-1") {
     return FromLatin1(bytes);
   }
-  CConverter converter(iconv_name);
+  CConverter converter(iconv_name.c_str());
   if (!converter.IsKnown()) {
     Fail(name, "declares an unknown encoding: " + *declared);
   }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "pysource/standalone/scanner/levels.h"
+
 namespace pysource::standalone {
 namespace {
 
@@ -27,12 +29,12 @@ struct CLine {
   CLogicalLine line;
 };
 
-void AddLine(const CLine& line, CServedText& text) {
+void AddLine(BytesView source, const CLine& line, CLevels& levels, CServedText& text) {
   uint32_t begin = line.begin;
   if (!text.IsEmpty() && text.SourceEnd() <= begin && begin - text.SourceEnd() <= kMaxGap) {
     begin = text.SourceEnd();
   }
-  text.Add(begin, line.line.end, line.line.row);
+  levels.Serve(source, begin, line.line.end, line.line, text);
 }
 
 // What a clause needs in front of it to be a statement.
@@ -71,11 +73,13 @@ bool CSyntaxTree::Parse(BytesView source) {
 
 void CSyntaxTree::ParseBlock(const CSourceRange& range, int depth) {
   CServedText group;
+  CLevels levels;
   group.Reset(_fSource);
   const auto parse_group = [&] {
     if (!group.IsEmpty()) {
       ParseText(group, _fNodes);
       group.Reset(_fSource);
+      levels.Reset();
     }
   };
   std::vector<CLine> lines;  // of the present statement, as long as it is small
@@ -86,7 +90,7 @@ void CSyntaxTree::ParseBlock(const CSourceRange& range, int depth) {
       ParseSplit(statement, depth);
     } else {
       for (const CLine& line : lines) {
-        AddLine(line, group);
+        AddLine(_fSource, line, levels, group);
       }
       if (group.Size() >= kGroupSize) {
         parse_group();
@@ -117,6 +121,7 @@ void CSyntaxTree::ParseBlock(const CSourceRange& range, int depth) {
 // The headers of the statement together, each with "pass" for its block; the blocks by themselves.
 void CSyntaxTree::ParseSplit(const CSourceRange& statement, int depth) {
   CServedText headers;
+  CLevels levels;
   headers.Reset(_fSource);
   std::vector<CBody> bodies;
   CStatements all(_fSource, statement, false);
@@ -146,10 +151,10 @@ void CSyntaxTree::ParseSplit(const CSourceRange& statement, int depth) {
       headers.AddForeign(OpeningFor(line.first));
     }
     if (line.opens_block && !after_match) {
-      headers.Add(all.Begin(), line.text_end, line.row);
+      levels.Serve(_fSource, all.Begin(), line.text_end, line, headers);
       headers.AddForeign("pass\n");
     } else {
-      headers.Add(all.Begin(), line.end, line.row);
+      levels.Serve(_fSource, all.Begin(), line.end, line, headers);
     }
     header_end = line.opens_block ? line.text_end : line.end;
   }
