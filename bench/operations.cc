@@ -15,7 +15,7 @@
 
 #include "bench/support/corpus.h"
 #include "bench/support/world.h"
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 #include "pysource/scopeinfo/serialized/scopeinfoserializer.h"
 
 namespace pysource::bench {

@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "bench/pairs/pair.h"
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 
 namespace pysource::bench {
 namespace {

@@ -7,7 +7,7 @@
 
 #include "bench/pairs/pair.h"
 #include "bench/support/clock.h"
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 #include "pysource/scopeinfo/serialized/scopeinfoserializer.h"
 
 namespace pysource::bench {

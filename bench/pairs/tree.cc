@@ -8,7 +8,7 @@
 
 #include "bench/pairs/pair.h"
 #include "bench/support/clock.h"
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 
 namespace pysource::bench {
 namespace {

@@ -10,7 +10,8 @@
 #include <utility>
 
 #include "pysource/host/errors.h"
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/kinds.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 #include "pysource/scopeinfo/serialized/scopeinfoserializer.h"
 #include "pysource/standalone/scanner/sourcefile.h"
 

@@ -1,6 +1,7 @@
 #include "pysource/host/strutils.h"
 
 #include <array>
+#include <charconv>
 
 #include "pysource/host/errors.h"
 
@@ -56,6 +57,23 @@ Bytes EncodeUrl(BytesView url) {
     }
   }
   return result;
+}
+
+Bytes DecodeUrl(BytesView encoded) {
+  Bytes url;
+  url.reserve(encoded.size());
+  for (size_t i = 0; i < encoded.size(); ++i) {
+    unsigned value = 0;
+    const char* const digits = encoded.data() + i + 1;
+    if (encoded[i] == '%' && i + 2 < encoded.size() &&
+        std::from_chars(digits, digits + 2, value, 16).ptr == digits + 2) {
+      url += static_cast<char>(value);
+      i += 2;
+    } else {
+      url += encoded[i];
+    }
+  }
+  return url;
 }
 
 bool IsUtf8Beyond127(BytesView s) noexcept {

@@ -26,6 +26,8 @@ char GetOneByte(BytesView s, size_t i);
 // The URL in a form that can be part of info bytes. Every byte outside A-Z a-z 0-9 - . _ ~ / :
 // becomes "%" and two upper-case hex digits, so the result has no space, ";", bracket or NUL.
 Bytes EncodeUrl(BytesView url);
+// The URL back from that form: "%2F" is "/". A "%" that no two hex digits follow stays.
+Bytes DecodeUrl(BytesView encoded);
 
 // Whether no byte is above 127.
 inline bool IsAscii(BytesView s) noexcept {

@@ -43,7 +43,10 @@ class NameResolverTest : public CEngineTest {
                   "y = x\n"                             // 13
                   "import nowhere\n"                    // 14
                   "loop = pool\npool = loop\n"
-                  "class Own(Own): pass\n");  // 15
+                  "class Own(Own): pass\n"                       // 17
+                  "part = data[:n], data[:G]\n"                  // 18
+                  "def cut():\n  piece = data[:n]; piece\n"      // 20
+                  "  def sub():\n    nonlocal piece; piece\n");  // 22
     _fResolver.emplace(*fEngine);
   }
   ~NameResolverTest() override { _fResolver.reset(); }
@@ -90,6 +93,9 @@ TEST_F(NameResolverTest, FollowsImportsBasesAndInstances) {
       {"Win.go", "self.helper.help", "util.py:3 Helper.help"},
       {"Win.go.inner", "w.helper.close", "base.py:3 Root.close"},
       {"Win", "color", "app.py:5 Win.color"},
+      {"cut", "piece", "app.py:20 cut.piece"},  // bound to what holds ":n", and no nonlocal
+      {"cut.sub", "piece", "app.py:20 cut.piece"},
+      {"cut", "part", "app.py:18 .part"},
   };
   for (const auto& test : kCases) {
     EXPECT_THAT(Found(test.scope, test.name), ElementsAre(test.found))

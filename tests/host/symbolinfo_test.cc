@@ -1,15 +1,16 @@
 // The vocabulary of scope names and info bytes.
 
-#include "pysource/host/symbolinfo.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <set>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include "pysource/host/location.h"
+#include "pysource/host/strutils.h"
+#include "pysource/host/symbolinfo.h"
 
 namespace pysource {
 namespace {
@@ -17,47 +18,67 @@ namespace {
 using testing::ElementsAre;
 using Pieces = std::vector<BytesView>;
 
-TEST(Kinds, EachHasItsPrefixAndNoTwoAreAlike) {
-  const std::pair<BytesView, Kind> rows[] = {{kSetPrefix, kSetKind},
-                                             {kGetPrefix, kGetKind},
-                                             {kSetTypeHintPrefix, kSetTypeHintKind},
-                                             {kNonlocalPrefix, kNonlocalKind},
-                                             {kGlobalPrefix, kGlobalKind},
-                                             {kWithinExprPrefix, kWithinExprKind},
-                                             {kImportPrefix, kImportKind},
-                                             {kFromImportPrefix, kFromImportKind},
-                                             {kImportAsNamePrefix, kImportAsNameKind},
-                                             {kDecoratorPrefix, kDecoratorKind},
-                                             {kSpecificScopePrefix, kSpecificScopeKind},
-                                             {kSpecificUrlPrefix, kSpecificUrlKind},
-                                             {kBuiltinModulePrefix, kBuiltinModuleKind},
-                                             {kTypingModulePrefix, kTypingModuleKind},
-                                             {kBuiltinClassPrefix, kBuiltinClassKind},
-                                             {kTypedLiteralPrefix, kTypedLiteralKind},
-                                             {kArgPrefix, kArgKind},
-                                             {kTypeHintPrefix, kTypeHintKind},
-                                             {kPlainEquivSpec, kPlainEquivKind},
-                                             {kExpressionEquivPrefix, kExpressionEquivKind},
-                                             {kMethodPrefix, kMethodKind},
-                                             {kUnboundMethodPrefix, kUnboundMethodKind},
-                                             {kFunctionPrefix, kFunctionKind},
-                                             {kClassPrefix, kClassKind},
-                                             {kSelfPrefix, kSelfKind},
-                                             {kInstancePrefix, kInstanceKind},
-                                             {kModulePrefix, kModuleKind},
-                                             {kInferredTypeHintPrefix, kInferredTypeHintKind},
-                                             {kCalledPrefix, kCalledKind}};
+TEST(Kinds, EachIsReadByItsLetterAndNoTwoAreAlike) {
   std::set<Kind> kinds;
-  for (const auto& [prefix, kind] : rows) {
-    EXPECT_EQ(prefix.size(), kPrefixLen);
-    EXPECT_EQ(GetInfoBytesKind(prefix), kind) << prefix;
-    EXPECT_EQ(GetInfoBytesKind(Bytes(prefix) + "body;:x"), kind) << prefix;
-    EXPECT_TRUE(kind != 0 && kinds.insert(kind).second) << prefix;
-    EXPECT_EQ(IsDefKind(kind), prefix == ":F" || prefix == ":m" || prefix == ":u") << prefix;
+  for (const CKindRow& row : kKinds) {
+    EXPECT_EQ(ReadInfoItem(row.example).kind, row.example[1] == 'S'   ? kArgKind
+                                              : row.example[1] == 'U' ? kPlainEquivKind
+                                                                      : row.kind)
+        << row.example << ": a context is taken off";
+    EXPECT_EQ(GetInfoBytesKind(Bytes(row.prefix) + "body;:x"), row.kind) << row.prefix;
+    EXPECT_TRUE(row.kind != 0 && kinds.insert(row.kind).second) << row.prefix;
+    EXPECT_EQ(IsDefKind(row.kind), OpensScope(row.kind) && row.kind != kClassKind) << row.prefix;
   }
   for (const BytesView plain : {"", "x", ":", "x:s", " :s"}) {
     EXPECT_EQ(GetInfoBytesKind(plain), kPlainEquivKind) << plain;
   }
+}
+
+// "kind body scope url line" of each item.
+TEST(Items, AreReadWithTheirContextAndLine) {
+  const std::pair<BytesView, BytesView> rows[] = {
+      {"", ""},
+      {"x;:s3;:lint;", "= x - - 0|s 3 - - 3|l int - - 3|=  - - 3|"},
+      {":s3;:s-1;:A0;:w7;:e(a;:s9)", "s 3 - - 3|s -1 - - 0|A 0 - - 0|w 7 - - 7|e (a;:s9) - - 7|"},
+      {":SC.m x;:S :@", "= x C.m - 0|@   - 0|"},
+      {":Uf:/a%20b :SC :s2;:A1", "s 2 C f:/a b 2|A 1 - - 2|"},
+      {":Uf:/a :SC :SC.m :Cx", "C x C.m f:/a 0|"},  // the innermost context
+      {":SC :Uf:/a y;:SC;:U", "= y - f:/a 0|S C - - 0|U  - - 0|"},
+      {":s99999999999;:sx;:", "s 99999999999 - - 0|s x - - 0|= : - - 0|"},
+  };
+  for (const auto& [value, expected] : rows) {
+    Bytes read;
+    for (const CInfoItem& item : ItemsOf(value)) {
+      read += Bytes(1, item.kind) + " " + Bytes(item.body) + " " + Bytes(item.scope.value_or("-")) +
+              " " + (item.url ? DecodeUrl(*item.url) : "-") + " " +
+              std::to_string(item.line.value_or(0)) + "|";
+      EXPECT_TRUE(HasKind(value, item.kind)) << value;
+    }
+    EXPECT_EQ(read, expected) << value;
+  }
+  EXPECT_FALSE(HasKind("data[:n]", kNonlocalKind)) << "a slice, not a mark";
+}
+
+TEST(Items, BodiesComeApart) {
+  Bytes arguments;
+  ForEachArgument("self,a,/,b=,*,*r,**k", [&](const CArgument& argument) {
+    arguments += std::to_string(static_cast<int>(argument.form)) + Bytes(argument.name) +
+                 (argument.has_default ? "=" : "") + " ";
+  });
+  EXPECT_EQ(arguments, "0self 0a 4 0b= 3 1r 2k ");
+  Bytes bases;
+  ForEachClassArgument("a.B[x=1],metaclass=M(a,b),c==d,*e", [&](const CClassArgument& argument) {
+    bases += Bytes(argument.keyword) + ":" + Bytes(argument.expression) + " ";
+  });
+  EXPECT_EQ(bases, ":a.B[x=1] metaclass:M(a,b) :c==d :*e ");
+  EXPECT_EQ(ReadDefinition("C.m(a,b)").inside, "a,b");
+  EXPECT_EQ(ReadDefinition("C").scope, "C");
+  EXPECT_EQ(ReadDefinition("C)x(y").inside, "y") << "damaged";
+  EXPECT_EQ(ReadImport(kFromImportKind, ".m *")->name, "*");
+  EXPECT_EQ(ReadImport(kImportAsNameKind, "a.b x")->bound, "x");
+  EXPECT_FALSE(ReadImport(kFromImportKind, "m")) << "damaged";
+  EXPECT_EQ(DottedPart("a.b[int]"), "a.b");
+  EXPECT_EQ(DottedPart("a+b"), "");
 }
 
 TEST(ScopeNames, ComeApartAndTogether) {

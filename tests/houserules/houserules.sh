@@ -7,6 +7,7 @@
 #   - The module (host and scopeinfo) includes standard headers and its own, and nothing else.
 #   - A file of the project is included by its path from the root, in quotes.
 #   - A header opens with #pragma once, and does not say `using namespace`.
+#   - Info bytes are taken apart in host/symbolinfo alone: nothing else searches a value for a mark or cuts one off.
 #   - package-lock.json names no registry; it holds the versions and the hashes.
 set -euo pipefail
 
@@ -26,6 +27,12 @@ utility valarray variant vector version "
 # which shared object it was linked into, and only the loader knows; separators are found sixteen bytes at a time.
 exceptions=" pysource/host/velk.cc:dlfcn.h pysource/host/velk.cc:link.h pysource/host/velk.cc:unistd.h \
 pysource/scopeinfo/serialized/separators.h:emmintrin.h "
+
+# What looks for a mark in info bytes, or takes one off; and the files that have to, each of which says why.
+mark='(k[A-Za-z]+Prefix|kPlainEquivSpec|kPrefixLen|":[A-Za-z@=]")'
+mark_search="(find[a-z_]*|starts_with|ends_with|contains|StrInStr|substr|remove_prefix)\\([^()]*$mark"
+raw_marks=" pysource/scopeinfo/filestate/equivs.cc pysource/scopeinfo/infocache/queries.cc \
+pysource/standalone/scanner/bindings.cc "
 
 violations=0
 complain() { # FILE:LINE SENTENCE
@@ -99,6 +106,12 @@ for file in "${files[@]}"; do
       check_include "$file" "$line" "${BASH_REMATCH[1]}"
     fi
   done < <(grep -nE '^[[:space:]]*#[[:space:]]*include' "$file")
+
+  if [[ $file =~ ^(pysource|tools)/ && $file != pysource/host/symbolinfo/* && $raw_marks != *" $file "* ]]; then
+    while IFS=: read -r line _; do
+      complain "$file:$line" "searches raw info bytes for a mark; host/symbolinfo/items.h has a reader"
+    done < <(grep -nE "$mark_search" "$file")
+  fi
 
   if [[ $file == *.h ]]; then
     if ! grep -qE '^#pragma once$' "$file"; then

@@ -8,7 +8,9 @@ tree=$(mktemp -d)
 trap 'rm -rf "$tree"' EXIT
 
 fail() {
-  echo "$1" >&2
+  expect 'pysource/host/raw.cc:1: searches raw info bytes for a mark' \
+  pysource/host/raw.cc 'return value.find(kGlobalPrefix) != value.npos;'
+echo "$1" >&2
   exit 1
 }
 
@@ -68,6 +70,8 @@ expect 'pysource/host/bad.cc:1: includes "text.h"; a file of the project is incl
   pysource/host/bad.cc '#include "text.h"'
 expect 'pysource/host/bad.cc:1: includes <pysource/host/text.h>; a file of the project is included by its path' \
   pysource/host/bad.cc '#include <pysource/host/text.h>'
+expect 'pysource/host/raw.cc:1: searches raw info bytes for a mark' \
+  pysource/host/raw.cc 'return value.find(kGlobalPrefix) != value.npos;'
 expect 'pysource/cellar/bad.cc:1: is on no floor' pysource/cellar/bad.cc ''
 expect 'pysource/host/bad.h:1: has no #pragma once' pysource/host/bad.h '// #pragma once'
 expect 'tests/fakes/bad.h:2: says using namespace' tests/fakes/bad.h '#pragma once' 'using namespace pysource;'

@@ -4,7 +4,7 @@
 
 #include "pysource/host/assertions.h"
 #include "pysource/host/repr.h"
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/infobytes.h"
 #include "pysource/scopeinfo/records/vocabulary.h"
 
 namespace pysource::scopeinfo {

@@ -1,6 +1,7 @@
 // Merging: each rule by itself, and random merges against a naive model.
 
 #include "pysource/scopeinfo/records/mergescopeinfo.h"
+#include "pysource/host/symbolinfo/kinds.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

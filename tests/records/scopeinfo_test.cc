@@ -1,6 +1,7 @@
 // Records: building, asking, copying.
 
 #include "pysource/scopeinfo/records/scopeinfo.h"
+#include "pysource/host/symbolinfo/kinds.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

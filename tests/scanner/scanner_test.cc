@@ -1,6 +1,7 @@
 // What the scanner says of source: tables of source and the records that come of it.
 
 #include "pysource/standalone/scanner/scanner.h"
+#include "pysource/host/symbolinfo/infobytes.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -13,7 +14,6 @@
 
 #include "fuzz/scanner_body.h"
 #include "pysource/host/strutils.h"
-#include "pysource/host/symbolinfo.h"
 #include "pysource/standalone/scanner/sourcefile.h"
 #include "tests/fakes/random.h"
 #include "tests/scanner/scan_helper.h"

@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/kinds.h"
 #include "pysource/standalone/scanner/sourcefile.h"
 #include "tests/scanner/scan_helper.h"
 

@@ -1,4 +1,5 @@
 #include "pysource/scopeinfo/serialized/scopeinfoserializer.h"
+#include "pysource/host/symbolinfo/kinds.h"
 
 #include <cmath>
 #include <filesystem>

@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "pysource/host/symbolinfo.h"
 #include "pysource/host/text.h"
 
 namespace pysource::tools {
@@ -21,16 +20,5 @@ struct CAlternative {
 // The alternatives of the value, in its order. Lines of bindings belong to what follows them; a
 // binding of which nothing is known is an alternative "set" of its own.
 std::vector<CAlternative> DescribeInfoBytes(BytesView ibytes);
-
-// "class", "function", ..., for a kind byte; "name" for none.
-const char* KindWord(Kind kind);
-
-// The scope name that a definition opens and the text between its brackets: "C.m" and "self,x" of
-// ":mC.m(self,x)". Without a bracket all of it is the scope.
-struct CDefinition {
-  TextView scope;
-  TextView inside;
-};
-CDefinition SplitDefinition(BytesView item);
 
 }  // namespace pysource::tools

@@ -9,7 +9,8 @@
 
 #include "pysource/host/analysisdb.h"
 #include "pysource/host/errors.h"
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/bodies.h"
+#include "pysource/host/symbolinfo/items.h"
 #include "pysource/standalone/engine/filerows.h"
 #include "pysource/standalone/engine/findfiles.h"
 #include "pysource/standalone/scanner/scanner.h"
@@ -88,7 +89,7 @@ int RunClasses(const COptions& options) {
   ordered_json json = ordered_json::array();
   CTable table({"Class", "Bases", "File"});
   for (const CClassEquiv& found : classes) {
-    const CDefinition definition = SplitDefinition(found.ibytes);
+    const CDefinitionBody definition = ReadDefinition(ReadInfoItem(found.ibytes).body);
     if (options.json) {
       json.push_back({{"file", FileOf(found.loc)},
                       {"class", definition.scope},
@@ -114,18 +115,17 @@ int RunImports(const COptions& options) {
   ordered_json json = ordered_json::array();
   CTable table({"Module", "Name", "Scope", "File"});
   for (const CImportEquiv& found : imports) {
-    const BytesView body = BytesView(found.ibytes).substr(kPrefixLen);
-    const size_t space = body.find(' ');
-    const BytesView module = body.substr(0, space);
-    const BytesView name = space == BytesView::npos ? BytesView() : body.substr(space + 1);
+    const CInfoItem item = ReadInfoItem(found.ibytes);
+    const CImportBody import =
+        ReadImport(item.kind, item.body).value_or(CImportBody{item.body, {}, {}});
     if (options.json) {
       ordered_json entry{
-          {"file", FileOf(found.loc)}, {"scope", found.scope_name}, {"module", module}};
-      entry["name"] = space == BytesView::npos ? ordered_json() : ordered_json(name);
+          {"file", FileOf(found.loc)}, {"scope", found.scope_name}, {"module", import.module}};
+      entry["name"] = import.name.empty() ? ordered_json() : ordered_json(import.name);
       entry["info"] = found.ibytes;
       json.push_back(std::move(entry));
     } else {
-      table.AddRow({Printable(module), Printable(name), Printable(found.scope_name),
+      table.AddRow({Printable(import.module), Printable(import.name), Printable(found.scope_name),
                     Printable(FileOf(found.loc))});
     }
   }

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "pysource/host/errors.h"
+#include "pysource/host/symbolinfo/kinds.h"
 #include "pysource/standalone/engine/nameresolver.h"
 #include "tools/scopeinfo/commands.h"
 #include "tools/scopeinfo/describe.h"
@@ -28,9 +29,12 @@ std::string NameOf(const CNameDefinition& definition) {
 ordered_json ResolutionToJson(const standalone::CResolution& resolution) {
   ordered_json json{{"definitions", ordered_json::array()}, {"lost", resolution.lost}};
   for (const CNameDefinition& definition : resolution.definitions) {
-    ordered_json item{{"file", FileOf(definition.loc)},    {"scope", definition.scope},
-                      {"name", definition.name},           {"instance", definition.inst},
-                      {"kind", KindWord(definition.kind)}, {"value", definition.value}};
+    ordered_json item{{"file", FileOf(definition.loc)},
+                      {"scope", definition.scope},
+                      {"name", definition.name},
+                      {"instance", definition.inst},
+                      {"kind", KindWords(definition.kind)},
+                      {"value", definition.value}};
     item["line"] = definition.line ? ordered_json(*definition.line) : ordered_json();
     item["path"] = definition.path;
     json["definitions"].push_back(std::move(item));
@@ -52,7 +56,7 @@ int RunResolve(const COptions& options) {
     for (const CNameDefinition& definition : resolution->definitions) {
       text += fmt::format("{}:{}: {}{}{}\n", Printable(FileOf(definition.loc)),
                           definition.line.value_or(0),
-                          definition.inst ? "instance attribute, " : "", KindWord(definition.kind),
+                          definition.inst ? "instance attribute, " : "", KindWords(definition.kind),
                           definition.name.empty() ? "" : " " + Printable(NameOf(definition)));
       for (const Text& step : definition.path) {
         text += fmt::format("    {}\n", Printable(step));

@@ -9,7 +9,10 @@
 #include <utility>
 #include <vector>
 
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/bodies.h"
+#include "pysource/host/symbolinfo/items.h"
+#include "pysource/host/symbolinfo/kinds.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 #include "pysource/scopeinfo/records/scopeinfo.h"
 #include "tools/scopeinfo/commands.h"
 #include "tools/scopeinfo/describe.h"
@@ -84,31 +87,26 @@ class CTree {
   void AddNode(const scopeinfo::CScopeInfo& info) {
     CNode node;
     node.scope = info.for_scope;
-    node.kind = KindWord(info.scope_kind);
+    node.kind = KindWords(info.scope_kind);
     node.names = info.type_equivs.size();
-    if (info.scope_kind == kClassKind || IsDefKind(info.scope_kind)) {
-      node.arguments = SplitDefinition(info.scope_ibytes).inside;
+    const CInfoItem opening = ReadInfoItem(info.scope_ibytes);
+    if (OpensScope(info.scope_kind)) {
+      node.arguments = ReadDefinition(opening.body).inside;
       node.has_arguments = !node.arguments.empty() || IsDefKind(info.scope_kind);
     } else if (!IsTopLevelModuleScope(info.for_scope)) {
       // "<lambda>" says what it is; where it is, its info bytes may.
       node.kind = "expression";
-      const auto said = DescribeInfoBytes(info.scope_ibytes);
-      node.line = said.empty() ? INT_MAX : said.front().line.value_or(INT_MAX);
+      node.line = opening.line.value_or(INT_MAX);
     }
     _fByScope.emplace(node.scope, _fNodes.size());
     _fNodes.push_back(std::move(node));
     // Where the scopes inside are opened.
     for (const auto& [name, ibytes] : info.type_equivs) {
-      int line = INT_MAX;
-      ForEachNonNested(ibytes, kInfoBytesSep, [&](BytesView item) {
-        const Kind kind = GetInfoBytesKind(item);
-        if (kind == kSetKind) {
-          const auto said = DescribeInfoBytes(item);
-          line = said.empty() ? INT_MAX : said.front().line.value_or(INT_MAX);
-        } else if (kind == kClassKind || IsDefKind(kind)) {
-          _fLines.emplace(SplitDefinition(item).scope, line);
+      for (const CInfoItem& item : ItemsOf(ibytes)) {
+        if (OpensScope(item.kind)) {
+          _fLines.emplace(ReadDefinition(item.body).scope, item.line.value_or(INT_MAX));
         }
-      });
+      }
     }
   }
 

@@ -11,6 +11,9 @@
 #include <vector>
 
 #include "pysource/host/errors.h"
+#include "pysource/host/symbolinfo/bodies.h"
+#include "pysource/host/symbolinfo/items.h"
+#include "pysource/host/symbolinfo/kinds.h"
 #include "pysource/scopeinfo/records/scopeinfo.h"
 #include "tools/scopeinfo/commands.h"
 #include "tools/scopeinfo/describe.h"
@@ -175,7 +178,7 @@ ordered_json ToJson(const CScopeInfo& info, const CSession& session) {
   ordered_json json;
   json["file"] = FileOf(info.loc);
   json["scope"] = info.for_scope;
-  json["kind"] = KindWord(info.scope_kind);
+  json["kind"] = KindWords(info.scope_kind);
   json["info"] = info.scope_ibytes;
   json["exists"] = !info.does_not_exist;
   json["incomplete"] = info.incomplete;
@@ -217,8 +220,8 @@ void AddNames(std::string& text, std::string_view heading, const CStrDict& names
 
 std::string ToTable(const CScopeInfo& info) {
   const bool is_module = IsTopLevelModuleScope(info.for_scope);
-  const CDefinition definition = SplitDefinition(info.scope_ibytes);
-  std::string title = is_module ? "module" : KindWord(info.scope_kind);
+  const CDefinitionBody definition = ReadDefinition(ReadInfoItem(info.scope_ibytes).body);
+  std::string title = is_module ? "module" : KindWords(info.scope_kind);
   if (!is_module) {
     title += " " + Printable(info.for_scope);
     if (!definition.inside.empty() || IsDefKind(info.scope_kind)) {

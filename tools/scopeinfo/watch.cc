@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "pysource/host/errors.h"
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 #include "pysource/standalone/engine/cachestats.h"
 #include "pysource/standalone/engine/liveindex.h"
 #include "pysource/standalone/engine/nameresolver.h"

@@ -10,7 +10,7 @@
 #include "pysource/host/logger.h"
 #include "pysource/host/memoryuse.h"
 #include "pysource/host/repr.h"
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 
 namespace pysource::scopeinfo {
 

@@ -1,7 +1,7 @@
 #include "pysource/scopeinfo/filestate/crossfiledata.h"
 
 #include "pysource/host/assertions.h"
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 
 namespace pysource::scopeinfo {
 namespace {

@@ -1,6 +1,7 @@
 #include "pysource/scopeinfo/filestate/equivs.h"
 
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/infobytes.h"
+#include "pysource/host/symbolinfo/kinds.h"
 
 namespace pysource::scopeinfo {
 namespace {

@@ -1,6 +1,6 @@
 // Changes outside the cache: of files, buffers, analyses, import resolution and the database.
 #include "pysource/host/assertions.h"
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 #include "pysource/scopeinfo/infocache/infocache.h"
 #include "pysource/scopeinfo/records/vocabulary.h"
 

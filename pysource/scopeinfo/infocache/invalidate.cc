@@ -1,6 +1,6 @@
 // Marking records as stale, and requesting the scans that renew them.
 #include "pysource/host/assertions.h"
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 #include "pysource/scopeinfo/infocache/infocache.h"
 
 namespace pysource::scopeinfo {

@@ -1,7 +1,9 @@
 // Queries across files: answered from memory for files that have an entry, from the database for
 // the others.
 #include "pysource/host/strutils.h"
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/infobytes.h"
+#include "pysource/host/symbolinfo/kinds.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 #include "pysource/scopeinfo/infocache/infocache.h"
 
 namespace pysource::scopeinfo {
@@ -29,8 +31,9 @@ std::vector<CImportEquiv> GetAllInMemoryImports(const CPerFileEntry& per_file) {
     }
     for (const auto& [subname, equivs] : (*info)->type_equivs) {
       ForEachNonNested(equivs, kInfoBytesSep, [&](BytesView ibytes) {
+        // By the head of the item: one that stands behind a context is another scope's.
         const Kind kind = GetInfoBytesKind(ibytes);
-        if (IsDefKind(kind) || kind == kClassKind) {
+        if (OpensScope(kind)) {
           const size_t lpar_pos = ibytes.find('(');
           if (lpar_pos != BytesView::npos) {
             to_examine.emplace_back(AsStr(ibytes, kPrefixLen, std::max(lpar_pos, kPrefixLen)));

@@ -2,7 +2,7 @@
 #include <algorithm>
 
 #include "pysource/host/assertions.h"
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 #include "pysource/scopeinfo/infocache/infocache.h"
 #include "pysource/scopeinfo/records/vocabulary.h"
 

@@ -4,7 +4,7 @@
 
 #include "pysource/host/assertions.h"
 #include "pysource/host/errors.h"
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 #include "pysource/scopeinfo/infocache/infocache.h"
 #include "pysource/scopeinfo/records/vocabulary.h"
 

@@ -18,7 +18,7 @@
 #include "pysource/host/fastaccess.h"
 #include "pysource/host/logger.h"
 #include "pysource/host/repr.h"
-#include "pysource/host/strutils.h"
+#include "pysource/host/symbolinfo/kinds.h"
 
 namespace pysource::scopeinfo {
 namespace {
@@ -39,10 +39,6 @@ void EnsurePresent(std::optional<CStrDict>& dict) {
   if (!dict) {
     dict.emplace();
   }
-}
-
-bool IsContextFree(Kind kind) {
-  return kind == kTypedLiteralKind || kind == kBuiltinClassKind || kind == kSpecificUrlKind;
 }
 
 void LogLargeMerge(const CScopeInfo& primary_info, size_t other_count, size_t inst_count,
@@ -142,7 +138,7 @@ void CScopeInfo::MergeTypeEquivs(const CScopeInfo& to_merge, CStrDict& equivs_di
   }
   Bytes url_prefix;
   if (!same_loc) {
-    url_prefix = Bytes(kSpecificUrlPrefix) + EncodeUrl(to_merge.loc->fUrl) + ' ';
+    url_prefix = LocationContext(to_merge.loc);
   }
   for (const auto& [name, ibytes] : to_merge_dict) {
     // Sorted, so that the value does not depend on the order of the merges.
@@ -152,7 +148,7 @@ void CScopeInfo::MergeTypeEquivs(const CScopeInfo& to_merge, CStrDict& equivs_di
     }
     ForEachNonNested(ibytes, kInfoBytesSep, [&](BytesView item) {
       const Kind kind = GetInfoBytesKind(item);
-      if (IsContextFree(kind)) {
+      if (MeansTheSameEverywhere(kind)) {
         items.emplace(item);
         return;
       }

@@ -9,6 +9,7 @@
 #include "pysource/host/repr.h"
 #include "pysource/host/singleton.h"
 #include "pysource/host/strutils.h"
+#include "pysource/host/symbolinfo/kinds.h"
 
 namespace pysource::scopeinfo {
 
@@ -25,7 +26,7 @@ Kind ScopeKind(TextView for_scope, BytesView scope_ibytes) {
   }
   if (!scope_ibytes.empty()) {
     const Kind kind = GetInfoBytesKind(scope_ibytes);
-    return kind == kClassKind || IsDefKind(kind) ? kind : Kind{0};
+    return OpensScope(kind) ? kind : Kind{0};
   }
   return 0;
 }

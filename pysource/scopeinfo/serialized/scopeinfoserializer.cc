@@ -10,7 +10,7 @@
 #include "pysource/host/errors.h"
 #include "pysource/host/logger.h"
 #include "pysource/host/repr.h"
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 #include "pysource/scopeinfo/serialized/separators.h"
 
 namespace pysource::scopeinfo {

@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "pysource/host/repr.h"
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 #include "pysource/scopeinfo/records/scopeinfo.h"
 #include "pysource/scopeinfo/serialized/scopeinfoserializer.h"
 #include "pysource/standalone/engine/filerows.h"

@@ -7,7 +7,7 @@
 #include <optional>
 #include <utility>
 
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 #include "pysource/standalone/engine/indexer.h"
 #include "pysource/standalone/files/packagemark.h"
 

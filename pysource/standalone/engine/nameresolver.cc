@@ -1,12 +1,15 @@
 #include "pysource/standalone/engine/nameresolver.h"
 
 #include <algorithm>
-#include <charconv>
 #include <set>
 #include <tuple>
 #include <utility>
 
 #include "pysource/host/repr.h"
+#include "pysource/host/strutils.h"
+#include "pysource/host/symbolinfo/bodies.h"
+#include "pysource/host/symbolinfo/items.h"
+#include "pysource/host/symbolinfo/kinds.h"
 #include "pysource/standalone/scanner/importresolver.h"
 
 namespace pysource::standalone {
@@ -23,48 +26,6 @@ constexpr int kMostAttempts = 4;
 std::string FileOf(Loc loc) { return PathForLocation(loc).value_or(loc->fUrl); }
 
 Text ScopeWord(TextView scope) { return scope.empty() ? Text("the module") : Text(scope); }
-
-// "%2F" back to "/".
-Text DecodeUrl(TextView url) {
-  Text decoded;
-  for (size_t i = 0; i < url.size(); ++i) {
-    unsigned value = 0;
-    if (url[i] == '%' && i + 2 < url.size() &&
-        std::from_chars(url.data() + i + 1, url.data() + i + 3, value, 16).ptr ==
-            url.data() + i + 3) {
-      decoded += static_cast<char>(value);
-      i += 2;
-    } else {
-      decoded += url[i];
-    }
-  }
-  return decoded;
-}
-
-// Takes a leading ":U<url> " or ":S<scope> " off the item.
-std::optional<BytesView> TakeContext(BytesView& item, BytesView prefix) {
-  const size_t space = item.find(' ');
-  if (!item.starts_with(prefix) || space == BytesView::npos) {
-    return std::nullopt;
-  }
-  const BytesView body = item.substr(kPrefixLen, space - kPrefixLen);
-  item.remove_prefix(space + 1);
-  return body;
-}
-
-BytesView BodyOf(BytesView item) {
-  return GetInfoBytesKind(item) == kPlainEquivKind ? item : item.substr(kPrefixLen);
-}
-
-// "a.b" of "a.b[int]": what is called or subscripted. Empty for what is no dotted name.
-TextView DottedPart(TextView expression) {
-  const TextView dotted = expression.substr(0, expression.find_first_of("[("));
-  const bool is_dotted = !dotted.empty() && std::all_of(dotted.begin(), dotted.end(), [](char c) {
-    return c == '.' || c == '_' || (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') ||
-           (c >= 'A' && c <= 'Z') || static_cast<unsigned char>(c) >= 0x80;
-  });
-  return is_dotted ? dotted : TextView();
-}
 
 // One question, worked out once.
 class CSearch {
@@ -173,21 +134,12 @@ class CSearch {
       return items;
     }
     const auto value = info->GetInfoBytes(binding.name, std::nullopt, binding.inst);
-    std::optional<int> line;
-    ForEachNonNested(value.value_or(BytesView()), kInfoBytesSep, [&](BytesView item) {
-      const auto url = TakeContext(item, kSpecificUrlPrefix);
-      const auto scope = TakeContext(item, kSpecificScopePrefix);
-      const Kind kind = GetInfoBytesKind(item);
-      if (kind == kSetKind || kind == kSetTypeHintKind) {
-        int number = 0;
-        const BytesView digits = BodyOf(item);
-        std::from_chars(digits.data(), digits.data() + digits.size(), number);
-        line = number > 0 ? std::optional<int>(number) : std::nullopt;
-      }
-      items.push_back({kind, Bytes(BodyOf(item)), line,
-                       url ? _fEngine.Locations().GetLocation(DecodeUrl(*url)) : binding.loc,
-                       scope ? Text(*scope) : binding.scope});
-    });
+    for (const CInfoItem& item : ItemsOf(value.value_or(BytesView()))) {
+      items.push_back(
+          {item.kind, Bytes(item.body), item.line,
+           item.url ? _fEngine.Locations().GetLocation(DecodeUrl(*item.url)) : binding.loc,
+           item.scope ? Text(*item.scope) : binding.scope});
+    }
     return items;
   }
 
@@ -230,11 +182,11 @@ class CSearch {
       }
       const auto value =
           is_passed_over ? std::nullopt : info->GetInfoBytes(name, std::nullopt, false);
-      if (value && value->find(kGlobalPrefix) != BytesView::npos) {
+      if (value && HasKind(*value, kGlobalKind)) {
         at = kModuleScopeName;
         continue;
       }
-      if (value && value->find(kNonlocalPrefix) == BytesView::npos) {
+      if (value && !HasKind(*value, kNonlocalKind)) {
         return {{loc, Text(*at), Text(name), false}};
       }
       at = ParentScopeName(*at);
@@ -253,15 +205,15 @@ class CSearch {
       bindings.push_back({loc, Text(kModuleScopeName), name, false});
     } else {
       for (const CItem& item : Items({loc, Text(kModuleScopeName), "*", false})) {
-        const size_t space = item.body.find(' ');
-        if (found || item.kind != kFromImportKind || space == Bytes::npos) {
+        const auto import = ReadImport(item.kind, item.body);
+        if (found || item.kind != kFromImportKind || !import) {
           continue;
         }
-        if (const Loc module = Module(item.loc, item.body.substr(0, space))) {
+        if (const Loc module = Module(item.loc, import->module)) {
           found = AddOfModule(module, name, bindings);
           if (found) {
             bindings.back().via =
-                "taken with * by " + FileOf(loc) + " from " + item.body.substr(0, space);
+                "taken with * by " + FileOf(loc) + " from " + Text(import->module);
           }
         }
       }
@@ -324,16 +276,11 @@ class CSearch {
 
   std::vector<CObject> Bases(const CObject& object, const CScopeInfo& info) {
     std::vector<CObject> bases;
-    const BytesView ibytes = info.scope_ibytes;
-    const size_t open = ibytes.find('(');
-    if (open == BytesView::npos) {
-      return bases;
-    }
-    const BytesView inside = ibytes.substr(open + 1, ibytes.rfind(')') - open - 1);
+    const CDefinitionBody body = ReadDefinition(ReadInfoItem(info.scope_ibytes).body);
     const Text around(ParentScopeName(object.scope).value_or(kModuleScopeName));
-    ForEachNonNested(inside, ',', [&](BytesView base) {
-      const TextView dotted = DottedPart(base);
-      if (dotted.empty() || base.find('=') != BytesView::npos) {
+    ForEachClassArgument(body.inside, [&](const CClassArgument& base) {
+      const TextView dotted = DottedPart(base.expression);
+      if (dotted.empty() || !base.keyword.empty()) {
         return;
       }
       for (const CBinding& binding : Bindings(object.loc, around, dotted)) {
@@ -360,10 +307,11 @@ class CSearch {
   // The bindings that an import or an equivalence leads to; absent for an item of another kind.
   std::optional<std::vector<CBinding>> Follow(const CItem& item, const CBinding& binding,
                                               Text& step) {
-    switch (item.kind) {
+    const auto import = ReadImport(item.kind, item.body);
+    switch (import || item.kind == kPlainEquivKind ? item.kind : Kind{0}) {
       case kImportKind:
       case kImportAsNameKind: {
-        TextView name = TextView(item.body).substr(0, item.body.find(' '));
+        TextView name = import->module;
         if (item.kind == kImportKind && binding.name != name) {
           name = name.substr(0, name.find('.'));  // "import a.b" binds a
         }
@@ -373,9 +321,8 @@ class CSearch {
                       : std::vector<CBinding>();
       }
       case kFromImportKind: {
-        const size_t space = std::min(item.body.find(' '), item.body.size() - 1);
-        const Text name = item.body.substr(0, space);
-        const Text what = item.body.substr(space + 1);
+        const Text name(import->module);
+        const Text what(import->name);
         step = "imported in " + FileOf(item.loc) + " from " + name;
         std::vector<CBinding> bindings;
         const bool only_dots = name.find_first_not_of('.') == Text::npos;
@@ -434,7 +381,7 @@ class CSearch {
   void AddObjects(const CItem& item, std::vector<CObject>& objects) {
     switch (item.kind) {
       case kClassKind:
-        objects.push_back({EObject::kClass, item.loc, item.body.substr(0, item.body.find('('))});
+        objects.push_back({EObject::kClass, item.loc, Text(ReadDefinition(item.body).scope)});
         break;
       case kInstanceKind:
         objects.push_back({EObject::kInstance, item.loc, item.body});
@@ -483,8 +430,10 @@ class CSearch {
     std::optional<CItem> unexplained;  // a binding of which nothing better is said
     bool is_explained = false;
     for (const CItem& item : Items(binding)) {
-      if (item.kind == kSetKind || item.kind == kSetTypeHintKind) {
-        unexplained = unexplained ? unexplained : item;
+      if (IsLineKind(item.kind)) {
+        if (Binds(item.kind) && !unexplained) {
+          unexplained = item;
+        }
         continue;
       }
       Text step;
@@ -495,8 +444,7 @@ class CSearch {
           Define(next);
         }
         is_explained = true;
-      } else if (item.kind != kGetKind && item.kind != kWithinExprKind &&
-                 item.kind != kDecoratorKind) {
+      } else if (Binds(item.kind)) {
         Add({binding.loc, binding.scope, binding.name, binding.inst, item.kind, item.body,
              item.line, _fPath});
         is_explained = true;

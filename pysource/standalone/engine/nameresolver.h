@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "pysource/host/location.h"
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/infobytes.h"
 #include "pysource/host/text.h"
 #include "pysource/scopeinfo/dependantcache/scopedependantcache.h"
 #include "pysource/standalone/engine/engine.h"

@@ -7,7 +7,8 @@
 #include <chrono>
 #include <optional>
 
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/kinds.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 #include "pysource/standalone/files/filestamp.h"
 
 namespace pysource::standalone {

@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "pysource/host/errors.h"
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 #include "pysource/standalone/files/contenttime.h"
 #include "pysource/standalone/scanner/sourcefile.h"
 

@@ -3,7 +3,11 @@
 #include <charconv>
 
 #include "pysource/host/hash.h"
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/bodies.h"
+#include "pysource/host/symbolinfo/infobytes.h"
+#include "pysource/host/symbolinfo/items.h"
+#include "pysource/host/symbolinfo/kinds.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 #include "pysource/standalone/scanner/itemtext.h"
 
 namespace pysource::standalone {
@@ -159,9 +163,10 @@ void CBindings::TellMissedImports() {
   for (const CImport& import : _fImports) {
     Bytes item(TextOf(_fItems[import.item]));
     bool is_missed = false;
-    if (GetInfoBytesKind(item) == kImportAsNameKind) {
+    const CInfoItem read = ReadInfoItem(item);
+    if (const auto parts = ReadImport(read.kind, read.body); parts && !parts->bound.empty()) {
       is_missed = true;
-      item = Bytes(kImportPrefix) + item.substr(kPrefixLen, item.find(' ') - kPrefixLen);
+      item = Bytes(kImportPrefix) + Bytes(parts->module);
     } else {
       // A value in which the mark of a class occurs counts as one of classes alone.
       ForEachItem(_fNames[import.name], [&](BytesView said) {

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/infobytes.h"
+#include "pysource/host/symbolinfo/items.h"
+#include "pysource/host/symbolinfo/kinds.h"
 
 namespace pysource::standalone {
 namespace {
@@ -217,21 +219,16 @@ bool HasBareEquals(BytesView text) {
   return false;
 }
 
-void AppendQualified(BytesView item, Loc loc, TextView scope, Bytes& out) {
-  const Kind kind = GetInfoBytesKind(item);
-  const bool is_free = kind == kTypedLiteralKind || kind == kBuiltinClassKind ||
-                       kind == kSpecificUrlKind ||
-                       (!loc && (kind == kSetKind || kind == kSetTypeHintKind ||
-                                 kind == kWithinExprKind || kind == kSpecificScopeKind));
-  if (is_free) {
-    out += item;
-  } else if (kind == kSpecificScopeKind) {
+void AppendQualified(BytesView text, Loc loc, TextView scope, Bytes& out) {
+  const CInfoItem item = ReadInfoItem(text);
+  if (item.url || MeansTheSameEverywhere(item.kind) || (!loc && IsLineKind(item.kind))) {
+    out += text;
+  } else if (item.scope) {
     // It names its scope already.
-    const Bytes url = PrefixWithLocationAndScope({}, loc, {});
-    out += url.substr(0, url.find(' ') + 1);
-    out += item;
+    out += loc ? LocationContext(loc) : Bytes();
+    out += text;
   } else {
-    out += PrefixWithLocationAndScope(item, loc, scope);
+    out += PrefixWithLocationAndScope(text, loc, scope);
   }
 }
 

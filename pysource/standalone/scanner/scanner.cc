@@ -6,7 +6,11 @@
 #include <utility>
 
 #include "pysource/host/errors.h"
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/bodies.h"
+#include "pysource/host/symbolinfo/infobytes.h"
+#include "pysource/host/symbolinfo/items.h"
+#include "pysource/host/symbolinfo/kinds.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 #include "pysource/standalone/scanner/bindings.h"
 #include "pysource/standalone/scanner/itemtext.h"
 #include "pysource/standalone/scanner/sourcefile.h"
@@ -75,33 +79,24 @@ using scopeinfo::CScopeInfoPtr;
 
 constexpr auto kGone = static_cast<DiskTime>(scopeinfo::kFileDoesNotExistMtime);
 
-// What the import `item` binds its name to, for a use of that name as `object` ("os.path"): the
+// What the import `text` binds its name to, for a use of that name as `object` ("os.path"): the
 // module is `object` itself or what it begins with.
-std::optional<Text> ModuleOf(BytesView item, TextView object) {
-  if (GetInfoBytesKind(item) == kSpecificScopeKind) {
-    item = item.substr(std::min(item.find(' '), item.size() - 1) + 1);  // declared global there
+std::optional<Text> ModuleOf(BytesView text, TextView object) {
+  const CInfoItem item = ReadInfoItem(text);
+  const auto import = ReadImport(item.kind, item.body);
+  if (!import) {
+    return std::nullopt;
   }
-  const Kind kind = GetInfoBytesKind(item);
-  const BytesView body = item.substr(std::min(kPrefixLen, item.size()));
-  const size_t space = body.find(' ');
-  const size_t dot = object.find('.');
-  const TextView rest = dot == TextView::npos ? TextView() : object.substr(dot);
-  if (kind == kImportKind) {
+  if (item.kind == kImportKind) {
     return Text(object);  // "import a.b" binds a
   }
-  if (space == BytesView::npos) {
-    return std::nullopt;
+  Text module(import->module);
+  if (item.kind == kFromImportKind) {
+    module += module.ends_with('.') ? "" : ".";
+    module += import->name;
   }
-  Text module(body.substr(0, space));
-  if (kind == kFromImportKind) {
-    if (!module.ends_with('.')) {
-      module += '.';
-    }
-    module += body.substr(space + 1);
-  } else if (kind != kImportAsNameKind) {
-    return std::nullopt;
-  }
-  module += rest;
+  const size_t dot = object.find('.');
+  module += dot == TextView::npos ? TextView() : object.substr(dot);
   return module;
 }
 

@@ -6,7 +6,9 @@
 #include <memory>
 #include <utility>
 
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/infobytes.h"
+#include "pysource/host/symbolinfo/kinds.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 #include "pysource/standalone/scanner/itemtext.h"
 #include "pysource/standalone/scanner/nodes.h"
 

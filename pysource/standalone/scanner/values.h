@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/kinds.h"
 #include "pysource/host/text.h"
 #include "pysource/standalone/scanner/bindings.h"
 #include "pysource/standalone/scanner/syntaxtree.h"

@@ -3,7 +3,8 @@
 #include <string>
 #include <utility>
 
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/kinds.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 #include "pysource/standalone/scanner/itemtext.h"
 #include "pysource/standalone/scanner/nodes.h"
 

@@ -4,7 +4,6 @@
 
 #include <vector>
 
-#include "pysource/host/symbolinfo.h"
 #include "pysource/host/text.h"
 #include "pysource/standalone/scanner/bindings.h"
 #include "pysource/standalone/scanner/syntaxtree.h"

@@ -2,7 +2,8 @@
 // visitor.cc, knows those that make scopes.
 #include <utility>
 
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/kinds.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 #include "pysource/standalone/scanner/itemtext.h"
 #include "pysource/standalone/scanner/nodes.h"
 #include "pysource/standalone/scanner/visitor.h"

@@ -8,7 +8,7 @@
 
 #include "pysource/host/errors.h"
 #include "pysource/host/logger.h"
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 #include "pysource/standalone/sqlitedb/schema.h"
 
 namespace pysource::standalone::sqlitedb {

@@ -9,7 +9,7 @@
 #include "pysource/host/assertions.h"
 #include "pysource/host/errors.h"
 #include "pysource/host/logger.h"
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/infobytes.h"
 #include "pysource/standalone/sqlitedb/opening.h"
 #include "pysource/standalone/sqlitedb/session.h"
 #include "pysource/standalone/sqlitedb/wholedatabase.h"

@@ -1,58 +1,14 @@
-#include "pysource/host/symbolinfo.h"
+#include "pysource/host/symbolinfo/infobytes.h"
 
 #include <algorithm>
 #include <string>
 
 #include "pysource/host/strutils.h"
+#include "pysource/host/symbolinfo/kinds.h"
 
 namespace pysource {
 
 const CInfoBytesBuilder gInfoBytesBuilder;
-
-std::optional<TextView> ParentScopeName(TextView scope) {
-  if (scope.empty()) {
-    return std::nullopt;
-  }
-  return ParentAndLeafScopeNames(scope).first;
-}
-
-std::pair<TextView, TextView> ParentAndLeafScopeNames(TextView scope) {
-  const size_t dot = scope.rfind('.');
-  if (dot == TextView::npos) {
-    return {TextView(), scope};
-  }
-  return {scope.substr(0, dot), scope.substr(dot + 1)};
-}
-
-Text RemoveAllScopeIndicies(TextView scope) {
-  const bool is_instance = IsInstanceScope(scope);
-  if (is_instance) {
-    scope.remove_suffix(kClassInstSuffix.size());
-  }
-  Text result;
-  result.reserve(scope.size() + 1);
-  bool in_index = false;
-  for (const char c : scope) {
-    if (c == '.') {
-      in_index = false;
-    } else if (c == kScopeIndexSep[0]) {
-      in_index = true;
-    }
-    if (!in_index) {
-      result += c;
-    }
-  }
-  if (is_instance) {
-    result += kClassInstSuffix;
-  }
-  return result;
-}
-
-Text GetInstanceNameForClass(TextView scope) {
-  Text result(scope);
-  result += kClassInstSuffix;
-  return result;
-}
 
 std::vector<BytesView> NonNestedSplit(BytesView s, char sep) {
   std::vector<BytesView> pieces;
@@ -79,13 +35,15 @@ Bytes JoinInfoBytes(BytesView a, BytesView b) {
   return result;
 }
 
+Bytes LocationContext(Loc loc) {
+  Bytes result(kSpecificUrlPrefix);
+  result += EncodeUrl(loc->fUrl);
+  result += ' ';
+  return result;
+}
+
 Bytes PrefixWithLocationAndScope(BytesView ibytes, Loc loc, TextView scope) {
-  Bytes result;
-  if (loc) {
-    result += kSpecificUrlPrefix;
-    result += EncodeUrl(loc->fUrl);
-    result += ' ';
-  }
+  Bytes result = loc ? LocationContext(loc) : Bytes();
   result += kSpecificScopePrefix;
   result += scope;
   result += ' ';
