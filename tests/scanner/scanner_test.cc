@@ -365,14 +365,18 @@ TEST(ScannerTest, LargeProgramsAreReadInFull) {
       source += piece;
     }
   }
+  for (size_t i = 0; i < 2000; ++i) {
+    source += "def f" + std::to_string(i) + "(self, a: int) -> int: ...\n";
+  }
   source += "big = [" + Repeat("-1, not x, ", 20000) + "]\n";
+  source += "sum = 1" + Repeat(" + 2 * x ** 3", 20000) + "\n";
   source += "deep = " + Repeat("[", 190) + Repeat("]", 190) + "\n";
   CScanWorld world;
   const CFileScan scan = world.Scan(source);
   EXPECT_EQ(scan.error_count, 0U);
-  EXPECT_EQ(scan.results.size(), 2U * (1 + 9000 * 3));
+  EXPECT_EQ(scan.results.size(), 2U * (1 + 9000 * 3 + 2000));
   const scopeinfo::CScopeInfoPtr module = scan.results[0].infos.at(0);
-  EXPECT_EQ(module->type_equivs.size(), 9000U + 2);
+  EXPECT_EQ(module->type_equivs.size(), 9000U + 2000 + 3);
   EXPECT_TRUE(module->type_equivs.Contains("deep"));
 
   const CFileScan cut = world.Scan("x = 1\n" + Repeat("(", 5000) + Repeat(")", 5000) + "\ny = 2\n");

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "pysource/standalone/engine/nameresolver.h"
+#include "pysource/standalone/scanner/sourcefile.h"
 #include "tools/scopeinfo/database.h"
 
 namespace pysource::tools {
@@ -24,6 +25,7 @@ struct COptions {
   std::string file;
   std::string scope;
   size_t jobs = 1;
+  size_t max_file_bytes = standalone::kDefaultMaxBytes;
   bool json = false;
   bool verbose = false;
   std::string resolve;               // a name; empty: none

@@ -85,6 +85,14 @@ void AddJobs(CLI::App& command, COptions& options) {
       ->type_name("N");
 }
 
+void AddMaxFileSize(CLI::App& command, COptions& options) {
+  command
+      .add_option("--max-file-size", options.max_file_bytes,
+                  "Files that are larger are named and left out (default: 16 MiB)")
+      ->check(CLI::Range(size_t{1}, standalone::kMostSourceBytes))
+      ->type_name("BYTES");
+}
+
 void AddJson(CLI::App& command, COptions& options) {
   command.add_flag("--json", options.json, "JSON instead of a table");
 }
@@ -117,12 +125,14 @@ int Run(int argc, char** argv) {
       add("index", "Index files: scan what is new or changed, and store it", RunIndex);
   AddPaths(*command, options);
   AddJobs(*command, options);
+  AddMaxFileSize(*command, options);
   command->add_flag("--verbose", options.verbose, "Name every file that something is wrong with");
   AddDebugDump(*command, options);
 
   command = add("watch", "Index files, stay, and follow every change", RunWatch);
   AddPaths(*command, options);
   AddJobs(*command, options);
+  AddMaxFileSize(*command, options);
   command->add_flag("--json", options.json, "Each event as an object of JSON, one a line");
   command
       ->add_option(

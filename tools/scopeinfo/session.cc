@@ -23,6 +23,7 @@ CSession::CSession(const COptions& options)
         .workspace_root = workspace,
         .import_roots = workspace.empty() ? std::vector<std::string>() : std::vector{workspace},
         .threads = options.jobs,
+        .max_file_bytes = options.max_file_bytes,
         .lock_wait_ms = kLockWaitMs});
   } catch (...) {
     velk::SetMainLoop(_fOldLoop);

@@ -248,6 +248,7 @@ standalone::CEngineOptions EngineOptions(const COptions& options) {
           .workspace_root = workspace,
           .import_roots = workspace.empty() ? std::vector<std::string>() : std::vector{workspace},
           .threads = options.jobs,
+          .max_file_bytes = options.max_file_bytes,
           .lock_wait_ms = kWatchLockWaitMs};
 }
 

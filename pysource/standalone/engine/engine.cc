@@ -37,9 +37,11 @@ CEngine::CEngine(CEngineOptions options)
     DatabaseHasChanged(changed_locs);
   });
   _fCache->SetScanNames({Text(kNamesScan), Text(kAttrsScan)});
-  _fScans = std::make_unique<CScanRunner>(
-      *_fCache, *_fDb, _fFiles, _fTimes, _fBuffers, _fResolver,
-      CScanRunner::Options{.threads = options.threads, .notify = std::move(options.notify)});
+  _fScans =
+      std::make_unique<CScanRunner>(*_fCache, *_fDb, _fFiles, _fTimes, _fBuffers, _fResolver,
+                                    CScanRunner::Options{.threads = options.threads,
+                                                         .max_file_bytes = options.max_file_bytes,
+                                                         .notify = std::move(options.notify)});
 }
 
 CEngine::~CEngine() {

@@ -19,6 +19,7 @@
 #include "pysource/standalone/files/filemanager.h"
 #include "pysource/standalone/files/openbuffers.h"
 #include "pysource/standalone/scanner/importresolver.h"
+#include "pysource/standalone/scanner/sourcefile.h"
 #include "pysource/standalone/sqlitedb/sqliteanalysisdb.h"
 
 namespace pysource::standalone {
@@ -26,8 +27,9 @@ namespace pysource::standalone {
 struct CEngineOptions {
   std::string db_path;
   std::string workspace_root;  // files below it are stored relative to it; empty for none
-  std::vector<std::string> import_roots;  // folders where absolute imports are looked for
-  size_t threads = 1;                     // that scan; 0 to scan on the main thread
+  std::vector<std::string> import_roots;     // folders where absolute imports are looked for
+  size_t threads = 1;                        // that scan; 0 to scan on the main thread
+  size_t max_file_bytes = kDefaultMaxBytes;  // larger files are named and left out
   int lock_wait_ms = 50;  // the longest that one database operation waits for other processes
   // Called from worker threads when results wait; may be empty for a host that calls RunScans.
   std::function<void()> notify = nullptr;

@@ -46,7 +46,8 @@ CScanRunner::CScanRunner(scopeinfo::CInfoCache& cache, CSqliteAnalysisDb& db, CF
       _fFiles(files),
       _fTimes(times),
       _fBuffers(buffers),
-      _fWorkers(options.threads, times, resolver, std::move(options.notify)) {
+      _fWorkers(options.threads, times, resolver, std::move(options.notify),
+                options.max_file_bytes) {
   _fCache.connect_while_alive(
       kNeedsScanAdded,
       [this](const CInfoCacheBase&, const CNeedsScanSet& needs_scan, Priority priority) {

@@ -48,7 +48,8 @@ class CScanRunner final : public CDestroyable {
     bool was_scanned = false;
   };
   struct Options {
-    size_t threads = 1;  // 0 to scan on the main thread; see scanworkers.h
+    size_t threads = 1;                        // 0 to scan on the main thread; see scanworkers.h
+    size_t max_file_bytes = kDefaultMaxBytes;  // larger files fail to be scanned
     // Called from a worker thread when a result waits; must do no more than wake the main thread,
     // which then calls HandOverReady.
     std::function<void()> notify;

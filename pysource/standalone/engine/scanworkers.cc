@@ -8,7 +8,6 @@
 
 #include "pysource/scopeinfo/records/vocabulary.h"
 #include "pysource/scopeinfo/serialized/scopeinfoserializer.h"
-#include "pysource/standalone/scanner/sourcefile.h"
 
 namespace pysource::standalone {
 namespace {
@@ -29,8 +28,9 @@ double ThreadSeconds() {
 // What one worker keeps from file to file.
 class CScanWorkers::CWorker {
  public:
-  CWorker(CDiskTimes& times_of_files, const CImportResolver& resolver)
-      : disk_times(times_of_files), scanner(resolver) {}
+  CWorker(CDiskTimes& times_of_files, const CImportResolver& resolver, size_t max_file_bytes,
+          const std::atomic<size_t>* stop)
+      : disk_times(times_of_files), scanner(resolver, stop), max_bytes(max_file_bytes) {}
 
   void Run(CScanJobResult& result, CScanWorkTimes& times) {
     double before = ThreadSeconds();
@@ -44,7 +44,7 @@ class CScanWorkers::CWorker {
         source = std::move(*result.job.unsaved_text);
         result.disk_mtime = scopeinfo::kFileModifiedInMemoryMtime;
       } else {
-        CSourceFile file = disk_times.Read(result.job.loc);
+        CSourceFile file = disk_times.Read(result.job.loc, max_bytes);
         source = std::move(file.source);
         result.disk_mtime = file.disk_mtime;
       }
@@ -73,17 +73,19 @@ class CScanWorkers::CWorker {
  private:
   CDiskTimes& disk_times;
   CScanner scanner;
+  const size_t max_bytes;
   scopeinfo::CScopeInfoSerializer serializer;
 };
 
 CScanWorkers::CScanWorkers(size_t threads, CDiskTimes& times, const CImportResolver& resolver,
-                           std::function<void()> notify)
+                           std::function<void()> notify, size_t max_file_bytes)
     : _fDiskTimes(times),
       _fResolver(resolver),
       _fNotify(std::move(notify)),
-      _fMostThreads(threads) {
+      _fMostThreads(threads),
+      _fMaxFileBytes(max_file_bytes) {
   if (threads == 0) {
-    _fOwnWorker = std::make_unique<CWorker>(times, resolver);
+    _fOwnWorker = std::make_unique<CWorker>(times, resolver, max_file_bytes, nullptr);
   }
 }
 
@@ -91,6 +93,7 @@ CScanWorkers::~CScanWorkers() {
   {
     const std::lock_guard lock(_fMutex);
     _fStopped = true;
+    _fStopScans = 1;
     _fJobs.clear();
   }
   _fJobAdded.notify_all();
@@ -150,7 +153,7 @@ CScanWorkTimes CScanWorkers::Times() const {
 }
 
 void CScanWorkers::Work() {
-  CWorker worker(_fDiskTimes, _fResolver);
+  CWorker worker(_fDiskTimes, _fResolver, _fMaxFileBytes, &_fStopScans);
   std::unique_lock lock(_fMutex);
   for (;;) {
     _fJobAdded.wait(lock, [this] { return _fStopped || !_fJobs.empty(); });

@@ -1,6 +1,7 @@
 // Worker threads that read, scan and encode files, the most urgent first.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -21,6 +22,7 @@
 #include "pysource/standalone/files/disktimes.h"
 #include "pysource/standalone/scanner/importresolver.h"
 #include "pysource/standalone/scanner/scanner.h"
+#include "pysource/standalone/scanner/sourcefile.h"
 
 namespace pysource::standalone {
 
@@ -57,10 +59,11 @@ struct CScanWorkTimes {
 // That is for hosts that must not start threads, and for tests that must go the same way each time.
 class CScanWorkers {
  public:
-  // At most `threads` threads, begun as jobs come. `times` and `resolver` must outlive this. `notify` is called
-  // from a worker thread when a result is ready; it must only wake the receiver.
+  // At most `threads` threads, begun as jobs come. `times` and `resolver` must outlive this.
+  // `notify` is called from a worker thread when a result is ready; it must only wake the receiver.
+  // Files that are larger than `max_file_bytes` are not scanned: their result says so.
   CScanWorkers(size_t threads, CDiskTimes& times, const CImportResolver& resolver,
-               std::function<void()> notify);
+               std::function<void()> notify, size_t max_file_bytes = kDefaultMaxBytes);
   // Drops the jobs that wait and waits for those in hand.
   ~CScanWorkers();
   CScanWorkers(const CScanWorkers&) = delete;
@@ -91,6 +94,8 @@ class CScanWorkers {
   const CImportResolver& _fResolver;
   const std::function<void()> _fNotify;
   const size_t _fMostThreads;
+  const size_t _fMaxFileBytes;
+  std::atomic<size_t> _fStopScans{0};  // 1: the scans in hand are to end
 
   mutable std::mutex _fMutex;  // guards all that follows but the threads
   std::condition_variable _fJobAdded;

@@ -61,8 +61,8 @@ DiskTime CDiskTimes::TimeOf(Loc loc, const CFileStamp& stamp) {
   return content.disk_time;
 }
 
-CSourceFile CDiskTimes::Read(Loc loc) {
-  CSourceFile file = ReadSourceFile(loc);
+CSourceFile CDiskTimes::Read(Loc loc, size_t max_bytes) {
+  CSourceFile file = ReadSourceFile(loc, max_bytes);
   if (file.is_settled) {
     Note(loc, CContentMark::Of(file.stamp, file.disk_mtime));
   }

@@ -67,7 +67,7 @@ class CDiskTimes {
   // The same of a file that has just been looked at.
   DiskTime TimeOf(Loc loc, const CFileStamp& stamp);
   // The text of the file, and the disk time of just that text. Throws CValueError (sourcefile.h).
-  CSourceFile Read(Loc loc);
+  CSourceFile Read(Loc loc, size_t max_bytes = kDefaultMaxBytes);
 
   // What the store holds for the file, for a caller that has read it already; a default-made mark
   // for nothing.

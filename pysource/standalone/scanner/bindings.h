@@ -16,6 +16,7 @@
 namespace pysource::standalone {
 
 inline constexpr uint32_t kNoIndex = 0xFFFFFFFF;
+inline constexpr size_t kMaxNames = 250'000;
 
 enum class ScopeKind : uint8_t {
   kModule,
@@ -68,6 +69,10 @@ class CBindings {
  public:
   // Forgets the last file and makes the module scope, number 0.
   void Reset();
+
+  // Whether there are so many names that no more should be added: twice as many as 16 MiB of usual
+  // code have, whose records take some 150 MB.
+  bool IsFull() const { return _fNames.size() >= kMaxNames; }
 
   // ---- Scopes
 

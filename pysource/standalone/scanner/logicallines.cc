@@ -1,6 +1,7 @@
 #include "pysource/standalone/scanner/logicallines.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "pysource/host/words.h"
 
@@ -181,6 +182,10 @@ bool CLogicalLines::Next(CLogicalLine& line) {
   _fStrayBrackets = 0;
   _fOpenStrings = 0;
   _fMissingQuote.clear();
+  _fExcessAt = 0;
+  _fContinuations = 0;
+  _fChain = 0;
+  _fLambdas = 0;
   _fFrameCount = 0;
   _fFields = 0;
   _fOverflow = 0;
@@ -197,6 +202,7 @@ bool CLogicalLines::Next(CLogicalLine& line) {
   line.stray_brackets = _fStrayBrackets;
   line.stray_at = static_cast<uint32_t>(_fStrayAt);
   line.open_strings = _fOpenStrings;
+  line.excess_at = _fExcessAt;
   line.opens_block = Depth() == 0 && _fTextEnd != 0 && _fData[_fTextEnd - 1] == ':';
   return true;
 }
@@ -288,6 +294,9 @@ void CLogicalLines::ReadLine() {
     _fAt = FindStop(_fData, run, _fSize, InField() ? kInField : kInCode);
     const size_t hit = _fAt;
     const char c = _fAt < _fSize ? _fData[_fAt] : '\n';
+    if (_fAt - line_begin > kLongLine) {
+      NoteChains(line_begin, run);
+    }
     if (IsLineEnd(c) || c == '#' || c == '\\') {
       NoteCode(run);
     } else {
@@ -356,6 +365,12 @@ void CLogicalLines::Newline() {
 
 // In code. What follows in the same line is no continuation but an error, and is read on.
 void CLogicalLines::Backslash() {
+  // Without a token in between, it continues the last one.
+  _fContinuations =
+      std::exchange(_fContinuedText, _fTextEnd) == _fTextEnd ? _fContinuations + 1 : 0;
+  if (_fContinuations > kMaxContinuations && _fExcessAt == 0) {
+    _fExcessAt = static_cast<uint32_t>(_fAt);
+  }
   ++_fAt;
   if (IsLineEnd(Peek())) {
     Newline();
@@ -378,12 +393,37 @@ void CLogicalLines::Open(char close) {
   } else {
     _fFrames[_fFrameCount++] = CFrame{.close = close, .at = static_cast<uint32_t>(_fAt - 1)};
   }
+  NoteDepth();
+}
+
+// Behind a bracket that opens.
+void CLogicalLines::NoteDepth() {
+  if (Depth() > kMaxNesting && _fExcessAt == 0) {
+    _fExcessAt = static_cast<uint32_t>(_fAt - 1);
+  }
+}
+
+// In the code from `run` to here: what a parser keeps on its stack until the end of the line.
+void CLogicalLines::NoteChains(size_t line_begin, size_t run) {
+  const BytesView code(_fData + run, _fAt - run);
+  if (Depth() == 0) {
+    _fChain += static_cast<uint32_t>(
+        std::count_if(code.begin(), code.end(), [](char c) { return c == '=' || c == ':'; }));
+  }
+  constexpr BytesView kLambda = "lambda";
+  for (size_t at = code.find(kLambda); at != BytesView::npos; at = code.find(kLambda, at + 1)) {
+    ++_fLambdas;
+  }
+  if ((_fChain > kMaxChain || _fLambdas > kMaxNesting) && _fExcessAt == 0) {
+    _fExcessAt = static_cast<uint32_t>(std::max(run, line_begin + kLongLine));
+  }
 }
 
 // A closing bracket ends the innermost bracket of its kind, and what is open within that; but no
 // plain bracket ends the field of a string.
 void CLogicalLines::Close(char bracket) {
   ++_fAt;
+  _fLambdas = 0;
   if (_fOverflow != 0) {
     --_fOverflow;
     return;
@@ -564,6 +604,7 @@ bool CLogicalLines::BeginField(const CString& string) {
                                     .quote = string.quote,
                                     .triple = string.triple,
                                     .raw = string.raw};
+  NoteDepth();
   return true;
 }
 

@@ -70,6 +70,12 @@ inline bool OnlyBeginsStatements(FirstWord word) {
   return word >= FirstWord::kAssert && word <= FirstWord::kWith;
 }
 
+// Python takes no more brackets within each other.
+inline constexpr uint32_t kMaxNesting = 200;
+inline constexpr uint32_t kMaxContinuations = 100;
+inline constexpr uint32_t kLongLine = 8192;
+inline constexpr uint32_t kMaxChain = 1000;
+
 struct CLogicalLine {
   uint32_t begin = 0;     // of the first token, in bytes
   uint32_t text_end = 0;  // behind the last token
@@ -85,6 +91,12 @@ struct CLogicalLine {
   uint32_t stray_brackets = 0;  // close none, or skip one that is open
   uint32_t stray_at = 0;        // the first of them
   uint32_t open_strings = 0;    // without an end
+  // Where a line becomes more than a parser can take in good time; 0 when it never does. That is
+  // where brackets lie deeper than Python takes (kMaxNesting), where more than kMaxContinuations
+  // lines follow each other that hold a backslash and nothing else, and in a line of more than
+  // kLongLine bytes where lambdas lie as deep or there are more than kMaxChain "=" and ":" outside
+  // of brackets.
+  uint32_t excess_at = 0;
   bool IsDamaged() const { return open_brackets != 0 || stray_brackets != 0 || open_strings != 0; }
 };
 
@@ -142,6 +154,8 @@ class CLogicalLines {
   void Backslash();
   bool BeginsStatement() const;
   void Open(char close);
+  void NoteDepth();
+  void NoteChains(size_t line_begin, size_t run);
   void Close(char bracket);
   void NoteStray(size_t at);
   void BeginString(size_t line_begin);
@@ -172,6 +186,11 @@ class CLogicalLines {
   Bytes _fMissingQuote;   // of the string that the source ends in, if it is not that of a field
   uint32_t _fFields = 0;  // replacement fields among the frames
   std::vector<CTextSpan>* _fSpans = nullptr;
+  uint32_t _fExcessAt = 0;
+  uint32_t _fContinuations = 0;  // since the last token...
+  size_t _fContinuedText = 0;    // ...which ends here
+  uint32_t _fChain = 0;          // "=" and ":" outside of brackets
+  uint32_t _fLambdas = 0;        // since a bracket closed
   std::array<CFrame, kMaxFrames> _fFrames;
   uint32_t _fFrameCount = 0;
   uint32_t _fOverflow = 0;  // open brackets beyond the frames

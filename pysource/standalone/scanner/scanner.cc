@@ -77,6 +77,9 @@ using scopeinfo::CScopeInfo;
 using scopeinfo::CScopeInfoKey;
 using scopeinfo::CScopeInfoPtr;
 
+// Beyond this size nothing is tried that takes another parse: nobody types so much.
+constexpr size_t kMaxTriedSource = size_t{1} << 20;
+
 constexpr auto kGone = static_cast<DiskTime>(scopeinfo::kFileDoesNotExistMtime);
 
 // What the import `text` binds its name to, for a use of that name as `object` ("os.path"): the
@@ -104,7 +107,10 @@ std::optional<Text> ModuleOf(BytesView text, TextView object) {
 
 class CScanner::CImpl {
  public:
-  explicit CImpl(const CImportResolver& resolver) : _fResolver(resolver) {}
+  CImpl(const CImportResolver& resolver, const std::atomic<size_t>* stop)
+      : _fResolver(resolver), _fStop(stop) {
+    _fTree.SetStopFlag(stop);
+  }
 
   CFileScan Scan(const CScanRequest& request);
 
@@ -135,6 +141,7 @@ class CScanner::CImpl {
   void AddResolution(TextView module, Loc found, CScopesSeenDict& seen) const;
 
   const CImportResolver& _fResolver;
+  const std::atomic<size_t>* const _fStop;
   const CScanRequest* _fRequest = nullptr;
   bool _fIncomplete = false;
   bool _fWasParsed = false;  // the parser came to an end
@@ -162,25 +169,21 @@ CFileScan CScanner::CImpl::Scan(const CScanRequest& request) {
                       std::to_string(kMostSourceBytes >> 20) + " MiB");
   }
   _fRequest = &request;
-  const CGuardedSource guarded = GuardSource(request.source, _fCopy);
+  const BytesView source = GuardSource(request.source, _fCopy);
   // What was given up for lack of time is not the last word on this content.
-  const CMendedSource mended = ParseMended(guarded.source);
+  const CMendedSource mended = ParseMended(source);
   _fIncomplete = !_fWasParsed || request.incomplete;
+  if (_fStop != nullptr && *_fStop != 0) {
+    throw CValueError(request.loc.Repr() + ": its scan was stopped");
+  }
   _fVisitor.Visit(_fTree, _fBindings);
   ResolveAttributes();
 
   CFileScan result;
-  result.error_count = _fTree.ErrorCount() + guarded.blanked + mended.count;
+  result.error_count = _fTree.ErrorCount() + mended.count + (_fBindings.IsFull() ? 1 : 0);
   result.first_error_line = _fTree.FirstErrorLine();
   if (mended.count != 0) {
     const size_t line = size_t{mended.first_row} + 1;
-    result.first_error_line =
-        result.first_error_line == 0 ? line : std::min(line, result.first_error_line);
-  }
-  if (guarded.blanked != 0) {
-    const auto* const begin = request.source.data();
-    const size_t line =
-        static_cast<size_t>(std::count(begin, begin + guarded.first_blanked, '\n')) + 1;
     result.first_error_line =
         result.first_error_line == 0 ? line : std::min(line, result.first_error_line);
   }
@@ -208,7 +211,7 @@ CMendedSource CScanner::CImpl::ParseMended(BytesView source) {
   CMendedSource mended = MendSource(source, _fMended);
   _fWasParsed = _fTree.Parse(mended.source);
   const size_t errors = _fTree.ErrorCount();
-  if (mended.count != 0 || errors == 0) {
+  if (mended.count != 0 || errors == 0 || source.size() > kMaxTriedSource) {
     return mended;
   }
   mended = MendRejectedSource(source, _fMended);
@@ -465,7 +468,8 @@ CScopeInfoPtr CScanner::CImpl::MakeAttrsInfo(std::vector<CResolved>::iterator be
 
 // ---- The scanner
 
-CScanner::CScanner(const CImportResolver& resolver) : _fImpl(std::make_unique<CImpl>(resolver)) {}
+CScanner::CScanner(const CImportResolver& resolver, const std::atomic<size_t>* stop)
+    : _fImpl(std::make_unique<CImpl>(resolver, stop)) {}
 CScanner::~CScanner() = default;
 
 CFileScan CScanner::Scan(const CScanRequest& request) { return _fImpl->Scan(request); }

@@ -17,6 +17,7 @@
 // end with a hostile source in good time.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <vector>
@@ -58,14 +59,17 @@ struct CFileScan {
 // records are the caller's: each has memory of its own and moves to another thread as a whole.
 class CScanner {
  public:
-  // The resolver must outlive the scanner.
-  explicit CScanner(const CImportResolver& resolver);
+  // The resolver must outlive the scanner, and so must `stop`: a scan ends with a CValueError soon
+  // after that is no longer 0.
+  explicit CScanner(const CImportResolver& resolver, const std::atomic<size_t>* stop = nullptr);
   ~CScanner();
   CScanner(const CScanner&) = delete;
   CScanner& operator=(const CScanner&) = delete;
 
-  // Runs both scans over one file. Throws CValueError when the source is beyond what the parser can
-  // count (kMostSourceBytes in sourcefile.h), otherwise nothing of its own.
+  // Runs both scans over one file, in time that is in proportion to the source, and with a memory
+  // that does not grow with it beyond some 200 MB. Throws CValueError when the source is beyond what
+  // the parser can count (kMostSourceBytes in sourcefile.h) or when it was stopped, otherwise
+  // nothing of its own.
   CFileScan Scan(const CScanRequest& request);
 
  private:

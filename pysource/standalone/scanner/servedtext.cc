@@ -7,6 +7,7 @@ namespace pysource::standalone {
 void CServedText::Reset(BytesView source) {
   _fSource = source;
   _fPieces.clear();
+  _fKept.clear();
   _fSize = 0;
   _fLast = 0;
 }

@@ -8,6 +8,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
+#include <utility>
 #include <vector>
 
 #include "pysource/host/text.h"
@@ -25,6 +27,9 @@ class CServedText {
   // Appends text that the source does not have; it must stay as long as this is used. Its place in
   // the source is the end of the last piece.
   void AddForeign(BytesView text);
+  // The same for text that has to be kept.
+  void AddForeign(Bytes text) { AddForeign(BytesView(_fKept.emplace_back(std::move(text)))); }
+  void AddForeign(const char* text) { AddForeign(BytesView(text)); }
 
   uint32_t Size() const { return _fSize; }
   bool IsEmpty() const { return _fSize == 0; }
@@ -63,6 +68,7 @@ class CServedText {
 
   BytesView _fSource;
   std::vector<CPiece> _fPieces;
+  std::deque<Bytes> _fKept;
   uint32_t _fSize = 0;
   mutable size_t _fLast = 0;  // the piece that was found last
 };

@@ -64,14 +64,14 @@ struct stat Status(int fd, const std::string& path) {
   return status;
 }
 
-Bytes ReadAll(int fd, const std::string& path, size_t expected_size) {
+Bytes ReadAll(int fd, const std::string& path, size_t expected_size, size_t max_bytes) {
   if (lseek(fd, 0, SEEK_SET) < 0) {
     FailWithErrno(path, "cannot be read from its start");
   }
   Bytes bytes;
   size_t size = 0;
   // One byte more than expected, so that the end is met without another round.
-  bytes.resize(std::min(expected_size, kMostSourceBytes) + 1);
+  bytes.resize(std::min(expected_size, max_bytes) + 1);
   while (true) {
     if (size == bytes.size()) {
       bytes.resize(size * 2);
@@ -87,8 +87,8 @@ Bytes ReadAll(int fd, const std::string& path, size_t expected_size) {
       break;
     }
     size += static_cast<size_t>(count);
-    if (size > kMostSourceBytes) {
-      Fail(path, "is larger than " + std::to_string(kMostSourceBytes >> 20) + " MiB");
+    if (size > max_bytes) {
+      Fail(path, "is larger than " + std::to_string(max_bytes) + " bytes, so it is left out");
     }
   }
   bytes.resize(size);
@@ -245,7 +245,8 @@ Text DecodeSource(Bytes bytes, TextView name) {
   return text;
 }
 
-CSourceFile ReadSourceFile(const std::string& path) {
+CSourceFile ReadSourceFile(const std::string& path, size_t max_bytes) {
+  max_bytes = std::min(max_bytes, kMostSourceBytes);
   const CFileDescriptor file(path);
   if (file.Get() < 0) {
     FailWithErrno(path, "cannot be opened");
@@ -255,7 +256,7 @@ CSourceFile ReadSourceFile(const std::string& path) {
   for (int i = 0; i < kMostReads; ++i) {
     const int64_t read_at = FileClock();
     result.stamp = StampOf(Status(file.Get(), path));
-    bytes = ReadAll(file.Get(), path, result.stamp.size);
+    bytes = ReadAll(file.Get(), path, result.stamp.size, max_bytes);
     if (StampOf(Status(file.Get(), path)) == result.stamp) {
       result.is_settled = IsSettled(result.stamp, read_at);
       break;
@@ -266,12 +267,12 @@ CSourceFile ReadSourceFile(const std::string& path) {
   return result;
 }
 
-CSourceFile ReadSourceFile(Loc loc) {
+CSourceFile ReadSourceFile(Loc loc, size_t max_bytes) {
   const std::optional<std::string> path = PathForLocation(loc);
   if (!path) {
     Fail(loc.Repr(), "is not a file");
   }
-  return ReadSourceFile(*path);
+  return ReadSourceFile(*path, max_bytes);
 }
 
 }  // namespace pysource::standalone

@@ -16,6 +16,12 @@
 
 namespace pysource::standalone {
 
+// A file beyond this is refused unless its reader says otherwise. Nobody writes 16 MiB: what is that
+// large is a table that a program has made.
+inline constexpr size_t kDefaultMaxBytes = size_t{16} << 20;
+// What the scanner counts in 32 bits, with room to spare.
+inline constexpr size_t kMostSourceBytes = size_t{1} << 30;
+
 struct CSourceFile {
   Text source;  // UTF-8, without a byte order mark
   DiskTime disk_mtime = 0;
@@ -26,16 +32,12 @@ struct CSourceFile {
 // Reads and decodes the file. Throws CValueError, with a message that names the file, when it is
 // not there, cannot be read, is a folder or no plain file, is larger than the scanner takes, or
 // when its declared encoding is unknown or does not fit its bytes.
-CSourceFile ReadSourceFile(const std::string& path);
+CSourceFile ReadSourceFile(const std::string& path, size_t max_bytes = kDefaultMaxBytes);
 // The same for a "file://" location; other locations are a CValueError.
-CSourceFile ReadSourceFile(Loc loc);
+CSourceFile ReadSourceFile(Loc loc, size_t max_bytes = kDefaultMaxBytes);
 
 // The decoding alone, for text that comes from elsewhere; `name` is what messages call it. Throws
 // CValueError as above.
 Text DecodeSource(Bytes bytes, TextView name);
-
-// Source beyond this is refused when read: the parser counts bytes in 32 bits, and takes some
-// twenty times the size of its input in memory.
-inline constexpr size_t kMostSourceBytes = size_t{64} << 20;
 
 }  // namespace pysource::standalone

@@ -1,9 +1,11 @@
 #include "pysource/standalone/scanner/syntaxtree.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 #include "pysource/standalone/scanner/levels.h"
+#include "pysource/standalone/scanner/longlines.h"
 
 namespace pysource::standalone {
 namespace {
@@ -23,19 +25,8 @@ constexpr uint32_t kMaxGap = 512;
 // More nodes than this are given back after a file, so that one huge file does not hold its memory
 // for good: 20 MB.
 constexpr size_t kMaxNodesKept = size_t{1} << 20;
-
-struct CLine {
-  uint32_t begin;
-  CLogicalLine line;
-};
-
-void AddLine(BytesView source, const CLine& line, CLevels& levels, CServedText& text) {
-  uint32_t begin = line.begin;
-  if (!text.IsEmpty() && text.SourceEnd() <= begin && begin - text.SourceEnd() <= kMaxGap) {
-    begin = text.SourceEnd();
-  }
-  levels.Serve(source, begin, line.line.end, line.line, text);
-}
+// What follows after so many nodes is left out: 80 MB. Of usual code this is some 40 MB.
+constexpr size_t kMaxNodes = size_t{1} << 22;
 
 // What a clause needs in front of it to be a statement.
 BytesView OpeningFor(FirstWord clause) {
@@ -90,7 +81,7 @@ void CSyntaxTree::ParseBlock(const CSourceRange& range, int depth) {
       ParseSplit(statement, depth);
     } else {
       for (const CLine& line : lines) {
-        AddLine(_fSource, line, levels, group);
+        AddLine(line, kMaxGap, levels, group);
       }
       if (group.Size() >= kGroupSize) {
         parse_group();
@@ -99,7 +90,7 @@ void CSyntaxTree::ParseBlock(const CSourceRange& range, int depth) {
     lines.clear();
   };
   CStatements all(_fSource, range, depth >= kMaxDepth);
-  for (bool is_first = true; all.Next(); is_first = false) {
+  for (bool is_first = true; !IsStopped() && all.Next(); is_first = false) {
     if (is_first || all.BeginsStatement()) {
       if (!is_first) {
         end_statement();
@@ -116,6 +107,28 @@ void CSyntaxTree::ParseBlock(const CSourceRange& range, int depth) {
     end_statement();
   }
   parse_group();
+}
+
+// Appends the line with what lies between it and the line before, unless that is more than `max_gap`
+// of blank lines and comments.
+void CSyntaxTree::AddLine(const CLine& line, uint32_t max_gap, CLevels& levels, CServedText& text) {
+  uint32_t begin = line.begin;
+  if (!text.IsEmpty() && text.SourceEnd() <= begin && begin - text.SourceEnd() <= max_gap) {
+    begin = text.SourceEnd();
+  }
+  const std::optional<CLineCut> cut = CutLongLine(_fSource, line.line);
+  if (!cut) {
+    levels.Serve(_fSource, begin, line.line.end, line.line, text);
+    return;
+  }
+  CLogicalLine beginning = line.line;
+  beginning.text_end = cut->end;
+  levels.Serve(_fSource, begin, cut->end, beginning, text);
+  text.AddForeign(cut->closing);
+  text.AddForeign(line.line.opens_block ? ":" : "\n");
+  if (line.line.excess_at != 0) {
+    NoteError(line.line.row);
+  }
 }
 
 // The headers of the statement together, each with "pass" for its block; the blocks by themselves.
@@ -151,10 +164,12 @@ void CSyntaxTree::ParseSplit(const CSourceRange& statement, int depth) {
       headers.AddForeign(OpeningFor(line.first));
     }
     if (line.opens_block && !after_match) {
-      levels.Serve(_fSource, all.Begin(), line.text_end, line, headers);
+      CLogicalLine header = line;
+      header.end = line.text_end;
+      AddLine({all.Begin(), header}, 0, levels, headers);
       headers.AddForeign("pass\n");
     } else {
-      levels.Serve(_fSource, all.Begin(), line.end, line, headers);
+      AddLine({all.Begin(), line}, 0, levels, headers);
     }
     header_end = line.opens_block ? line.text_end : line.end;
   }
@@ -212,15 +227,23 @@ void CSyntaxTree::ParseHeaders(const CServedText& text, const std::vector<CBody>
 }
 
 void CSyntaxTree::ParseText(const CServedText& text, std::vector<CNode>& nodes) {
+  if (_fNodes.size() > kMaxNodes) {
+    NoteError(text.PlaceOf(0, 0).row);
+    return;
+  }
   if (!_fParser.Parse(text, nodes)) {
     _fIsWhole = false;
     return;
   }
   if (_fParser.ErrorCount() != 0) {
-    const size_t line = size_t{_fParser.FirstErrorRow()} + 1;
-    _fFirstErrorLine = _fErrorCount == 0 ? line : std::min(line, _fFirstErrorLine);
-    _fErrorCount += _fParser.ErrorCount();
+    NoteError(_fParser.FirstErrorRow());
+    _fErrorCount += _fParser.ErrorCount() - 1;
   }
+}
+
+void CSyntaxTree::NoteError(uint32_t row) {
+  const size_t line = size_t{row} + 1;
+  _fFirstErrorLine = _fErrorCount++ == 0 ? line : std::min(line, _fFirstErrorLine);
 }
 
 NodeIndex CSyntaxTree::Child(NodeIndex parent, Tag tag) const {

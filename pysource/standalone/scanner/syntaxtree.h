@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "pysource/host/text.h"
+#include "pysource/standalone/scanner/levels.h"
 #include "pysource/standalone/scanner/servedtext.h"
 #include "pysource/standalone/scanner/statements.h"
 #include "pysource/standalone/scanner/syntaxnode.h"
@@ -32,7 +33,10 @@ class CSyntaxTree {
   // parser did not come to an end in good time.
   bool Parse(BytesView source);
   // See CTextParser.
-  void SetStopFlag(const std::atomic<size_t>* stop) { _fParser.SetStopFlag(stop); }
+  void SetStopFlag(const std::atomic<size_t>* stop) {
+    _fStop = stop;
+    _fParser.SetStopFlag(stop);
+  }
 
   NodeIndex Size() const { return static_cast<NodeIndex>(_fNodes.size()); }
   CNode& operator[](NodeIndex i) { return _fNodes[i]; }
@@ -65,6 +69,10 @@ class CSyntaxTree {
   size_t FirstErrorLine() const { return _fFirstErrorLine; }
 
  private:
+  struct CLine {
+    uint32_t begin;
+    CLogicalLine line;
+  };
   // A block that the header in front of it is parsed without.
   struct CBody {
     uint32_t header_end;
@@ -74,9 +82,13 @@ class CSyntaxTree {
   void ParseBlock(const CSourceRange& range, int depth);
   void ParseSplit(const CSourceRange& statement, int depth);
   void ParseHeaders(const CServedText& text, const std::vector<CBody>& bodies, int depth);
+  void AddLine(const CLine& line, uint32_t max_gap, CLevels& levels, CServedText& text);
+  void NoteError(uint32_t row);
+  bool IsStopped() const { return _fStop != nullptr && *_fStop != 0; }
   void ParseText(const CServedText& text, std::vector<CNode>& nodes);
 
   CTextParser _fParser;
+  const std::atomic<size_t>* _fStop = nullptr;
   BytesView _fSource;
   std::vector<CNode> _fNodes;
   bool _fIsWhole = true;

@@ -21,7 +21,7 @@ void CVisitor::Visit(CSyntaxTree& tree, CBindings& bindings) {
   _fDone = kNoNode;
   Open(0, 0);
   const NodeIndex end = tree.Size();
-  for (NodeIndex i = 0; i < end; ++i) {
+  for (NodeIndex i = 0; i < end && !bindings.IsFull(); ++i) {
     while (i >= _fOpen.back().end) {
       _fOpen.pop_back();
     }
