@@ -60,32 +60,12 @@ class InfoCacheTest : public fakes::CCacheTest {
   const bool _fDevelopmentRun;
 };
 
-TEST_F(InfoCacheTest, TheDiskTimeOfAFile) {
-  fakes::CFakeCacheManager& buffers = fHost.fCacheMgr;
-  EXPECT_EQ(Cache().GetDiskMTime(kA), 2.0);
-  buffers.fBuffers[kA] = {};
-  buffers.fBuffers[kA].fModTime = 5.0;
-  EXPECT_EQ(Cache().GetDiskMTime(kA), 5.0) << "of the last read or write";
-  buffers.fBuffers[kA].fModified = true;
-  EXPECT_EQ(Cache().GetDiskMTime(kA), kFileModifiedInMemoryMtime);
-  fHost.TimeOf(kB) = 0;
-  EXPECT_EQ(Cache().GetDiskMTime(kB), kFileDoesNotExistMtime);
-  fakes::CCacheHost::Fake(kC).fAsync = true;
-  fHost.fSavableMgr.fAsked.clear();
-  EXPECT_EQ(Cache().GetDiskMTime(kC), kFileUnknownOnDiskMtime) << "not looked at yet";
-  EXPECT_THAT(fHost.fSavableMgr.fAsked, IsEmpty());
-  kC->fInspectTime = 1;
-  EXPECT_EQ(Cache().GetDiskMTime(kC), 2.0);
-
-  // Looking makes no entry, watches nothing and asks nobody.
+TEST_F(InfoCacheTest, LookingMakesNoEntryWatchesNothingAndAsksNobody) {
   EXPECT_EQ(Cache().GetDiskModTimeUsed(kC, false), std::nullopt);
   EXPECT_EQ(Cache().GetDiskModTimeUsed(kC, true), 2.0);
   EXPECT_EQ(fHost.fCache->GetPerFile(kC, false), nullptr);
   EXPECT_THAT(fHost.fSavableMgr.fWatched, IsEmpty());
   EXPECT_THAT(TakeCalls(), IsEmpty());
-  Entry(kA);
-  EXPECT_THAT(TakeCalls(), IsEmpty()) << "an edited file has no part in the database";
-  EXPECT_THAT(fHost.fSavableMgr.fWatched, ElementsAre(kA));
 }
 
 TEST_F(InfoCacheTest, NewScanNamesClearAndThePresentOnesDoNot) {
@@ -105,167 +85,38 @@ TEST_F(InfoCacheTest, OneReadBringsInTheNeighbours) {
   Cache().WriteToDatabase();
   Restart();
   EXPECT_EQ(Read(kA, "f7"), "x=:s1 needs={}");
-  EXPECT_EQ(Db().CallCount("ReadScopeDataRecords"), 1U);
   EXPECT_EQ(Cache().UsedScopeCount(), 40U) << "a small file is read whole";
-  for (int i = 1; i < 40; ++i) {
-    Read(kA, "f" + std::to_string(i));
-  }
-  EXPECT_EQ(Db().CallCount("ReadScopeDataRecords"), 1U);
   EXPECT_EQ(Read(kB, "f7"), "x=:s1 needs={}");
   EXPECT_EQ(Cache().UsedScopeCount(), 90U) << "of a large one 50, the module scope among them";
   EXPECT_NE(Read(kB, ""), "None needs={}");
   EXPECT_EQ(Db().CallCount("ReadScopeDataRecords"), 2U);
-  TakeCalls();
-  EXPECT_EQ(Read(kB, "f7"), "x=:s1 needs={}");
-  EXPECT_EQ(Read(kB, "unknown"), "None needs={}") << "the primary scan is done";
-  EXPECT_THAT(TakeCalls(), IsEmpty());
-  EXPECT_THAT(Cache().GetMultipleScopeInfos(kB, {}), IsEmpty());
-  EXPECT_THAT(TakeCalls(), IsEmpty());
-  std::vector<Text> many;
-  for (int i = 0; i < 400; ++i) {
-    many.push_back("f" + std::to_string(i));
-  }
-  EXPECT_EQ(Cache().GetMultipleScopeInfos(kB, many)[399]->GetInfoBytes("x"), ":s1");
-  EXPECT_EQ(Db().CallCount("ReadScopeDataRecords"), 1U);
-
-  // The module scope of a large file comes alone; a full cache reads what is asked for alone.
-  Restart();
-  Read(kB, "");
-  EXPECT_EQ(Cache().UsedScopeCount(), 1U);
-  Restart({.kMaxInfoCount = 2, .kMaxForAllScopeRead = 50});
-  Read(kB, "f1");
-  EXPECT_EQ(Cache().UsedScopeCount(), 2U) << "room for two: the module scope rides along";
-  Read(kB, "f2");
-  EXPECT_THAT(TakeCalls().back(), HasSubstr("['f2'"));
-  EXPECT_LE(Cache().UsedScopeCount(), 3U);
 }
 
-TEST_F(InfoCacheTest, WhatIsToBeScanned) {
-  EXPECT_EQ(Read(kA, "f"), "None needs={a.py:f {:names}}");
-  fakes::CCacheHost::Fake(kB).fExists = false;
-  EXPECT_EQ(Read(kB, "f"), "None needs={}") << "no content, no scan";
-  fHost.fCacheMgr.fBuffers[kC].fModified = true;
-  EXPECT_EQ(Read(kC, "f"), "None needs={c.py:f {:names}}");
-  EXPECT_EQ(fakes::CCacheHost::Fake(kC).fTimesAsked, 0) << "unsaved changes are content";
+TEST_F(InfoCacheTest, ARequestNamesAFileAndBringsAnEmptyReport) {
   CNeedsScanDict full;
   full.Set({kA, "f"}, {});
   EXPECT_THROW(Cache().GetScopeInfo(kA, "f", true, &full), CAssertionError);
   EXPECT_THROW(Cache().GetScopeInfo(nullptr, "f"), CAssertionError);
   SetAssertionsActive(false);
   EXPECT_EQ(Cache().GetScopeInfo(nullptr, "f"), nullptr);
-  SetAssertionsActive(true);
-
-  // A stored answer repeats its report, and takes on the time of the file.
-  Scan({.loc = kA, .scope = "f"});
-  Scan({.loc = kA, .scope = "f", .scan = ":attrs", .x = ":s2", .mtime = 2.0});
-  Cache().AddDepKeysToNeedsScan({KeyOf({.loc = kA, .scope = "f", .scan = ":attrs"})});
-  Cache().AddScopeInfo(MakeRecord({.loc = kA, .scope = "f", .x = ":s3"}));
-  EXPECT_EQ(Read(kA, "f"), "x=:s3 needs={a.py:f {:attrs}}");
-  EXPECT_EQ(Read(kA, "f"), "x=:s3 needs={a.py:f {:attrs}}");
-  EXPECT_EQ(Cache().MergedInfoCount(), 1U);
-  // The scan that it asked for finds what was found before: the answer is made anew all the same.
-  EXPECT_THAT(Events([&] { Scan({.loc = kA, .scope = "f", .scan = ":attrs", .x = ":s2"}); }),
-              IsEmpty());
-  EXPECT_EQ(Read(kA, "f"), "x=:s3;:s2 needs={}");
 }
 
-TEST_F(InfoCacheTest, SecondaryFilesTakePart) {
-  const Loc stub = fHost.File("a.pyi");
-  fHost.fFactory.fSecondary[kA] = {stub};
-  EXPECT_EQ(Read(kA, "f"), "None needs={a.py:f {:names}, a.pyi:f {:names}}");
-  EXPECT_THAT(Events([&] { Scan({.loc = stub, .scope = "f"}); }),
-              ElementsAre("scopes-modified {a.py: {f}, a.pyi: {f}}"));
-  EXPECT_EQ(Read(kA, "f"), "x=:s1 needs={a.py:f {:names}}") << "the stub answers alone";
-  EXPECT_EQ(Read(kA, "f", false), "None needs={a.py:f {:names}}");
-  Scan({.loc = kA, .scope = "f", .x = ":s2"});
-  EXPECT_EQ(Read(kA, "f"), "x=:Ufile:///src/a.pyi :Sf :s1;:s2 needs={}");
-  EXPECT_EQ(Read(kA, "f", false), "x=:s2 needs={}");
-  EXPECT_EQ(Cache().MergedInfoCount(), 2U);
-  EXPECT_EQ(fHost.fFactory.fAsked.size(), 1U);
-  Scan({.loc = stub, .scope = "C:"});
-  EXPECT_THAT(Cache().GetAllScopeNames(kB), IsEmpty());
-  EXPECT_THAT(Cache().GetAllScopeNames(kA, true), ElementsAre("f"));
-  EXPECT_THAT(Cache().GetAllScopeNames(stub, true), SizeIs(2));
-  fHost.fFactory.fSecondary[kA] = {};
-  fHost.fFactory.emit(kImportResolutionChanged);
-  EXPECT_EQ(Read(kA, "f"), "x=:s2 needs={}");
-  EXPECT_EQ(Cache().MergedInfoCount(), 1U) << "with and without are one, without secondary files";
-}
-
-TEST_F(InfoCacheTest, AScanReplacesWhatItFoundBefore) {
-  const fakes::CRecordSpec kDependent{
-      .loc = kB, .scope = "g", .seen = {{{kA, "f"}, 2.0}, {{kA, "h"}, 2.0}}};
-  Scan(kDependent);
-  EXPECT_THAT(
-      Events([&] {
-        Cache().AddScopeInfoListForSingleScan(
-            kA, "f", ":names",
-            {MakeRecord({.loc = kA, .scope = "f"}),
-             MakeRecord({.loc = kC, .scope = "h", .scanned_loc = kA, .scanned_scope = "f"})});
-      }),
-      ElementsAre("needs-scan-added {(b.py, g, :names)} None",
-                  "scopes-modified {a.py: {f}, c.py: {h}}"));
-  EXPECT_EQ(Standing(KeyOf(kDependent)), "MNL");
-  EXPECT_THAT(Events([&] { Scan({.loc = kA, .scope = "f"}); }),
-              ElementsAre("scopes-modified {c.py: {h}}"))
-      << "found no more";
-  Cache().WriteToDatabase();
-  EXPECT_EQ(Standing(KeyOf({.loc = kA, .scope = "f"})), "MDL");
-  EXPECT_THAT(Events([&] { Scan({.loc = kA, .scope = "f"}); }), IsEmpty());
-  EXPECT_EQ(Standing(KeyOf({.loc = kA, .scope = "f"})), "MWL") << "queued, changed or not";
-  EXPECT_THAT(Events([&] { Cache().AddScopeInfoListForSingleScan(kA, "f", ":names", {}); }),
-              ElementsAre("scopes-modified {a.py: {f}}"));
-  EXPECT_EQ(Standing(KeyOf({.loc = kA, .scope = "f"})), "");
-  EXPECT_THROW(Cache().AddScopeInfoListForSingleScan(kB, "f", ":names",
-                                                     {MakeRecord({.loc = kA, .scope = "f"})}),
-               CAssertionError);
-  EXPECT_THROW(Cache().AddScopeInfoListForSingleScan(kA, "f", "names",
-                                                     {MakeRecord({.loc = kA, .scope = "f"})}),
-               CAssertionError)
-      << "no name of a scan";
-  EXPECT_EQ(Standing(KeyOf({.loc = kA, .scope = "f"})), "");
-  // A scan that has finished without renewing its records: their scopes are gone.
-  EXPECT_THAT(Events([&] { Cache().FinishedWithScans(kC, "*", ":names"); }), IsEmpty());
-  EXPECT_THAT(Events([&] { Cache().FinishedWithScans(kB, "*", ":attrs"); }), IsEmpty());
-  EXPECT_THAT(Events([&] { Cache().FinishedWithScans(kB, "*", "*"); }), IsEmpty());
-  EXPECT_THAT(Events([&] { Cache().FinishedWithScans(kB, "*", ":names"); }),
-              ElementsAre("scopes-modified {b.py: {g}}"));
-  EXPECT_EQ(Standing(KeyOf(kDependent)), "");
-}
-
-TEST_F(InfoCacheTest, ARecordIsAsOldAsItsContent) {
-  Scan({.loc = kA, .scope = "f"});
-  Scan({.loc = kA, .scope = "g"});
-  EXPECT_FALSE(
-      Cache().AddScopeInfo(MakeRecord({.loc = kA, .scope = "f", .x = ":s2", .mtime = 9.0})));
-  fHost.TimeOf(kA) = 9.0;
-  EXPECT_THAT(Events([&] {
-                EXPECT_TRUE(Cache().AddScopeInfo(
-                    MakeRecord({.loc = kA, .scope = "f", .x = ":s2", .mtime = 9.0})));
-              }),
-              ElementsAre("needs-scan-added {(a.py, *, :attrs), (a.py, *, :names)} 2",
-                          "scopes-modified {a.py: {f}}"))
-      << "newer than the entry: the file moves on";
-  EXPECT_EQ(Standing(KeyOf({.loc = kA, .scope = "f"})), "MWL");
-  EXPECT_EQ(Standing(KeyOf({.loc = kA, .scope = "g"})), "MNL");
-  fHost.fCacheMgr.fBuffers[kA].fModified = true;
-  EXPECT_FALSE(
-      Cache().AddScopeInfo(MakeRecord({.loc = kA, .scope = "f", .x = ":s3", .mtime = 2.0})));
-  EXPECT_TRUE(
-      Cache().AddScopeInfo(MakeRecord({.loc = kA, .scope = "f", .x = ":s3", .mtime = -1.0})));
-  EXPECT_TRUE(Cache().AddScopeInfo(MakeRecord({.loc = kA, .scope = "f", .x = ":s4"})));
-  EXPECT_FALSE(Cache().AddScopeInfo(MakeRecord({.loc = kA, .scope = "f", .x = ":s4"})));
+TEST_F(InfoCacheTest, ResultsAreOfTheScanThatIsNamed) {
+  const auto info = MakeRecord({.loc = kA, .scope = "f"});
+  EXPECT_THROW(Cache().AddScopeInfoListForSingleScan(kB, "f", ":names", {info}), CAssertionError);
+  EXPECT_THROW(Cache().AddScopeInfoListForSingleScan(kA, "f", "names", {info}), CAssertionError);
+  EXPECT_EQ(Standing(info->key), "");
+  Cache().AddScopeInfo(info);
+  Cache().AddDepKeysToNeedsScan({info->key});
+  Cache().FinishedWithScans(kA, "*", "*");
+  EXPECT_EQ(Standing(info->key), "MNL") << "scans have no wildcard";
   // Equal, but another location object: the record goes where the equal one is.
   const fakes::CFakeLocation twin(kA->fUrl);
   EXPECT_TRUE(Cache().AddScopeInfo(MakeRecord({.loc = &twin, .scope = "f", .x = ":s5"})));
   EXPECT_EQ(Entry(kA)->serialized_data_dict.Find(Text("f"))->size(), 1U);
-  Cache().RemoveScopeInfoSeq(
-      {MakeRecord({.loc = kA, .scope = "f"}), CScopeInfoToRemove{kA, "g", kA, "g"}});
-  EXPECT_EQ(Entry(kA)->GetSerializedDataCount(), 0U);
-  Cache().CheckInvariants();
 }
 
-TEST_F(InfoCacheTest, IdleCallsWriteManyAndTrimWhenNothingIsToBeWritten) {
+TEST_F(InfoCacheTest, IdleCallsWriteMany) {
   struct {
     size_t to_write;
     size_t could_not;
@@ -288,75 +139,11 @@ TEST_F(InfoCacheTest, IdleCallsWriteManyAndTrimWhenNothingIsToBeWritten) {
     EXPECT_EQ(Db().CallCount("SaveDataForFile"), saves) << to_write << " " << could_not;
     EXPECT_EQ(Cache().UsedScopeCount(), to_write) << "nothing is trimmed";
   }
-  for (const bool development_run : {false, true}) {
-    SetDevelopmentRun(development_run);
-    fHost.fStore->files.clear();
-    Restart({.kMaxInfoCount = 100, .kMaxForAllScopeRead = 5});
-    Store(kB, 1);
-    Store(kA, 99);
-    const auto idle = [&] {
-      Cache().WriteToDatabase();
-      Cache().WriteToDatabase();
-      fWorld.fLoop.RunIdle();
-    };
-    idle();
-    EXPECT_EQ(Cache().UsedScopeCount(), 100U) << "as many as there may be";
-    Scan({.loc = kA, .scope = "more"});
-    idle();
-    EXPECT_EQ(Cache().UsedScopeCount(), 75U) << "down to three quarters";
-    EXPECT_TRUE(Cache().DbgGetPerFileDict().Contains(kA));
-    Cache().CheckInvariants();
-  }
-  // Scans done that could not be written keep the entry when its last scope is trimmed.
-  for (const bool unwritten : {true, false}) {
-    fHost.fStore->files.clear();
-    Restart({.kMaxInfoCount = 1, .kMaxForAllScopeRead = 1});
-    Scan({.loc = kA, .scope = ""});
-    Scan({.loc = kB, .scope = ""});
-    Cache().WriteToDatabase();
-    Cache().ChangeScansDone(kA, ":names", true);
-    if (!unwritten) {
-      Cache().WriteToDatabase();
-    }
-    fWorld.fLoop.RunIdle();
-    EXPECT_EQ(Cache().UsedScopeCount(), 0U);
-    EXPECT_EQ(Cache().DbgGetPerFileDict().Contains(kA), unwritten);
-    EXPECT_EQ(fHost.fSavableMgr.fWatched.contains(kA), unwritten);
-    EXPECT_FALSE(fHost.fSavableMgr.fWatched.contains(kB));
-  }
 }
 
-TEST_F(InfoCacheTest, AReadMakesRoomAndThrowsNothingUnwrittenAway) {
-  const CInfoCacheLimits limits{.kMaxInfoCount = 10, .kMaxForAllScopeRead = 3};
-  Store(kA, 9);
-  Store(kB, 4);
+TEST_F(InfoCacheTest, ScopesOfAFileThatHasLeftAreNamedAndGo) {
+  Store(kA, 2);
   Cache().WriteToDatabase();
-  Restart(limits);
-  for (int i = 0; i < 9; ++i) {
-    Scan({.loc = kC, .scope = "C" + std::to_string(i)});
-  }
-  Read(kA, "f1");
-  EXPECT_EQ(Cross()._fAllToWriteInfoKeys.size(), 9U) << "the whole order is gone through";
-  Cache().WriteToDatabase();
-  Read(kC, "C8");
-  Read(kB, "f1");
-  EXPECT_LE(Cache().UsedScopeCount(), 4U);
-  EXPECT_TRUE(Cache().DbgGetPerFileDict().Contains(kB)) << "the file that is read stays";
-
-  // An instance scope goes with its class unless it is unwritten. What the file's other scopes wait
-  // for keeps the file.
-  Restart(limits);
-  Scan({.loc = kC, .scope = "C"});
-  Cache().WriteToDatabase();
-  Scan({.loc = kC, .scope = "C:"});
-  Scan({.loc = kC, .scope = "D"});
-  for (int i = 0; i < 6; ++i) {
-    Scan({.loc = kB, .scope = "g" + std::to_string(i)});
-  }
-  Read(kA, "f1");
-  EXPECT_EQ(Standing(KeyOf({.loc = kC, .scope = "C:"})), "MWL");
-
-  // Pairs of a file that has left hold nothing and stand in nobody's way.
   Restart({.kMaxInfoCount = 4, .kMaxForAllScopeRead = 1});
   const Loc left = fHost.File("left.py");
   for (const Text scope : {"C", "D", "E"}) {
@@ -367,53 +154,6 @@ TEST_F(InfoCacheTest, AReadMakesRoomAndThrowsNothingUnwrittenAway) {
   EXPECT_THAT(Printed([&] { Read(kA, "f1"); }),
               ElementsAre("why Location('file:///src/left.py') ['E', 'D']"));
   EXPECT_EQ(Read(kA, "f1"), "x=:s1 needs={}");
-}
-
-TEST_F(InfoCacheTest, WritingAndItsFailures) {
-  Store(kA, 2);
-  Scan({.loc = kB, .scope = "f"});
-  const CScopeInfoKey key = KeyOf({.loc = kA, .scope = "f1"});
-  TakeCalls();
-  Cache().WriteToDatabase({kC});
-  EXPECT_THAT(TakeCalls(), IsEmpty());
-  Db().fFailSaves = 1;
-  Cache().WriteToDatabase();
-  EXPECT_THAT(TakeCalls(), ElementsAre("SaveDataForFile file:///src/a.py 2 records ':names' 2.0",
-                                       "SaveDataForFile file:///src/b.py 1 records '' 2.0"));
-  EXPECT_EQ(Standing(key), "MWCL");
-  EXPECT_TRUE(Entry(kA)->fScansDoneNeedsToBeWritten);
-  Cache().WriteToDatabase();
-  EXPECT_THAT(TakeCalls(), ElementsAre("SaveDataForFile file:///src/a.py 2 records ':names' 2.0"));
-  EXPECT_EQ(Standing(key), "MDL");
-  Cache().WriteToDatabase();
-  EXPECT_THAT(TakeCalls(), IsEmpty());
-  Cache().ChangeScansDone(kA, ":attrs", true);
-  Cache().WriteToDatabase();
-  EXPECT_THAT(TakeCalls(),
-              ElementsAre("SaveDataForFile file:///src/a.py 0 records ':attrs,:names' 2.0"));
-
-  // What cannot be written: alone it is not saved; of the primary scan it takes the scans back.
-  Scan({.loc = kB, .scope = "g", .incomplete = true});
-  Cache().WriteToDatabase({kB});
-  EXPECT_THAT(TakeCalls(), IsEmpty());
-  EXPECT_EQ(Standing(KeyOf({.loc = kB, .scope = "g"})), "MWCL");
-  Scan({.loc = kA, .scope = "f1", .x = ":s2"});
-  Scan({.loc = kA, .scope = "h", .incomplete = true});
-  EXPECT_THAT(Printed([&] { Cache().WriteToDatabase({kA}); }),
-              ElementsAre(HasSubstr("Not writable keys: {CScopeInfoKey(")));
-  EXPECT_THAT(TakeCalls(), ElementsAre("SaveDataForFile file:///src/a.py 1 records '' 2.0"));
-  EXPECT_EQ(Standing(KeyOf({.loc = kA, .scope = "h"})), "MDL");
-
-  // Nothing is written of what is edited or not there.
-  Cache().WriteToDatabase();
-  for (const DiskTime time : {-1.0, 0.0}) {
-    Scan({.loc = kC, .scope = "f"});
-    Entry(kC)->disk_mtime = time;
-    TakeCalls();
-    Cache().WriteToDatabase({kC});
-    EXPECT_THAT(TakeCalls(), IsEmpty());
-    EXPECT_EQ(Standing(KeyOf({.loc = kC, .scope = "f"})), "MWL");
-  }
 }
 
 TEST_F(InfoCacheTest, ThePrimaryScanIsDoneWithItsModuleScope) {
@@ -472,128 +212,20 @@ TEST_F(InfoCacheTest, ScansDone) {
   EXPECT_EQ(Cache().GetScansDoneForMultipleFiles(times).size(), 0U) << "another time";
 }
 
-TEST_F(InfoCacheTest, ChangesFromOutside) {
-  Store(kA, 2);
-  Scan({.loc = kB, .scope = "g", .scanned_loc = kA, .scanned_scope = "f1"});
-  EXPECT_THAT(Events([&] { EmitExternalChange({{kC, 5.0}}); }), IsEmpty()) << "nobody's file";
-  EXPECT_THAT(Events([&] { EmitExternalChange({{kA, 2.0}}); }), IsEmpty()) << "no change";
-  EXPECT_THAT(Events([&] { EmitExternalChange({{kB, 5.0}}); }), IsEmpty()) << "nothing from there";
-  EXPECT_THAT(Events([&] {
-                EmitExternalChange({{kA, -5.0}});
-              }),
-              ElementsAre("needs-scan-added {(a.py, *, :attrs), (a.py, *, :names)} 2"));
-  EXPECT_EQ(Entry(kA)->disk_mtime, kFileDoesNotExistMtime);
-  EXPECT_EQ(Entry(kA)->fScansDone, "");
-
-  // Editing, in a world where the database holds what is not in memory.
-  Store(kC, 60);
-  Cache().WriteToDatabase();
-  Restart();
-  Entry(kC);
-  EXPECT_THAT(Events([&] { EmitSavePoint(kC, false, 0, false); }), IsEmpty());
-  EXPECT_EQ(Entry(kC)->disk_mtime, 2.0) << "not read yet";
-  EmitSavePoint(kA, false, 0);
-  EXPECT_FALSE(Cache().DbgGetPerFileDict().Contains(kA)) << "nobody's file";
-  TakeCalls();
-  EXPECT_THAT(Events([&] { EmitSavePoint(kC, false, 0); }), IsEmpty());
-  EXPECT_EQ(Entry(kC)->disk_mtime, -1.0);
-  EXPECT_EQ(Entry(kC)->GetSerializedDataCount(), 60U) << "what is tied to the disk was read first";
-  EXPECT_EQ(Db().CallCount("ReadScopeDataRecords"), 1U);
-  EXPECT_THAT(Events([&] { EmitExternalChange({{kC, 7.0}}); }), IsEmpty()) << "edits hide the disk";
-  CPySourceAnalysis ana(kC);
-  EXPECT_THAT(Events([&] {
-                ana.emit(kScopeLogicalsModified, TextSet{"f1", "f2"});
-              }),
-              ElementsAre("needs-scan-added {(c.py, f1, :names), (c.py, f2, :names)} 1"));
-  EmitSavePoint(kC, true, 8.0);
-  EXPECT_EQ(Cross()._fAllToWriteInfoKeys.size(), 58U);
-  ana.fLogicalCache.fMatchedDiskMTime = 8.0;
-  EXPECT_THAT(Events([&] { ana.emit(kScopeLogicalsModified, TextSet{"*"}); }), IsEmpty())
-      << "still in step";
-  ana.fLogicalCache.fMatchedDiskMTime = 9.0;
-  EXPECT_THAT(Events([&] { ana.emit(kScopeLogicalsModified, TextSet{"*"}); }),
-              ElementsAre("needs-scan-added {(c.py, *, :attrs), (c.py, *, :names)} 1"));
-  EXPECT_THROW(EmitSavePoint(kC, true, 9.0), CAssertionError) << "from disk to disk";
-  EXPECT_EQ(Entry(kC)->disk_mtime, 9.0);
-}
-
-TEST_F(InfoCacheTest, ChangesOfTheDatabaseByOthers) {
-  for (const Loc loc : {kA, kB, kC}) {
-    Store(loc, 2);
-    Cache().WriteToDatabase();
-    Read(loc, "f1");
-  }
-  EmitSavePoint(kC, false, 0);
-  const CLocSet changed{kA, kC};
-  EXPECT_THAT(Events([&] { Db().emit(kExternalDbContentsChanged, &changed); }),
-              ElementsAre("scopes-modified {a.py: {*}}"));
-  TakeCalls();
-  EXPECT_EQ(Read(kA, "f1"), "x=:s1 needs={}");
-  EXPECT_EQ(Read(kB, "f1"), "x=:s1 needs={}");
-  EXPECT_THAT(TakeCalls(),
-              ElementsAre(HasSubstr("ReadScopeNames file:///src/a.py"), HasSubstr("GetScansDone"),
-                          HasSubstr("ReadScopeDataRecords file:///src/a.py")));
-  EXPECT_THAT(Events([&] { Db().emit(kExternalDbContentsChanged, nullptr); }),
-              ElementsAre("scopes-modified {a.py: {*}, b.py: {*}}"))
-      << "continuity is lost";
-  EXPECT_THAT(Printed([&] { Cache().CheckForDatabaseChanges(); }), ElementsAre("0 files changed"));
-}
-
-TEST_F(InfoCacheTest, ClearingFiles) {
-  EXPECT_THAT(Events([&] { Cache().ClearFiles({}, true); }), ElementsAre("scopes-modified {}"));
-  Store(kA, 2);
-  Cache().WriteToDatabase();
-  Scan({.loc = kA, .scope = "f1", .x = ":s2"});
-  // A handler reads what is about to be cleared; nothing of that may stay.
-  fHost.fOnEvent = [&] { Read(kA, "f1"); };
-  EXPECT_THAT(Events([&] {
-                Cache().ClearFiles({kA, kB, kA}, false);
-              }),
-              ElementsAre("scopes-modified {a.py: {*}}"));
-  fHost.fOnEvent = nullptr;
-  EXPECT_EQ(Cache().MergedInfoCount(), 0U);
-  EXPECT_FALSE(Cache().DbgGetPerFileDict().Contains(kA));
-  EXPECT_EQ(Read(kA, "f1"), "x=:s1 needs={}") << "as the database has it";
-  // Also when the handler reads a file that nobody had asked for.
-  Cache().WriteToDatabase();
-  Restart();
-  fHost.fOnEvent = [&] { Read(kA, "f1"); };
-  Cache().ClearFiles({kA}, true);
-  fHost.fOnEvent = nullptr;
-  EXPECT_EQ(Read(kA, "f1"), "None needs={a.py:f1 {:names}}");
-  Store(kA, 2);
-  Cache().WriteToDatabase();
-  Read(kA, "f1");
-
-  Db().fFailClears = 1;
-  TakeCalls();
-  Cache().ClearFiles({kA}, true);
-  EXPECT_THAT(TakeCalls(), ElementsAre("ClearInfoForFiles [Location('file:///src/a.py')]",
-                                       "SaveDataForFile file:///src/a.py 0 records '' 2.0"));
-  EXPECT_TRUE(Entry(kA)->clear_db) << "is tried again";
-  Entry(kA)->SetScansDone(":attrs");
-  TakeCalls();
-  Cache().WriteToDatabase();
-  EXPECT_THAT(TakeCalls(), ElementsAre("ClearInfoForFiles [Location('file:///src/a.py')]"))
-      << "the scans done wait for the next write";
-  Cache().WriteToDatabase();
-  EXPECT_THAT(TakeCalls(), ElementsAre("SaveDataForFile file:///src/a.py 0 records ':attrs' 2.0"));
-  Entry(kA)->clear_db = true;
-  Scan({.loc = kA, .scope = "f1"});
-  TakeCalls();
-  Cache().WriteToDatabase();
-  EXPECT_THAT(TakeCalls(), ElementsAre(HasSubstr("ClearInfoForFiles"), HasSubstr("1 records")));
-}
-
 TEST_F(InfoCacheTest, Queries) {
   const auto module = MakeRecord({.loc = kA, .scope = ""});
   module->SetInfoBytes("C", ":cC(C);:s1");
   module->SetInfoBytes("f", ":Ff(x);:Ff;:ios");
+  // Neither the module scope nor an instance scope is a class, whatever has their name.
+  module->SetInfoBytes("", ":cNone()");
+  module->SetInfoBytes("C:", ":cInstance()");
   const auto body = MakeRecord({.loc = kA, .scope = "C"});
   body->SetInfoBytes("m", ":mC.m(self);:fos path;:cC(C)");  // names its own scope
-  const auto second = MakeRecord({.loc = kA, .scope = "C#2"});
-  for (const CScopeInfoPtr& info : {module, body, second}) {
+  for (const CScopeInfoPtr& info : {module, body}) {
     Cache().AddScopeInfoListForSingleScan(kA, info->for_scope, ":names", {info});
+  }
+  for (const Text scope : {"C#2", "C:", "bound nowhere", "no such scope.D"}) {
+    Scan({.loc = kA, .scope = scope});
   }
   Scan({.loc = kB, .scope = "", .x = ":cB();:s3"});
   Scan({.loc = kB, .scope = "x"});
@@ -744,6 +376,35 @@ TEST_F(InfoCacheTest, AReadGoesOnOverTheRecordsThatItBeganWith) {
   };
   EXPECT_EQ(Read(kA, "f"), "x=:s99;:s7;:s8 needs={}");
   fHost.fSavableMgr.fOnAsked = [] {};
+}
+
+// An answer that is given while a service is asked the same goes when the service answers, and so
+// do the shortcuts to what was built on it.
+TEST_F(InfoCacheTest, TheLaterAnswerOfAServiceReplacesTheOneInBetween) {
+  for (const TextView scope : {"f", "g"}) {
+    Scan({.loc = kA, .scope = Text(scope)});
+    Scan({.loc = kB, .scope = Text(scope), .x = ":s2"});
+  }
+  Cache().WriteToDatabase();
+  bool has_told = false;
+  const auto read_in_between = [&] {
+    if (!std::exchange(has_told, true)) {
+      Read(kA, "g");
+      Read(kA, "g");
+      fHost.fFactory.fSecondary.clear();
+    }
+  };
+  for (std::function<void()>* const service :
+       {&fHost.fSavableMgr.fOnAsked, &fHost.fFactory.fOnAsked}) {
+    fHost.fFactory.fSecondary = {{kA, {kB}}};
+    Restart();
+    has_told = false;
+    *service = read_in_between;
+    Printed([&] { Read(kA, "f"); });
+    *service = [] {};
+    Cache().CheckInvariants();
+  }
+  EXPECT_EQ(Read(kA, "g"), "x=:s1 needs={}") << "merged with files that are secondary no more";
 }
 
 TEST_F(InfoCacheTest, ScansDoneAreSavedAsTheyWereWhenTheSaveBegan) {
