@@ -126,6 +126,21 @@ TEST_F(EngineTest, AFileThatLeftMemoryAndThenChangedIsNotToldAsItWas) {
   EXPECT_EQ(Value(b, "f", "a"), "-");
 }
 
+// Handed over in another order, one record of a scan makes another one stale at once.
+TEST_F(EngineTest, EachRecordOfAScanIsHandedOverOnce) {
+  const Loc loc = Write("a.py", "");
+  Write("b.py", "");
+  for (const std::string value : {"1", "''", "1.5"}) {
+    Write("a.py", "class C:\n  import b\n  a = b.c = " + value + "\n  def m(self, b=" + value +
+                      "):\n    self.x = " + value + "\n");
+    fEngine->Scans().RequestFile(loc);
+    Settle();
+    const CScanRunner::Counts& counts = fEngine->Scans().GetCounts();
+    // The module, the class, the method, and what the two set on b and on the instance.
+    EXPECT_EQ(counts.records, 5 * counts.files_scanned);
+  }
+}
+
 TEST_F(EngineTest, AClearedFileIsScannedByAllScans) {
   const Loc loc = Write("a.py", "class C:\n    def m(self):\n        self.x = 1\n");
   EXPECT_NE(Value(loc, "C", "x", true), "-");

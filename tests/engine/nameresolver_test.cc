@@ -23,7 +23,7 @@ class NameResolverTest : public CEngineTest {
     Write("util.py", "import base\nclass Helper(base.Root):\n  def help(self): return self\n");
     Write("base.py",
           "from util import Helper\nclass Root:\n  def close(self):\n    self.closed = True\n"
-          "class Base(Root):\n  size = 1\n  def show(self): pass\n");
+          "class Base(Root):\n  size = color = 1\n  def show(self): pass\n");
     std::filesystem::create_directory(Path("pkg"));
     Write("pkg/__init__.py", "from .inner import deep as made\n");
     Write("pkg/inner.py", "def deep(): pass\n");
@@ -43,10 +43,11 @@ class NameResolverTest : public CEngineTest {
                   "y = x\n"                             // 13
                   "import nowhere\n"                    // 14
                   "loop = pool\npool = loop\n"
-                  "class Own(Own): pass\n"                       // 17
-                  "part = data[:n], data[:G]\n"                  // 18
-                  "def cut():\n  piece = data[:n]; piece\n"      // 20
-                  "  def sub():\n    nonlocal piece; piece\n");  // 22
+                  "class Own(Own): pass\n"                     // 17
+                  "part = data[:n], data[:G]\n"                // 18
+                  "def cut():\n  piece = data[:n]; piece\n"    // 20
+                  "  def sub():\n    nonlocal piece; piece\n"  // 22
+                  "def far():\n  import pkg.inner\n");
     _fResolver.emplace(*fEngine);
   }
   ~NameResolverTest() override { _fResolver.reset(); }
@@ -85,7 +86,8 @@ TEST_F(NameResolverTest, FollowsImportsBasesAndInstances) {
       {"", "b", "base.py:1 ."},
       {"", "pkg.made", "pkg/inner.py:1 .deep"},
       {"", "pkg.inner.deep", "pkg/inner.py:1 .deep"},
-      {"", "y.color", "app.py:5 Win.color"},
+      {"far", "pkg.made", "pkg/inner.py:1 .deep"},  // binds the package, not the module in it
+      {"", "y.color", "app.py:5 Win.color"},        // before that of its base
       {"", "y.size", "base.py:6 Base.size"},
       {"", "y.close", "base.py:3 Root.close"},
       {"Win.go", "self.closed", "base.py:4 Root:closed"},

@@ -184,6 +184,8 @@ INSTANTIATE_TEST_SUITE_P(
         {"IsNoLongerACache", "mkdir c; echo > c/CACHEDIR.TAG; echo 1 > c/a.py", "rm c/CACHEDIR.TAG",
          "+c/a.py"},
         {"LoopOfLinks", "mkdir d; ln -s .. d/up; echo 1 > d/a.py", "echo 2 > d/a.py", "~d/a.py"},
+        {"LinksToNowhere", "mkdir d; echo 1 > d/a.py",
+         "for i in 1 2 3 4 5 6 7 8 9; do ln -s nowhere d/$i.py; done; echo 2 > d/a.py", "~d/a.py"},
         {"LinkedFolder", "mkdir ../d; echo 1 > ../d/a.py; ln -s ../d l", "echo 2 > ../d/a.py",
          "~l/a.py"},
         {"NewLink", "mkdir ../d; echo 1 > ../d/a.py", "ln -s ../d l; ln -s ../d/a.py b.py",
@@ -252,6 +254,13 @@ TEST(TreeWatcher, WhatIsNamedIsWatchedWhateverItsNameAndWhileItIsNotThere) {
   world.WaitFor("-.d/a.py -far/away -new -run -zz_last.py");
   world.Do("mv old tree");
   world.WaitFor("~.d/a.py ~far/away ~new ~run ~zz_last.py");
+  // Another folder takes its place, and is the one that is watched from then on.
+  world.told.clear();
+  world.Do("cp -r tree another; mv tree old; mv another tree");
+  world.WaitFor("~.d/a.py ~far/away ~new ~run ~zz_last.py");
+  world.told.clear();
+  world.DoInTree("echo 4 > .d/a.py; echo 4 > run");
+  world.WaitFor("~.d/a.py ~run");
 }
 
 TEST(TreeWatcher, WhatALinkLeadsToIsLookedAt) {

@@ -447,6 +447,7 @@ struct CModel {
 
   std::vector<Loc> GetSecondaryFiles(Loc loc) {
     if (!fSecondary.contains(loc)) {
+      fAsked.push_back(loc);
       fSecondary[loc] = fHost.fFactory.fSecondary[loc];
       for (const Loc other : fSecondary[loc]) fReverseSecondary[other].insert(loc);
     }
@@ -1282,6 +1283,7 @@ struct CModel {
   std::vector<std::vector<Text>> fReadsMade;  // the names of each batched read of this step
   std::vector<std::pair<Loc, File>> fFiles;   // in order of entering
   std::set<Loc> fWatched;
+  std::vector<Loc> fAsked;  // for secondary files, in this step
   KeySet M, N, D, W, C;
   std::array<size_t, 16> fRoadsTaken{};  // how often each of the rarer roads was gone
 

@@ -194,7 +194,7 @@ void CTwins::SetFailures(const Text& name, bool order_is_free) {
     db->fFailReads = reads_fail ? 1 : 0;
     db->fGoodReads = good_reads;
   }
-  const bool handlers_read = fRandom.OneIn(10);
+  const bool handlers_read = fRandom.OneIn(name.starts_with("ClearFiles") ? 2 : 10);
   const Loc loc = AnyFile();
   const Text scope = AnyScope();
   fHost.fOnEvent = [=, this] {
@@ -234,6 +234,8 @@ void CTwins::Run(const Text& name, bool order_is_free, Real real, Model model) {
   SetFailures(name, order_is_free);
   fHost.fEvents.clear();
   fModel->fEvents.clear();
+  fHost.fFactory.fAsked.clear();
+  fModel->fAsked.clear();
   const auto outcome = [this](const auto& run) -> Text {
     fNested.clear();
     try {
@@ -287,6 +289,7 @@ void CTwins::Compare(const Text& real_result, const Text& model_result) {
   if (calls != fModelDb->fCalls && Normalized(calls) != Normalized(fModelDb->fCalls)) {
     expect_equal("database calls", Lines(calls), Lines(fModelDb->fCalls));
   }
+  expect_equal("files asked about", Repr(fHost.fFactory.fAsked), Repr(fModel->fAsked));
   expect_equal("watches", Repr(fHost.fSavableMgr.fWatched), Repr(fModel->fWatched));
   if (fHost.fDb->CallCount("SaveDataForFile") + fHost.fDb->CallCount("ClearInfoForFiles") != 0) {
     expect_equal("stores", store(*fHost.fDb), store(*fModelDb));
@@ -629,7 +632,10 @@ void CTwins::Write() {
   const bool all = fRandom.OneIn(2);
   Both("WriteToDatabase", false,
        [&](auto& cache) { all ? cache.WriteToDatabase() : cache.WriteToDatabase(locs); });
-  // With nothing left to write, idle calls trim.
+  // With nothing left to write but perhaps that a scan is done, idle calls trim.
+  if (fRandom.OneIn(3)) {
+    Done(AnyFile(), kScans[1], true);
+  }
   for (int i = 0; i < 3 && all; ++i) {
     Idle();
   }

@@ -482,6 +482,7 @@ TEST_F(SqliteDb, AReadOnlyPlaceIsReadOrRefusedWithItsName) {
     EXPECT_FALSE(Save(*db, "a.py", "new"));
     EXPECT_FALSE(db->ClearInfoForFiles({File("a.py")}));
     EXPECT_THAT(db->LastError(), HasSubstr("scopes.db: clearing: "));
+    EXPECT_EQ(db->RefusalOf(File("a.py")), db->LastError());
     EXPECT_EQ(Held(*db, "a.py"), "d");
     EXPECT_EQ(Told(*db), "");
   }
