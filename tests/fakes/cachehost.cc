@@ -1,9 +1,5 @@
 #include "tests/fakes/cachehost.h"
 
-#include <unistd.h>
-
-#include <cstdio>
-
 #include "pysource/host/repr.h"
 
 namespace pysource::fakes {
@@ -134,36 +130,6 @@ std::vector<Text> CCacheTest::Printed(const std::function<void()>& run) {
   CCapturedOutput output;
   run();
   return output.Take();
-}
-
-CCapturedOutput::CCapturedOutput() : _fFile(std::tmpfile()), _fStdout(dup(STDOUT_FILENO)) {
-  std::fflush(stdout);
-  dup2(fileno(_fFile), STDOUT_FILENO);
-}
-
-CCapturedOutput::~CCapturedOutput() {
-  std::fflush(stdout);
-  dup2(_fStdout, STDOUT_FILENO);
-  close(_fStdout);
-  std::fclose(_fFile);
-}
-
-std::vector<Text> CCapturedOutput::Take() {
-  std::fflush(stdout);
-  const off_t size = lseek(STDOUT_FILENO, 0, SEEK_CUR);
-  std::vector<Text> lines;
-  if (size <= 0) {
-    return lines;
-  }
-  Text all(static_cast<size_t>(size), '\0');
-  EXPECT_EQ(pread(STDOUT_FILENO, all.data(), all.size(), 0), size);
-  EXPECT_EQ(ftruncate(STDOUT_FILENO, 0), 0);
-  lseek(STDOUT_FILENO, 0, SEEK_SET);
-  for (size_t start = 0, end = 0; start < all.size(); start = end + 1) {
-    end = std::min(all.find('\n', start), all.size());
-    lines.push_back(all.substr(start, end - start));
-  }
-  return lines;
 }
 
 }  // namespace pysource::fakes

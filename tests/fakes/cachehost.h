@@ -9,8 +9,10 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <utility>
 #include <vector>
 
+#include "pysource/host/logger.h"
 #include "pysource/scopeinfo/infocache/infocache.h"
 #include "tests/fakes/memorydb.h"
 #include "tests/fakes/world.h"
@@ -198,18 +200,21 @@ class CCacheTest : public CWorldTest {
   const Loc kC = fHost.File("c.py");
 };
 
-// Captures the standard output while it exists.
-// REQUIRES: it is destroyed before the test reports a failure, which would be captured too.
+// Captures the lines that the module prints while it exists.
 class CCapturedOutput {
  public:
-  CCapturedOutput();
-  ~CCapturedOutput();
+  CCapturedOutput() {
+    SetLineSink([this](TextView line) { _fLines.emplace_back(line); });
+  }
+  ~CCapturedOutput() { SetLineSink(nullptr); }
+  CCapturedOutput(const CCapturedOutput&) = delete;
+  CCapturedOutput& operator=(const CCapturedOutput&) = delete;
+
   // The lines since the last call.
-  std::vector<Text> Take();
+  std::vector<Text> Take() { return std::exchange(_fLines, {}); }
 
  private:
-  std::FILE* const _fFile;
-  const int _fStdout;
+  std::vector<Text> _fLines;
 };
 
 }  // namespace pysource::fakes
