@@ -248,6 +248,14 @@ void CheckItems(const CFileScan& scan, BytesView source) {
   }
 }
 
+Text Repeat(TextView piece, size_t count) {
+  Text result;
+  for (; count != 0; --count) {
+    result += piece;
+  }
+  return result;
+}
+
 TEST(ScannerTest, ItemsSurviveSplittingWhateverTheSource) {
   const uint64_t seed = fakes::TestSeed();
   std::mt19937_64 random(seed);
@@ -300,14 +308,15 @@ TEST(ScannerTest, ItemsSurviveSplittingWhateverTheSource) {
   }
   std::shuffle(sources.begin(), sources.end(), random);
   EXPECT_NO_THROW(fuzz::CheckSources({sources.begin(), sources.end()}, false));
-}
 
-Text Repeat(TextView piece, size_t count) {
-  Text result;
-  for (; count != 0; --count) {
-    result += piece;
+  // Nor does the text that a buffer had before an edit.
+  std::vector<Text> edits{Repeat("class C:\n def m(self):\n  self.x = [i for i in 'y']\n", 200)};
+  for (int edit = 0; edit < 300; ++edit) {
+    Text text = edits.back();
+    text.replace(random() % text.size(), random() % 9, pieces[random() % pieces.size()]);
+    edits.push_back(random() % 20 == 0 ? edits.front() : std::move(text));
   }
-  return result;
+  EXPECT_NO_THROW(fuzz::CheckSources({edits.begin(), edits.end()}, true));
 }
 
 // Nesting and repetition far beyond what the parser bears by itself.

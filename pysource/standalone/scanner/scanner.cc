@@ -77,8 +77,10 @@ using scopeinfo::CScopeInfo;
 using scopeinfo::CScopeInfoKey;
 using scopeinfo::CScopeInfoPtr;
 
-// Beyond this size nothing is tried that takes another parse: nobody types so much.
+// Beyond these sizes nothing is tried that takes another parse, and nothing is mended at all: nobody
+// types so much.
 constexpr size_t kMaxTriedSource = size_t{1} << 20;
+constexpr size_t kMaxMendedSource = size_t{4} << 20;
 
 constexpr auto kGone = static_cast<DiskTime>(scopeinfo::kFileDoesNotExistMtime);
 
@@ -208,19 +210,23 @@ CFileScan CScanner::CImpl::Scan(const CScanRequest& request) {
 // Parses what is left of the source when what somebody is typing is mended. The parser finds errors
 // that no look at words and brackets finds; then the source is mended with that knowledge.
 CMendedSource CScanner::CImpl::ParseMended(BytesView source) {
+  if (source.size() > kMaxMendedSource) {
+    _fWasParsed = _fTree.Parse(source, _fRequest->incomplete);
+    return CMendedSource{source};
+  }
   CMendedSource mended = MendSource(source, _fMended);
-  _fWasParsed = _fTree.Parse(mended.source);
+  _fWasParsed = _fTree.Parse(mended.source, _fRequest->incomplete);
   const size_t errors = _fTree.ErrorCount();
   if (mended.count != 0 || errors == 0 || source.size() > kMaxTriedSource) {
     return mended;
   }
   mended = MendRejectedSource(source, _fMended);
   if (mended.source != source) {
-    _fWasParsed = _fTree.Parse(mended.source);
+    _fWasParsed = _fTree.Parse(mended.source, _fRequest->incomplete);
     if (_fTree.ErrorCount() <= errors) {
       return mended;
     }
-    _fWasParsed = _fTree.Parse(source);
+    _fWasParsed = _fTree.Parse(source, _fRequest->incomplete);
   }
   return CMendedSource{source};
 }

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "pysource/host/hash.h"
+
 namespace pysource::standalone {
 
 void CServedText::Reset(BytesView source) {
@@ -70,6 +72,17 @@ const CServedText::CPiece& CServedText::PieceAt(uint32_t at) const {
     }
   }
   return _fPieces[_fLast];
+}
+
+uint64_t CServedText::Hash() const {
+  uint64_t hash = _fSize;
+  for (const CPiece& piece : _fPieces) {
+    hash = CombineHash(hash, HashBytes(piece.text));
+    hash = CombineHash(hash, (uint64_t{piece.source - _fPieces.front().source} << 32) |
+                                 (piece.row - _fPieces.front().row));
+    hash = CombineHash(hash, piece.is_foreign ? 1 : 0);
+  }
+  return hash;
 }
 
 BytesView CServedText::Read(uint32_t at) const {

@@ -33,6 +33,8 @@ class CServedText {
 
   uint32_t Size() const { return _fSize; }
   bool IsEmpty() const { return _fSize == 0; }
+  // Equal texts from equal places of two sources, counted from the first piece, have equal hashes.
+  uint64_t Hash() const;
   // Where the last piece ends in the source. REQUIRES: there is one.
   uint32_t SourceEnd() const {
     const CPiece& last = _fPieces.back();

@@ -15,6 +15,9 @@ constexpr uint32_t kMaxStatement = 4096;
 // Statements are parsed together up to this size. The parser's own effort for a parse, some
 // microseconds, does not show then.
 constexpr uint32_t kGroupSize = 4096;
+// After a group with many errors the next one is small: what an error costs grows with their number.
+constexpr size_t kManyErrors = 8;
+constexpr uint32_t kSmallGroupSize = 256;
 // Blocks within blocks that are parsed by themselves; deeper ones line by line, without their
 // structure. Python itself gives up at 100.
 constexpr int kMaxDepth = 100;
@@ -46,8 +49,12 @@ BytesView OpeningFor(FirstWord clause) {
 
 }  // namespace
 
-bool CSyntaxTree::Parse(BytesView source) {
+bool CSyntaxTree::Parse(BytesView source, bool is_buffer) {
   _fSource = source;
+  _fIsBuffer = is_buffer;
+  if (is_buffer) {
+    _fCache.BeginSource();
+  }
   _fIsWhole = true;
   _fErrorCount = 0;
   _fFirstErrorLine = 0;
@@ -66,9 +73,12 @@ void CSyntaxTree::ParseBlock(const CSourceRange& range, int depth) {
   CServedText group;
   CLevels levels;
   group.Reset(_fSource);
+  uint32_t group_size = kGroupSize;
   const auto parse_group = [&] {
     if (!group.IsEmpty()) {
+      const size_t errors = _fErrorCount;
       ParseText(group, _fNodes);
+      group_size = _fErrorCount - errors > kManyErrors ? kSmallGroupSize : kGroupSize;
       group.Reset(_fSource);
       levels.Reset();
     }
@@ -83,7 +93,7 @@ void CSyntaxTree::ParseBlock(const CSourceRange& range, int depth) {
       for (const CLine& line : lines) {
         AddLine(line, kMaxGap, levels, group);
       }
-      if (group.Size() >= kGroupSize) {
+      if (group.Size() >= group_size) {
         parse_group();
       }
     }
@@ -231,13 +241,21 @@ void CSyntaxTree::ParseText(const CServedText& text, std::vector<CNode>& nodes) 
     NoteError(text.PlaceOf(0, 0).row);
     return;
   }
-  if (!_fParser.Parse(text, nodes)) {
-    _fIsWhole = false;
-    return;
+  CParseCache::CErrors errors;
+  if (!_fIsBuffer || !_fCache.Append(text, nodes, errors)) {
+    const size_t first = nodes.size();
+    if (!_fParser.Parse(text, nodes)) {
+      _fIsWhole = false;
+      return;
+    }
+    errors = {_fParser.ErrorCount(), _fParser.FirstErrorRow()};
+    if (_fIsBuffer) {
+      _fCache.Keep(text, nodes, first, errors);
+    }
   }
-  if (_fParser.ErrorCount() != 0) {
-    NoteError(_fParser.FirstErrorRow());
-    _fErrorCount += _fParser.ErrorCount() - 1;
+  if (errors.count != 0) {
+    NoteError(errors.first_row);
+    _fErrorCount += errors.count - 1;
   }
 }
 

@@ -14,6 +14,7 @@
 
 #include "pysource/host/text.h"
 #include "pysource/standalone/scanner/levels.h"
+#include "pysource/standalone/scanner/parsecache.h"
 #include "pysource/standalone/scanner/servedtext.h"
 #include "pysource/standalone/scanner/statements.h"
 #include "pysource/standalone/scanner/syntaxnode.h"
@@ -31,7 +32,10 @@ class CSyntaxTree {
   // Parses the source, which must stay as long as nodes are looked at, and be fit for the parser
   // (sourceguard.h). Node 0 is the whole file. False when some part of it has no nodes because the
   // parser did not come to an end in good time.
-  bool Parse(BytesView source);
+  //
+  // With `is_buffer`, parts that were parsed so before are not parsed again: of a text that is edited
+  // and parsed after each key, all parts but one.
+  bool Parse(BytesView source, bool is_buffer = false);
   // See CTextParser.
   void SetStopFlag(const std::atomic<size_t>* stop) {
     _fStop = stop;
@@ -88,6 +92,8 @@ class CSyntaxTree {
   void ParseText(const CServedText& text, std::vector<CNode>& nodes);
 
   CTextParser _fParser;
+  CParseCache _fCache;
+  bool _fIsBuffer = false;
   const std::atomic<size_t>* _fStop = nullptr;
   BytesView _fSource;
   std::vector<CNode> _fNodes;

@@ -173,6 +173,7 @@ void CTextParser::SetStopFlag(const std::atomic<size_t>* stop) {
 
 bool CTextParser::Parse(const CServedText& text, std::vector<CNode>& nodes) {
   _fErrorCount = 0;
+  _fFirstErrorRow = 0;
   ts_parser_reset(_fParser);
   const TSInput input{const_cast<CServedText*>(&text), ReadText, TSInputEncodingUTF8};
   const std::unique_ptr<TSTree, CTreeDeleter> tree(ts_parser_parse(_fParser, nullptr, input));
