@@ -310,8 +310,8 @@ TEST(ScannerTest, ItemsSurviveSplittingWhateverTheSource) {
   EXPECT_NO_THROW(fuzz::CheckSources({sources.begin(), sources.end()}, false));
 
   // Nor does the text that a buffer had before an edit.
-  std::vector<Text> edits{Repeat("class C:\n def m(self):\n  self.x = [i for i in 'y']\n", 200)};
-  for (int edit = 0; edit < 300; ++edit) {
+  std::vector<Text> edits{Repeat("class C:\n def m(self):\n  self.x = [i for i in 'y']\n", 120)};
+  for (int edit = 0; edit < 100; ++edit) {
     Text text = edits.back();
     text.replace(random() % text.size(), random() % 9, pieces[random() % pieces.size()]);
     edits.push_back(random() % 20 == 0 ? edits.front() : std::move(text));
