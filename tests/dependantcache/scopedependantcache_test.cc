@@ -65,24 +65,6 @@ TEST_F(ScopeDependantCacheTest, LookupTellsAnUnknownKeyFromAValueWithoutScopes) 
   cache.AssertValidImpl();
 }
 
-TEST_F(ScopeDependantCacheTest, OnlyAStoreThatChangesSomethingModifies) {
-  Cache cache("c", -1);
-  cache._fEnableValidityChecks = true;
-  const auto modifies = [&](int value, const std::vector<CScopeRef>& scopes) {
-    cache.fModified = false;
-    cache.AddToCache("x", value, scopes);
-    return cache.fModified;
-  };
-  EXPECT_TRUE(modifies(1, {{kA, "f"}, {kA, "g"}}));
-  EXPECT_FALSE(modifies(1, {{kA, "g"}, {kA, "f"}, {kA, "g"}})) << "the same set in another order";
-  EXPECT_TRUE(modifies(2, {{kA, "f"}, {kA, "g"}})) << "another value";
-  EXPECT_TRUE(modifies(2, {{kA, "f"}})) << "fewer scopes";
-  EXPECT_THAT(cache.GetDependentKeys(kA, {"g"}), IsEmpty());
-  EXPECT_TRUE(modifies(2, {{kB, "f"}})) << "another file";
-  EXPECT_THAT(cache.GetDependentKeys(kA, {"*"}), IsEmpty());
-  EXPECT_TRUE(modifies(2, {}));
-}
-
 TEST_F(ScopeDependantCacheTest, ScopesOfALookUpCanBeStoredUnderAnotherKey) {
   Cache cache("c", -1);
   cache._fEnableValidityChecks = true;

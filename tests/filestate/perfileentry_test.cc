@@ -91,78 +91,6 @@ TEST_F(PerFileEntryTest, WhatAChangeOfTimeDoes) {
   EXPECT_TRUE(entry.clear_db) << "a pending deletion is never cancelled";
 }
 
-TEST_F(PerFileEntryTest, WhatIsMergedAndWhatIsToBeScanned) {
-  EXPECT_EQ(ToMerge(kA, "f"), "None{}") << "nothing in memory: nothing is asked for";
-  Store({.loc = kA, .scope = "f", .scan = ":attrs"});
-  EXPECT_EQ(ToMerge(kA, "f"), "None{(Location('file:///src/a.py'), 'f'): {':names'}}")
-      << "derived records alone make no answer";
-  EXPECT_FALSE(Entry(kA)->primary_info_dict.Contains(Text("f")));
-  Store({.loc = kA, .scope = "f", .missing = true});
-  EXPECT_EQ(ToMerge(kA, "f"), "None{(Location('file:///src/a.py'), 'f'): {':names'}}");
-  Store({.loc = kA, .scope = "f"});
-  Store({.loc = kA, .scope = "f", .scanned_loc = kB});
-  EXPECT_EQ(ToMerge(kA, "f"), ":names :attrs {}") << "the primary one first, and once";
-  Cross().AddNeedsScanInfoKey(KeyOf({.loc = kA, .scope = "f", .scan = ":attrs"}));
-  EXPECT_EQ(ToMerge(kA, "f"), ":names {(Location('file:///src/a.py'), 'f'): {':attrs'}}");
-
-  // A live record is taken as it is; without one the times are compared, and a file that nobody
-  // asked about yet is looked at.
-  const fakes::CRecordSpec kStale{
-      .loc = kB, .scope = "g", .seen = {{{kC, "h"}, 2.0}, {{kB, "h"}, 7.0}, {{kA, "h"}, 8.0}}};
-  Store(kStale);
-  EXPECT_EQ(ToMerge(kB, "g"), ":names {}");
-  Cross().UpdateExistingSourceInfo(KeyOf(kStale), nullptr);
-  EXPECT_EQ(ToMerge(kB, "g"), "None{(Location('file:///src/b.py'), 'g'): {':names'}}");
-  EXPECT_EQ(Standing(KeyOf(kStale)), "MN");
-  EXPECT_TRUE(Cache().DbgGetPerFileDict().Contains(kC));
-  EXPECT_TRUE(Entry(kA)->CheckScopesSeen({}));
-  Entry(kB)->RemoveSerializedRecords(":names", "g", kB, "g");
-  EXPECT_EQ(ToMerge(kB, "g"), "None{(Location('file:///src/b.py'), 'g'): {':names'}}")
-      << "an empty list says that the scope was looked for";
-}
-
-TEST_F(PerFileEntryTest, StoringTellsWhatChanged) {
-  const fakes::CRecordSpec kSpec{.loc = kA, .scope = "f"};
-  const CScopeInfoKey key = KeyOf(kSpec);
-  EXPECT_TRUE(Store(kSpec));
-  EXPECT_EQ(Standing(key), "MWL");
-  Cross().RemoveToWriteInfoKey(key);
-  Cross().AddInDatabaseInfoKey(key);
-  Cross().AddNeedsScanInfoKey(key);
-  auto same = kSpec;
-  same.incomplete = true;
-  EXPECT_FALSE(Store(same));
-  EXPECT_EQ(Standing(key), "MDL") << "found again: no scan needed, still in the database";
-  EXPECT_TRUE(Entry(kA)->serialized_data_dict.Find(Text("f"))->front().incomplete)
-      << "replaced all the same";
-  same.x = ":s2";
-  EXPECT_TRUE(Store(same));
-  EXPECT_EQ(Standing(key), "MWL");
-  // A record of the database whose bytes a scan finds again differs in its last byte alone.
-  const Bytes data = MakeRecord(kSpec)->GetSerializedData();
-  Entry(kA)->SetSerializedRecord(key, data, "", "", false, nullptr, false, nullptr);
-  EXPECT_FALSE(Store(kSpec));
-
-  struct {
-    DiskTime mtime;
-    const char* added;
-    const char* replaced;
-  } const kCases[] = {{-1.0, "ML", "ML"}, {1.0, "ML", "MWL"}, {0.0, "MWL", "MWL"}};
-  for (const auto& [mtime, added, replaced] : kCases) {
-    CPerFileEntry entry(Entry(kA)->fInfoCache, kB, mtime);
-    const auto draft = [&](const char* x) {
-      return fakes::CRecordSpec{.loc = kB, .scope = "f", .x = x};
-    };
-    EXPECT_TRUE(entry.StoreScopeInfo(MakeRecord(draft(":s1"))));
-    EXPECT_EQ(Standing(KeyOf(draft(""))), added) << mtime;
-    EXPECT_TRUE(entry.StoreScopeInfo(MakeRecord(draft(":s2"))));
-    EXPECT_EQ(Standing(KeyOf(draft(""))), replaced) << mtime;
-    entry.ClearAllInfo();
-  }
-  EXPECT_THROW(Entry(kA)->SetSerializedRecord(key, "", "", "", true, nullptr, false, nullptr),
-               CAssertionError);
-}
-
 TEST_F(PerFileEntryTest, RecordsForTheDatabase) {
   const auto info = MakeRecord({.loc = kA, .scope = ""});
   for (const auto& [name, eq] : std::initializer_list<std::pair<const char*, const char*>>{
@@ -199,6 +127,8 @@ TEST_F(PerFileEntryTest, RecordsForTheDatabase) {
   EXPECT_FALSE(Entry(kA)->GetDatabaseRecords({}).not_writable_set);
   EXPECT_EQ(Entry(kA)->GetDatabaseRecords({info->key}).not_writable_set->size(), 1U) << "written";
   EXPECT_THROW(Entry(kA)->AfterSuccessfulDatabaseWrite(rows), CAssertionError) << "twice";
+  EXPECT_THROW(Entry(kA)->SetSerializedRecord(info->key, "", "", "", true, nullptr, false, nullptr),
+               CAssertionError);
   EXPECT_THROW(Entry(kB)->AfterSuccessfulDatabaseWrite(rows), CAssertionError) << "no such scope";
   SetAssertionsActive(false);
   Entry(kB)->AfterSuccessfulDatabaseWrite(rows);
