@@ -36,7 +36,6 @@ class CBlockStructure {
 
   std::vector<CLevel> _fLevels{{0, FirstWord::kOther}};
   bool _fOpensBlock = false;
-  bool _fIsFirst = true;
 };
 
 }  // namespace pysource::standalone
