@@ -31,6 +31,7 @@ struct COptions {
   std::string resolve;               // a name; empty: none
   std::vector<std::string> answers;  // of watch: FILE:SCOPE:NAME each
   bool merged = false;
+  bool repair = false;
   bool explain = false;
   bool debug_dump = false;
 };

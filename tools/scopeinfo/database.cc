@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include "pysource/host/errors.h"
+#include "pysource/standalone/sqlitedb/opening.h"
 #include "tools/scopeinfo/output.h"
 
 namespace pysource::tools {
@@ -21,7 +22,8 @@ std::string PathOf(const CDatabaseOptions& options) {
 // already is its owner's business.
 void MakeCacheFolder(const fs::path& folder) {
   std::error_code error;
-  if (folder.empty() || !fs::create_directories(folder, error) || error) {
+  if (folder.empty() || fs::exists(folder, error) ||
+      !standalone::sqlitedb::MakePrivateFolders(folder.string())) {
     return;  // if it is not there now, opening the database says so
   }
   std::ofstream(folder / "CACHEDIR.TAG")

@@ -186,6 +186,8 @@ int Run(int argc, char** argv) {
                 RunVerify);
   AddPaths(*command, options)->required(false);
   AddJobs(*command, options);
+  command->add_flag("--repair", options.repair,
+                    "Drop what is damaged, or set the database aside; index then scans it again");
   command->add_flag("--merged", options.merged,
                     "Also ask the cache for every scope of the named files, and compare with a "
                     "merge of what the scans find; keeps all records in memory");

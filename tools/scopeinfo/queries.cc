@@ -13,6 +13,7 @@
 #include "pysource/host/symbolinfo/items.h"
 #include "pysource/standalone/engine/filerows.h"
 #include "pysource/standalone/engine/findfiles.h"
+#include "pysource/standalone/engine/indexer.h"
 #include "pysource/standalone/scanner/scanner.h"
 #include "tools/scopeinfo/commands.h"
 #include "tools/scopeinfo/describe.h"
@@ -33,11 +34,32 @@ struct CQueriedFiles {
     for (const standalone::CPathNote& bad : found.bad) {
       Complain(fmt::format("{}: {}", bad.path, bad.text));
     }
+    for (const standalone::CFoundFile& file : found.files) {
+      locs.push_back(file.loc);
+    }
+  }
+
+  // What the question gives. What the database has lost through damage is scanned again before, so
+  // that the answer is the one of before the damage.
+  template <class Ask>
+  auto Answer(Ask ask) {
+    auto answer = ask(Cache());
+    standalone::CEngine& engine = session.Engine();
+    if (engine.Database().RepairCount() != 0) {
+      (void)engine.HasLostStored();
+      engine.Resolver().SetRoots(found.roots);
+      standalone::CIndexer(engine).Run({found, nullptr, session.Between()});
+      answer = ask(Cache());
+    }
+    ReportMissing();
+    return answer;
+  }
+
+  void ReportMissing() {
     CLocMtimeDict times;
     session.Engine().DiskTimes().RememberAll();
     for (const standalone::CFoundFile& file : found.files) {
       times.Set(file.loc, session.Engine().DiskTimes().TimeOf(file.loc, file.stamp));
-      locs.push_back(file.loc);
     }
     const CScansDoneDict done = Cache().GetScansDoneForMultipleFiles(times);
     const auto missing =
@@ -84,7 +106,8 @@ void WriteRows(const COptions& options, const ordered_json& json, const CTable& 
 
 int RunClasses(const COptions& options) {
   CQueriedFiles files(options);
-  std::vector<CClassEquiv> classes = files.Cache().GetAllClasses(files.locs);
+  std::vector<CClassEquiv> classes = files.Answer(
+      [&files](scopeinfo::CInfoCache& cache) { return cache.GetAllClasses(files.locs); });
   std::sort(classes.begin(), classes.end());
   ordered_json json = ordered_json::array();
   CTable table({"Class", "Bases", "File"});
@@ -107,7 +130,8 @@ int RunClasses(const COptions& options) {
 
 int RunImports(const COptions& options) {
   CQueriedFiles files(options);
-  std::vector<CImportEquiv> imports = files.Cache().GetAllImports(files.locs);
+  std::vector<CImportEquiv> imports = files.Answer(
+      [&files](scopeinfo::CInfoCache& cache) { return cache.GetAllImports(files.locs); });
   std::sort(imports.begin(), imports.end(), [](const CImportEquiv& a, const CImportEquiv& b) {
     return a.loc != b.loc ? a.loc < b.loc
                           : std::tie(a.scope_name, a.ibytes) < std::tie(b.scope_name, b.ibytes);

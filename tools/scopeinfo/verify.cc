@@ -45,6 +45,9 @@ class CVerification {
 
   int Run() {
     WatchForInterrupt();
+    if (_fOptions.repair) {
+      _fDb->EnsureSound();
+    }
     CheckRows();
     if (!_fOptions.paths.empty()) {
       _fFound = standalone::FindPythonFiles(_fOptions.paths, _fLocCache);
@@ -83,7 +86,27 @@ class CVerification {
     Line("stale", Grouped(report.stale.size()));
     Tell(report.damaged, "damaged");
     Tell(report.stale, "that are stale");
-    _fIsGood = _fIsGood && report.damaged.empty();
+    if (!report.damaged.empty() && _fOptions.repair) {
+      DropDamaged(report);
+    } else if (!report.damaged.empty()) {
+      Complain("what is damaged is repaired by: scopeinfo verify --repair, or by the next index");
+      _fIsGood = false;
+    }
+  }
+
+  // Files whose rows are sound but cannot be made anything of.
+  void DropDamaged(const standalone::CRowCheckReport& report) {
+    std::vector<Loc> damaged;
+    for (const standalone::CPathNote& note : report.damaged) {
+      damaged.push_back(_fLocCache.GetLocationForPath(note.path));
+    }
+    if (_fDb->ClearInfoForFiles(damaged)) {
+      Complain(fmt::format("dropped what was stored of {}; scan again with: scopeinfo index PATH",
+                           Counted(damaged.size(), "file")));
+    } else {
+      Complain(_fDb->LastError());
+      _fIsGood = false;
+    }
   }
 
   void CheckFiles() {

@@ -42,6 +42,7 @@ CEngine::CEngine(CEngineOptions options)
                                     CScanRunner::Options{.threads = options.threads,
                                                          .max_file_bytes = options.max_file_bytes,
                                                          .notify = std::move(options.notify)});
+  _fRepairs = _fDb->RepairCount();
 }
 
 CEngine::~CEngine() {
@@ -60,6 +61,9 @@ scopeinfo::CScopeInfoPtr CEngine::Ask(Loc loc, TextView scope_name,
     scopeinfo::CScopeInfoPtr info = _fCache->GetScopeInfo(loc, scope_name, true, &needs_scan);
     if (round == kMostRounds) {
       return info;
+    }
+    if (HasLostStored()) {
+      continue;
     }
     _fScans->RequestForReader(needs_scan);
     if (!_fScans->IsBusy() || !RunScans(between)) {
@@ -82,11 +86,26 @@ std::vector<std::pair<Text, scopeinfo::CScopeInfoPtr>> CEngine::AskFile(
       infos.emplace_back(name, _fCache->GetScopeInfo(loc, name, false, &needs_scan));
       _fScans->RequestForReader(needs_scan);
     }
+    if (HasLostStored() && round != kMostRounds) {
+      continue;
+    }
     if (!_fScans->IsBusy() || round == kMostRounds || !RunScans(between)) {
       std::sort(infos.begin(), infos.end());
       return infos;
     }
   }
+}
+
+bool CEngine::HasLostStored() {
+  if (_fDb->RepairCount() == _fRepairs) {
+    return false;
+  }
+  _fRepairs = _fDb->RepairCount();
+  (void)_fDb->CheckForExternalChanges();
+  for (const Loc loc : _fDb->LostSources()) {
+    _fScans->RequestFile(loc);
+  }
+  return true;
 }
 
 bool CEngine::RunScans(const std::function<bool()>& between) {

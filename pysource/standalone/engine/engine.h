@@ -63,6 +63,10 @@ class CEngine {
   // `between` said to stop.
   bool RunScans(const std::function<bool()>& between = nullptr);
 
+  // After a read: whether the database has dropped something since the last call. Readers have then
+  // heard of it, and what other files had said of the dropped ones is being scanned again.
+  bool HasLostStored();
+
   // Closes an open buffer; what was not saved is forgotten, by the cache too.
   void CloseBuffer(Loc loc);
 
@@ -100,6 +104,7 @@ class CEngine {
   std::unique_ptr<CSqliteAnalysisDb> _fDb;
   std::unique_ptr<scopeinfo::CInfoCache> _fCache;
   std::unique_ptr<CScanRunner> _fScans;
+  size_t _fRepairs = 0;  // of the database, that readers have heard of
 };
 
 }  // namespace pysource::standalone

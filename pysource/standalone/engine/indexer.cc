@@ -79,6 +79,7 @@ CIndexReport CIndexer::Run(const CIndexRequest& request) {
   CIndexPlan plan;
   {
     const CStopwatch stopwatch(_fReport.plan_seconds);
+    _fEngine.Database().EnsureSound();
     plan = MakeIndexPlan(_fEngine.Database(), _fEngine.DiskTimes(), request.found);
     _fReport.not_stored = ForgetForPlan(_fEngine, plan);
   }

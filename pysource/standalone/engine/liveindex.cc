@@ -78,6 +78,8 @@ void CLiveIndex::ConnectToEngine() {
 }
 
 void CLiveIndex::Start() {
+  Guarded([this] { _fEngine->Database().EnsureSound(); });
+  _fEngine->Database().Distrust();
   _fWatcher = std::make_unique<CTreeWatcher>(
       _fLoop, CTreeWatcherOptions{
                   .on_changed = [this](const CTreeChanges& changes) { TakeChanges(changes); },

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "pysource/standalone/sqlitedb/filetable.h"
 #include "pysource/standalone/sqlitedb/schema.h"
 
 namespace pysource::standalone::sqlitedb {
@@ -10,11 +11,17 @@ namespace {
 // Own changes that are not in one run with others, before all is told as changed instead: 64 KB.
 constexpr size_t kMostOwnRuns = 4096;
 
+void CheckRow(CRowSum& sum, const CQuery& query) {
+  if (sum.Begin().Columns(query, 0, 2).Sum() != query.IntAt(3)) {
+    ThrowDamagedRow("a row of the log of changes is damaged");
+  }
+}
+
 }  // namespace
 
 CChangeLog::CChangeLog(CSqliteConnection& connection) : _fConnection(connection) {
   _fDataVersion = DataVersion();
-  _fSeen = Last();
+  _fSeen = Last().seq;
 }
 
 int64_t CChangeLog::DataVersion() {
@@ -22,10 +29,13 @@ int64_t CChangeLog::DataVersion() {
   return query.Step() ? query.IntAt(0) : 0;
 }
 
-// The last number in the log; 0 when it is empty.
-int64_t CChangeLog::Last() {
+CChangeLog::CLast CChangeLog::Last() {
   CQuery query = _fConnection.Use(EStatement::kLastChange);
-  return query.Step() ? query.IntAt(0) : 0;
+  if (!query.Step()) {
+    return {};
+  }
+  CheckRow(_fSum, query);
+  return {query.IntAt(0), query.IntAt(2)};
 }
 
 CFoundChanges CChangeLog::Find(CFileTable& files) {
@@ -36,13 +46,14 @@ CFoundChanges CChangeLog::Find(CFileTable& files) {
     found.report = "no changes";
     return found;
   }
-  const int64_t last = Last();
+  const int64_t last = Last().seq;
   if (!_fEverythingChanged && last > _fSeen) {
     // The numbers are without gaps, so a missing one says that the log was cut meanwhile.
     int64_t expected = _fSeen + 1;
     CQuery query = _fConnection.Use(EStatement::kChangesSince);
     query.Int(_fSeen).Int(last);
     while (query.Step() && query.IntAt(0) == expected) {
+      CheckRow(_fSum, query);
       if (!IsOwn(expected++)) {
         if (const Loc loc = files.LocOf(query.IntAt(1))) {
           found.files.insert(loc);
@@ -73,9 +84,22 @@ bool CChangeLog::HasHeardOf(int64_t seq) const {
          std::find(_fUncommitted.begin(), _fUncommitted.end(), seq) != _fUncommitted.end();
 }
 
+void CChangeLog::Recount() {
+  int64_t tally = 0;
+  const auto statement =
+      _fConnection.Prepare("SELECT sum FROM files UNION ALL SELECT sum FROM lost");
+  for (CQuery query(statement.get()); query.Step();) {
+    tally = AddSums(tally, query.IntAt(0));
+  }
+  _fTally = TakeSum(tally, Last().tally);
+}
+
 void CChangeLog::Add(int64_t file) {
-  _fConnection.Use(EStatement::kLogChange).Int(file).Run();
-  const int64_t seq = _fConnection.LastInsertId();
+  const CLast last = Last();
+  const int64_t seq = last.seq + 1;
+  const int64_t tally = AddSums(last.tally, std::exchange(_fTally, 0));
+  const int64_t sum = _fSum.Begin().Int(seq).Int(file).Int(tally).Sum();
+  _fConnection.Use(EStatement::kLogChange).Int(seq).Int(file).Int(tally).Int(sum).Run();
   if (seq % kChangesCutEvery == 0 && seq > kChangesKept) {
     _fConnection.Use(EStatement::kCutChanges).Int(seq - kChangesKept).Run();
   }

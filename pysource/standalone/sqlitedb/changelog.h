@@ -10,9 +10,11 @@
 
 #include "pysource/host/analysisdb.h"
 #include "pysource/standalone/sqlitedb/connection.h"
-#include "pysource/standalone/sqlitedb/filetable.h"
+#include "pysource/standalone/sqlitedb/rowsum.h"
 
 namespace pysource::standalone::sqlitedb {
+
+class CFileTable;
 
 // What the changes of other processes come to.
 struct CFoundChanges {
@@ -33,16 +35,34 @@ class CChangeLog {
   // Whether the entry of that number was found by a look, or made by this process.
   bool HasHeardOf(int64_t seq) const;
 
+  // The number that the next change gets. Within a transaction.
+  int64_t Next() { return Last().seq + 1; }
   // Enters a change of the file, within a transaction; Keep() or Undo() follows when it has ended.
+  // To be called last of all that is changed with it: it carries the tally of that.
   void Add(int64_t file);
   void Keep();
-  void Undo() { _fUncommitted.clear(); }
+  void Undo() {
+    _fUncommitted.clear();
+    _fTally = 0;
+  }
+  // A row of `files` or `lost` was put, or taken away, in the place of one of that sum; 0 for none.
+  void CountRow(int64_t new_sum, int64_t old_sum) {
+    _fTally = AddSums(_fTally, TakeSum(new_sum, old_sum));
+  }
   // What a batch has kept is undone after all.
   void ForgetOwn() { _fOwn.clear(); }
+  // Counts all rows anew, where what was counted is wrong.
+  void Recount();
+  // What was counted since the last Add().
+  int64_t Uncounted() const { return _fTally; }
 
  private:
   int64_t DataVersion();
-  int64_t Last();
+  struct CLast {
+    int64_t seq = 0;  // 0 when the log is empty
+    int64_t tally = 0;
+  };
+  CLast Last();
   bool IsOwn(int64_t seq) const;
 
   CSqliteConnection& _fConnection;
@@ -53,6 +73,8 @@ class CChangeLog {
   // Numbers after _fSeen of what this process did: runs from first to last.
   std::vector<std::pair<int64_t, int64_t>> _fOwn;
   std::vector<int64_t> _fUncommitted;  // those of the running transaction
+  int64_t _fTally = 0;                 // what was counted since the last Add()
+  CRowSum _fSum;
 };
 
 }  // namespace pysource::standalone::sqlitedb

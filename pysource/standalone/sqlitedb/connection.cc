@@ -13,12 +13,17 @@ namespace {
 // 1 << 20.
 static_assert(kPlaceSpan == 274877906944 && kScopeSpan == 1048576);
 #define PYSOURCE_ROWS_OF_FILE "r.id BETWEEN f.place AND f.place + 274877906943"
-#define PYSOURCE_ROW \
-  "r.scope, r.scan, r.scanned_file, r.scanned_scope, r.seen, r.classes, r.imports, r.data"
-#define PYSOURCE_PUT                                                              \
-  "INSERT OR REPLACE INTO records(id, scope, scan, scanned_file, scanned_scope, " \
+#define PYSOURCE_FILE \
+  "f.id, f.name, f.disk_time, f.scans_done, f.place, f.tally, f.foreign_tally, f.sum"
+#define PYSOURCE_HEAD                                                                  \
+  "r.id, r.sum, r.scope, r.scan, r.scanned_file, r.scanned_scope, r.seen, r.classes, " \
+  "r.imports, "
+#define PYSOURCE_ROW PYSOURCE_HEAD "r.data, " PYSOURCE_FILE
+#define PYSOURCE_ROW_WITHOUT_DATA PYSOURCE_HEAD "NULL, " PYSOURCE_FILE
+#define PYSOURCE_PUT                                                                   \
+  "INSERT OR REPLACE INTO records(id, sum, scope, scan, scanned_file, scanned_scope, " \
   "seen, classes, imports, data) VALUES "
-#define PYSOURCE_PUT_ROW "(?,?,?,?,?,?,?,?,?)"
+#define PYSOURCE_PUT_ROW "(?,?,?,?,?,?,?,?,?,?)"
 
 // CROSS JOIN fixes the order of the loops: the file first, then its range of rows.
 const char* SqlOf(EStatement statement) {
@@ -28,20 +33,20 @@ const char* SqlOf(EStatement statement) {
     case EStatement::kCommit:
       return "COMMIT";
     case EStatement::kFileById:
-      return "SELECT name, disk_time, scans_done, place FROM files WHERE id = ?";
-    case EStatement::kFileNameById:
-      return "SELECT name FROM files WHERE id = ?";
+      return "SELECT " PYSOURCE_FILE " FROM files f WHERE f.id = ?";
     case EStatement::kFilesByIds:
-      return "SELECT j.key, f.name, f.disk_time, f.scans_done FROM json_each(?) j "
-             "CROSS JOIN files f ON f.id = j.value";
+      return "SELECT " PYSOURCE_FILE
+             ", j.key FROM json_each(?) j CROSS JOIN files f ON f.id = j.value";
     case EStatement::kAddFile:
-      return "INSERT INTO files(id, name, disk_time, scans_done, place) VALUES(?, ?, ?, ?, ?)";
+      return "INSERT INTO files(id, name, disk_time, scans_done, place, tally, foreign_tally, sum) "
+             "VALUES(?, ?, ?, ?, ?, ?, ?, ?)";
     case EStatement::kSetFile:
-      return "UPDATE files SET disk_time = ?2, scans_done = ?3, place = ?4 WHERE id = ?1";
+      return "UPDATE files SET name = ?2, disk_time = ?3, scans_done = ?4, place = ?5, tally = ?6, "
+             "foreign_tally = ?7, sum = ?8 WHERE id = ?1";
     case EStatement::kLastRecordId:
       return "SELECT max(id) FROM records";
     case EStatement::kRecordKeys:
-      return "SELECT id, scope, scan, scanned_file, scanned_scope FROM records "
+      return "SELECT id, sum, scope, scan, scanned_file, scanned_scope FROM records "
              "WHERE id BETWEEN ? AND ?";
     case EStatement::kPutRecord:
       return PYSOURCE_PUT PYSOURCE_PUT_ROW;
@@ -52,13 +57,13 @@ const char* SqlOf(EStatement statement) {
           "," PYSOURCE_PUT_ROW "," PYSOURCE_PUT_ROW "," PYSOURCE_PUT_ROW;
     case EStatement::kDropRecords:
       return "DELETE FROM records WHERE id BETWEEN ? AND ?";
+    case EStatement::kLostSources:
+      return "SELECT DISTINCT f.id FROM records r JOIN files f ON f.id = r.scanned_file "
+             "WHERE r.id BETWEEN ? AND ? AND f.disk_time IS NOT NULL";
     case EStatement::kNoteLost:
-      return "INSERT OR REPLACE INTO lost SELECT DISTINCT f.id, ?3, "
-             "(SELECT coalesce(max(seq), 0) + 1 FROM changes) FROM records r JOIN files f ON f.id "
-             "= r.scanned_file "
-             "WHERE r.id BETWEEN ?1 AND ?2 AND f.disk_time IS NOT NULL";
+      return "INSERT OR REPLACE INTO lost(source, target, seq, sum) VALUES(?, ?, ?, ?)";
     case EStatement::kLostOf:
-      return "SELECT target, seq FROM lost WHERE source = ?";
+      return "SELECT source, target, seq, sum FROM lost WHERE source = ?";
     case EStatement::kForgetLost:
       return "DELETE FROM lost WHERE source = ? AND target = ?";
     case EStatement::kContentOf:
@@ -66,43 +71,44 @@ const char* SqlOf(EStatement statement) {
     case EStatement::kPutContent:
       return "INSERT OR REPLACE INTO contents(file, seal, disk_time) VALUES(?, ?, ?)";
     case EStatement::kLogChange:
-      return "INSERT INTO changes(file) VALUES(?)";
+      return "INSERT INTO changes(seq, file, tally, sum) VALUES(?, ?, ?, ?)";
     case EStatement::kCutChanges:
       return "DELETE FROM changes WHERE seq <= ?";
+    // A file without rows gives one, of its own columns.
     case EStatement::kScopeNames:
-      return "SELECT r.scope FROM files f CROSS JOIN records r ON " PYSOURCE_ROWS_OF_FILE
-             " WHERE f.id = ? AND f.disk_time = ? AND r.scan = ?";
+      return "SELECT " PYSOURCE_ROW_WITHOUT_DATA
+             " FROM files f LEFT JOIN records r ON " PYSOURCE_ROWS_OF_FILE " WHERE f.id = ?";
     case EStatement::kRecordsAll:
-      return "SELECT " PYSOURCE_ROW " FROM files f CROSS JOIN records r ON " PYSOURCE_ROWS_OF_FILE
-             " WHERE f.id = ? AND f.disk_time = ?";
+      return "SELECT " PYSOURCE_ROW " FROM files f LEFT JOIN records r ON " PYSOURCE_ROWS_OF_FILE
+             " WHERE f.id = ?";
     case EStatement::kRecordsOne:
       return "SELECT " PYSOURCE_ROW
-             " FROM files f CROSS JOIN records r "
-             "ON r.id BETWEEN f.place + ?3 AND f.place + ?3 + 1048575 "
-             "WHERE f.id = ?1 AND f.disk_time = ?2";
+             " FROM files f LEFT JOIN records r "
+             "ON r.id BETWEEN f.place + ?2 AND f.place + ?2 + 1048575 "
+             "WHERE f.id = ?1";
     case EStatement::kRecordsMany:
       return "SELECT " PYSOURCE_ROW
-             " FROM files f CROSS JOIN json_each(?3) j CROSS JOIN records r "
+             " FROM files f CROSS JOIN json_each(?2) j LEFT JOIN records r "
              "ON r.id BETWEEN f.place + j.value AND f.place + j.value + 1048575 "
-             "WHERE f.id = ?1 AND f.disk_time = ?2";
-    case EStatement::kImports:
-      return "SELECT j.key, r.scope, r.imports FROM json_each(?) j "
-             "CROSS JOIN files f ON f.id = j.value CROSS JOIN records r ON " PYSOURCE_ROWS_OF_FILE
-             " WHERE r.scan = ? AND r.imports IS NOT NULL";
-    case EStatement::kClasses:
-      return "SELECT j.key, r.scope, r.classes FROM json_each(?) j "
-             "CROSS JOIN files f ON f.id = j.value CROSS JOIN records r ON " PYSOURCE_ROWS_OF_FILE
-             " WHERE r.scan = ? AND r.classes IS NOT NULL";
+             "WHERE f.id = ?1";
+    case EStatement::kEquivs:
+      return "SELECT " PYSOURCE_ROW_WITHOUT_DATA
+             ", j.key FROM json_each(?) j CROSS JOIN files f ON f.id = j.value "
+             "LEFT JOIN records r ON " PYSOURCE_ROWS_OF_FILE;
+    // One statement, and so of one moment.
+    case EStatement::kFilesTally:
+      return "SELECT sum, 0 FROM files UNION ALL SELECT sum, 0 FROM lost UNION ALL "
+             "SELECT tally, 1 FROM (SELECT tally FROM changes ORDER BY seq DESC LIMIT 1)";
     case EStatement::kScans:
-      return "SELECT id, name FROM scans";
+      return "SELECT id, name, sum FROM scans";
     case EStatement::kAddScan:
-      return "INSERT INTO scans(name) VALUES(?)";
+      return "INSERT INTO scans(id, name, sum) VALUES(?, ?, ?)";
     case EStatement::kDataVersion:
       return "PRAGMA data_version";
     case EStatement::kLastChange:
-      return "SELECT max(seq) FROM changes";
+      return "SELECT seq, file, tally, sum FROM changes ORDER BY seq DESC LIMIT 1";
     case EStatement::kChangesSince:
-      return "SELECT seq, file FROM changes WHERE seq > ? AND seq <= ?";
+      return "SELECT seq, file, tally, sum FROM changes WHERE seq > ? AND seq <= ?";
     case EStatement::kCount:
       break;
   }
@@ -111,6 +117,12 @@ const char* SqlOf(EStatement statement) {
 
 #undef PYSOURCE_ROWS_OF_FILE
 #undef PYSOURCE_ROW
+#undef PYSOURCE_ROW_WITHOUT_DATA
+#undef PYSOURCE_HEAD
+#undef PYSOURCE_FILE
+
+// No record comes near it; SQLite's own limit is 1 GB, which a damaged length would take.
+constexpr int kMaxValueBytes = 64 << 20;
 
 }  // namespace
 
@@ -118,6 +130,8 @@ bool CSqliteFailure::IsDamage() const {
   const int primary = fCode & 0xFF;
   return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB;
 }
+
+void ThrowDamagedRow(const std::string& what) { throw CSqliteFailure(SQLITE_CORRUPT, what); }
 
 Text JsonArray(const std::vector<int64_t>& values) {
   Text json = "[";
@@ -224,6 +238,15 @@ CSqliteConnection::CSqliteConnection(const std::string& path, int flags) {
     throw failure;
   }
   sqlite3_extended_result_codes(_fDb, 1);
+  // The file may be anything: nothing in it is run, and nothing that it claims is believed to be
+  // bigger than a record can be.
+  sqlite3_db_config(_fDb, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+  sqlite3_db_config(_fDb, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+  sqlite3_db_config(_fDb, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
+  sqlite3_db_config(_fDb, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
+  sqlite3_limit(_fDb, SQLITE_LIMIT_LENGTH, kMaxValueBytes);
+  sqlite3_limit(_fDb, SQLITE_LIMIT_ATTACHED, 0);
+  sqlite3_exec(_fDb, "PRAGMA cell_size_check = ON", nullptr, nullptr, nullptr);
   sqlite3_busy_handler(_fDb, &CSqliteConnection::Busy, this);
 }
 

@@ -28,6 +28,9 @@ class CSqliteFailure : public CError {
   const int fCode;  // SQLite's result code, extended
 };
 
+// For a row that is not what a save has written: a failure like any other damage.
+[[noreturn]] void ThrowDamagedRow(const std::string& what);
+
 // One execution of a statement: bind, step, read. Ends it (and lets go of its locks) when it goes.
 class CQuery {
  public:
@@ -78,7 +81,6 @@ enum class EStatement {
   kBegin,
   kCommit,
   kFileById,
-  kFileNameById,
   kFilesByIds,
   kAddFile,
   kSetFile,
@@ -87,6 +89,7 @@ enum class EStatement {
   kPutRecord,
   kPutRecords,
   kDropRecords,
+  kLostSources,
   kNoteLost,
   kLostOf,
   kForgetLost,
@@ -98,8 +101,8 @@ enum class EStatement {
   kRecordsAll,
   kRecordsOne,
   kRecordsMany,
-  kImports,
-  kClasses,
+  kEquivs,
+  kFilesTally,
   kScans,
   kAddScan,
   kDataVersion,

@@ -1,30 +1,78 @@
 #include "pysource/standalone/sqlitedb/filetable.h"
 
+#include "pysource/host/repr.h"
+#include "pysource/standalone/sqlitedb/changelog.h"
 #include "pysource/standalone/sqlitedb/schema.h"
 
 namespace pysource::standalone::sqlitedb {
 
-CFileRow CFileTable::Find(Loc loc) {
+CFileRow CFileTable::RowAt(const CQuery& query, int first) {
   CFileRow row;
+  row.known = true;
+  row.id = query.IntAt(first);
+  row.name = query.ViewAt(first + 1);
+  row.sum = query.IntAt(first + 7);
+  if (_fSum.Begin().Columns(query, first, first + 6).Sum() != row.sum) {
+    ThrowDamagedRow("the row of the file " + Repr(row.name) + " is damaged");
+  }
+  row.disk_time = query.OptionalDoubleAt(first + 2);
+  if (!query.IsNull(first + 3)) {
+    row.scans_done = query.ViewAt(first + 3);
+  }
+  row.place = query.IntAt(first + 4);  // 0 for NULL
+  row.tally = query.IntAt(first + 5);
+  row.foreign_tally = query.IntAt(first + 6);
+  return row;
+}
+
+int64_t CFileTable::SumOf(int64_t id, TextView name, const CFileState& state) {
+  _fSum.Begin().Int(id).TextOf(name);
+  state.disk_time ? _fSum.Double(*state.disk_time) : _fSum.Null();
+  state.scans_done ? _fSum.TextOf(*state.scans_done) : _fSum.Null();
+  state.place != 0 ? _fSum.Int(state.place) : _fSum.Null();
+  return _fSum.Int(state.tally).Int(state.foreign_tally).Sum();
+}
+
+CFileRow CFileTable::Find(Loc loc) {
   const auto known = _fIds.find(loc);
   const Text name = known == _fIds.end() ? _fNames.NameOf(*loc) : Text();
+  CFileRow row;
   row.id = known == _fIds.end() ? FirstFileId(name) : known->second;
   for (;; row.id = NextFileId(row.id)) {
     CQuery query = _fConnection.Use(EStatement::kFileById);
     if (!query.Int(row.id).Step()) {
+      if (known != _fIds.end()) {
+        ThrowDamagedRow("the row of " + loc->fUrl + " is missing");
+      }
+      if (_fLocs.contains(row.id)) {
+        continue;  // reserved
+      }
+      CheckThatNoneIsMissing();
       return row;
     }
-    if (known != _fIds.end() || query.ViewAt(0) == name) {
-      row.known = true;
-      row.disk_time = query.OptionalDoubleAt(1);
-      if (!query.IsNull(2)) {
-        row.scans_done = query.ViewAt(2);
-      }
-      row.place = query.IntAt(3);  // 0 for NULL
+    if (known != _fIds.end() || query.ViewAt(1) == name) {
+      row = RowAt(query, 0);
       Note(loc, row.id, false);
       return row;
     }
+    (void)RowAt(query, 0);  // that it is another file's, and not ours with a damaged name
   }
+}
+
+void CFileTable::CheckThatNoneIsMissing() {
+  if (_fNoneIsMissing) {
+    return;
+  }
+  int64_t tally = 0;
+  CQuery query = _fConnection.Use(EStatement::kFilesTally);
+  while (query.Step()) {
+    tally = query.IntAt(1) == 0 ? AddSums(tally, query.IntAt(0)) : TakeSum(tally, query.IntAt(0));
+  }
+  // Within a transaction, what it has put so far is not in the log yet.
+  if (tally != _fChanges.Uncounted()) {
+    ThrowDamagedRow("the row of a file is missing");
+  }
+  _fNoneIsMissing = true;
 }
 
 void CFileTable::FindEach(const std::vector<Loc>& locs,
@@ -43,24 +91,23 @@ void CFileTable::FindEach(const std::vector<Loc>& locs,
   }
   const Text json = JsonArray(ids);
   std::vector<size_t> elsewhere;
+  size_t rows = 0;
   {
     CQuery query = _fConnection.Use(EStatement::kFilesByIds);
     query.TextOf(json);
     while (query.Step()) {
-      const auto index = static_cast<size_t>(query.IntAt(0));
-      if (query.ViewAt(1) != names[index]) {
+      ++rows;
+      const auto index = static_cast<size_t>(query.IntAt(8));
+      const CFileRow row = RowAt(query, 0);
+      if (row.name != names[index]) {
         elsewhere.push_back(index);
         continue;
       }
-      CFileRow row;
-      row.id = ids[index];
-      row.known = true;
-      row.disk_time = query.OptionalDoubleAt(2);
-      if (!query.IsNull(3)) {
-        row.scans_done = query.ViewAt(3);
-      }
       found(index, row);
     }
+  }
+  if (rows != locs.size()) {
+    CheckThatNoneIsMissing();
   }
   // Another file has taken the first number of these.
   for (const size_t index : elsewhere) {
@@ -94,15 +141,36 @@ std::vector<std::optional<int64_t>> CFileTable::IdsOf(const std::vector<Loc>& lo
   return ids;
 }
 
+CFileRow CFileTable::RowToRepair(int64_t id) {
+  CQuery query = _fConnection.Use(EStatement::kFileById);
+  if (!query.Int(id).Step()) {
+    ThrowDamagedRow("the row of a file is missing");
+  }
+  try {
+    return RowAt(query, 0);
+  } catch (const CSqliteFailure&) {
+    CFileRow row;
+    row.known = true;
+    row.id = id;
+    row.name = query.ViewAt(1);
+    row.sum = query.IntAt(7);
+    return row;
+  }
+}
+
+bool CFileTable::Has(int64_t id) {
+  return _fLocs.contains(id) || _fConnection.Use(EStatement::kFileById).Int(id).Step();
+}
+
 Loc CFileTable::LocOf(int64_t id) {
   if (const auto known = _fLocs.find(id); known != _fLocs.end()) {
     return known->second;
   }
-  CQuery query = _fConnection.Use(EStatement::kFileNameById);
+  CQuery query = _fConnection.Use(EStatement::kFileById);
   if (!query.Int(id).Step()) {
     return {};
   }
-  const Loc loc = LocOfName(query.ViewAt(0));
+  const Loc loc = LocOfName(RowAt(query, 0).name);
   if (loc) {
     Note(loc, id, false);
   }
@@ -120,29 +188,25 @@ int64_t CFileTable::IdToStore(Loc loc) {
   }
   const CFileRow row = Find(loc);
   if (!row.known) {
-    const Text name = _fNames.NameOf(*loc);
-    _fConnection.Use(EStatement::kAddFile).Int(row.id).TextOf(name).Null().Null().Null().Run();
-    Note(loc, row.id, true);
+    Put(loc, row, CFileState());
   }
   return row.id;
 }
 
-void CFileTable::Put(Loc loc, const CFileRow& row, DiskTime disk_time, TextView scans_done,
-                     int64_t place) {
-  CQuery query = _fConnection.Use(row.known ? EStatement::kSetFile : EStatement::kAddFile);
-  query.Int(row.id);
-  Text name;
-  if (!row.known) {
-    name = _fNames.NameOf(*loc);
-    query.TextOf(name);
-  }
-  query.Double(disk_time).TextOf(scans_done);
-  (place == 0 ? query.Null() : query.Int(place)).Run();
+void CFileTable::Put(Loc loc, const CFileRow& row, const CFileState& state) {
+  PutRow(row, row.known ? row.name : _fNames.NameOf(*loc), state);
   Note(loc, row.id, true);
 }
 
-void CFileTable::Clear(int64_t id) {
-  _fConnection.Use(EStatement::kSetFile).Int(id).Null().Null().Null().Run();
+void CFileTable::PutRow(const CFileRow& row, TextView name, const CFileState& state) {
+  const int64_t sum = SumOf(row.id, name, state);
+  CQuery query = _fConnection.Use(row.known ? EStatement::kSetFile : EStatement::kAddFile);
+  query.Int(row.id).TextOf(name);
+  state.disk_time ? query.Double(*state.disk_time) : query.Null();
+  state.scans_done ? query.TextOf(*state.scans_done) : query.Null();
+  state.place != 0 ? query.Int(state.place) : query.Null();
+  query.Int(state.tally).Int(state.foreign_tally).Int(sum).Run();
+  _fChanges.CountRow(sum, row.sum);
 }
 
 void CFileTable::Note(Loc loc, int64_t id, bool is_new) {
@@ -171,6 +235,7 @@ void CFileTable::Undo() {
 void CFileTable::Forget() {
   _fIds.clear();
   _fLocs.clear();
+  _fNoneIsMissing = false;
 }
 
 }  // namespace pysource::standalone::sqlitedb

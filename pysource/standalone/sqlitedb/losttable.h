@@ -14,7 +14,7 @@ namespace pysource::standalone::sqlitedb {
 
 class CLostTable {
  public:
-  CLostTable(CSqliteConnection& connection, const CChangeLog& changes)
+  CLostTable(CSqliteConnection& connection, CChangeLog& changes)
       : _fConnection(connection), _fChanges(changes) {}
 
   // The files of which something is lost.
@@ -32,8 +32,16 @@ class CLostTable {
   void Forget(int64_t source, std::optional<int64_t> target = std::nullopt);
 
  private:
+  struct CRow {
+    int64_t target = 0;
+    int64_t seq = 0;
+    int64_t sum = 0;
+  };
+  std::vector<CRow> RowsOf(int64_t source);
+
   CSqliteConnection& _fConnection;
-  const CChangeLog& _fChanges;
+  CChangeLog& _fChanges;
+  CRowSum _fSum;
 };
 
 }  // namespace pysource::standalone::sqlitedb

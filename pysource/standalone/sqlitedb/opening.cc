@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <set>
+#include <string_view>
 #include <system_error>
 
 #include "pysource/standalone/sqlitedb/schema.h"
@@ -29,39 +31,55 @@ struct CInspection {
   int64_t version = 0;
 };
 
+// The statements of kSchema, as SQLite keeps them.
+std::set<std::string> SchemaStatements() {
+  std::set<std::string> statements;
+  const std::string_view schema = kSchema;
+  for (size_t begin = schema.find("CREATE"); begin != std::string_view::npos;) {
+    const size_t end = schema.find(';', begin);
+    statements.emplace(schema.substr(begin, end - begin));
+    begin = schema.find("CREATE", end);
+  }
+  return statements;
+}
+
 // To be called within a transaction. Few statements: this is a good part of what it costs to look
 // up one scope in a new process.
 CInspection InspectInTransaction(CSqliteConnection& connection) {
   const int64_t program = connection.IntOf("PRAGMA application_id");
   const int64_t version = connection.IntOf("PRAGMA user_version");
-  int64_t tables = 0;
-  int64_t ours = 0;
+  const std::set<std::string> ours = SchemaStatements();
+  size_t found = 0;
+  size_t others = 0;
+  size_t of_our_names = 0;
   {
     const auto statement = connection.Prepare(
-        "SELECT count(*), sum(type = 'table' AND name IN ('files', 'scans', 'records', 'changes', "
-        "'lost', 'contents')) FROM sqlite_master");
-    CQuery query(statement.get());
-    query.Step();
-    tables = query.IntAt(0);
-    ours = query.IntAt(1);
+        "SELECT sql, name IN ('files', 'scans', 'records', 'changes', 'lost') FROM sqlite_master");
+    for (CQuery query(statement.get()); query.Step();) {
+      (ours.contains(std::string(query.ViewAt(0))) ? found : others) += 1;
+      of_our_names += query.IntAt(1) != 0 ? 1 : 0;
+    }
   }
-  if (program == 0 && version == 0 && tables == 0) {
+  if (program == 0 && version == 0 && found + others == 0) {
+    if (connection.IntOf("PRAGMA page_count") > 1) {
+      throw CSqliteFailure(SQLITE_CORRUPT, "it has pages, but no tables");
+    }
     return {EContent::kEmpty, version};
   }
+  const bool is_exact = found == ours.size() && others == 0;
   if (program != kApplicationId) {
+    // Ours with a damaged header, where enough of it says so.
+    if (is_exact || of_our_names >= 3) {
+      throw CSqliteFailure(SQLITE_CORRUPT, "its header does not say that it is ours");
+    }
     return {EContent::kOtherProgram, version};
   }
   if (version != kSchemaVersion) {
     return {EContent::kOtherVersion, version};
   }
-  if (ours != kTableCount) {
-    throw CSqliteFailure(SQLITE_CORRUPT, "a table is missing");
+  if (!is_exact) {
+    throw CSqliteFailure(SQLITE_CORRUPT, "its tables are not those of this program");
   }
-  // The first page of each: what is damaged there would fail every operation.
-  connection.IntOf(
-      "SELECT EXISTS(SELECT id FROM files) + EXISTS(SELECT id FROM scans) + "
-      "EXISTS(SELECT id FROM records) + EXISTS(SELECT seq FROM changes) + "
-      "EXISTS(SELECT source FROM lost) + EXISTS(SELECT file FROM contents)");
   return {EContent::kOurs, version};
 }
 
@@ -135,14 +153,32 @@ void CheckPlace(const std::string& path, const std::string& shown) {
     }
     return;
   }
-  std::error_code error;
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), error);
-  if (error) {
-    throw CValueError(shown + ": the folder of the database cannot be made: " + error.message());
+  if (!MakePrivateFolders(std::filesystem::path(path).parent_path().string())) {
+    throw CValueError(shown +
+                      ": the folder of the database cannot be made: " + std::strerror(errno));
+  }
+  // Made here, since SQLite would make it for everybody to read. What it makes beside it gets the
+  // same rights. That it cannot be made, SQLite says better.
+  const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd >= 0) {
+    close(fd);
   }
 }
 
 }  // namespace
+
+bool MakePrivateFolders(const std::string& folder) {
+  std::error_code error;
+  if (folder.empty() || std::filesystem::is_directory(folder, error)) {
+    return true;
+  }
+  if (Exists(folder)) {
+    errno = ENOTDIR;
+    return false;
+  }
+  return MakePrivateFolders(std::filesystem::path(folder).parent_path().string()) &&
+         (mkdir(folder.c_str(), 0700) == 0 || errno == EEXIST);
+}
 
 CFileIdentity IdentityOf(const std::string& path) {
   struct stat status {};
@@ -221,6 +257,7 @@ COpenDatabase OpenDatabase(const std::string& path, const std::string& shown) {
             throw CValueError(shown + ": the database is empty and cannot be written");
           }
           MakeTables(*connection);
+          result.is_new = true;
           inspection = Inspect(*connection);
           if (inspection.content != EContent::kOurs) {
             continue;

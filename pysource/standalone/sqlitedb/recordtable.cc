@@ -8,6 +8,7 @@
 
 #include "pysource/host/errors.h"
 #include "pysource/host/logger.h"
+#include "pysource/host/repr.h"
 #include "pysource/host/symbolinfo/scopenames.h"
 #include "pysource/standalone/sqlitedb/schema.h"
 
@@ -68,21 +69,95 @@ bool SeenItselfOnly(const CDatabaseRecord& record, Loc for_loc, DiskTime disk_ti
 
 // ---- Reading
 
+void CRecordTable::CheckTallies(const CFileRow& file, const CTallies& tallies) {
+  if (file.tally != tallies.all || file.foreign_tally != tallies.foreign) {
+    ThrowDamagedRow("records of the file " + Repr(file.name) + " are missing");
+  }
+}
+
+bool CRecordTable::IsSoundButForData(const CQuery& query, int64_t file) {
+  return _fSum.Begin().Int(file).Column(query, 0).Columns(query, 2, 8).IsUpperOf(query.IntAt(1));
+}
+
+bool CRecordTable::IsDataSound(const CQuery& query) {
+  return CRowSum::IsLowerOf(query.IntAt(1), query.ViewAt(9), query.IntAt(0));
+}
+
 std::vector<Text> CRecordTable::ReadScopeNames(Loc loc, TextView scan, DiskTime disk_time) {
   std::vector<Text> names;
-  const auto file = _fFiles.IdOf(loc);
-  const auto scan_id = _fScans.IdOf(scan);
-  if (!file || !scan_id) {
+  const auto id = _fFiles.IdOf(loc);
+  if (!id) {
     return names;
   }
+  CTallies tallies;
+  std::optional<CFileRow> file;
   CQuery query = _fConnection.Use(EStatement::kScopeNames);
-  query.Int(*file).Double(disk_time).Int(*scan_id);
+  query.Int(*id);
   while (query.Step()) {
-    names.emplace_back(query.ViewAt(0));
+    if (!file) {
+      file = FileOf(query);
+      if (file->disk_time != disk_time) {
+        return names;
+      }
+    }
+    if (query.IsNull(0)) {
+      break;
+    }
+    const Text* const row_scan = query.IsNull(3) ? nullptr : _fScans.NameOf(query.IntAt(3));
+    if (!IsSoundButForData(query, *id) || (row_scan == nullptr && !query.IsNull(3))) {
+      ThrowDamagedRow("a record of the file " + Repr(file->name) + " is damaged");
+    }
+    tallies.Count(query.IntAt(1), !query.IsNull(4));
+    if (row_scan != nullptr && *row_scan == scan) {
+      names.emplace_back(query.ViewAt(2));
+    }
   }
+  if (!file) {
+    ThrowDamagedRow("the row of " + loc->fUrl + " is missing");
+  }
+  CheckTallies(*file, tallies);
   std::sort(names.begin(), names.end());
   names.erase(std::unique(names.begin(), names.end()), names.end());
   return names;
+}
+
+void CRecordTable::ReadFrom(CQuery& query, const CWanted& wanted, Loc loc, DiskTime disk_time,
+                            std::vector<CDatabaseRecord>& records) {
+  std::optional<CFileRow> file;
+  CTallies tallies;
+  while (query.Step()) {
+    if (!file) {
+      file = FileOf(query);
+      if (file->disk_time != disk_time) {
+        return;
+      }
+    }
+    if (query.IsNull(0)) {
+      continue;
+    }
+    tallies.Count(query.IntAt(1), !query.IsNull(4));
+    CDatabaseRecord record;
+    const CRowFault fault = ReadRow(query, file->id, loc, disk_time, record);
+    if (!fault.text.empty() && fault.is_damaged) {
+      ThrowDamagedRow("the file " + Repr(file->name) + ", scope " + Repr(record.for_scope) + ": " +
+                      fault.text);
+    }
+    const auto scan = query.OptionalIntAt(3);
+    if (!scan || std::find(wanted.scans.begin(), wanted.scans.end(), *scan) == wanted.scans.end() ||
+        (!wanted.all &&
+         !std::binary_search(wanted.scopes.begin(), wanted.scopes.end(), query.ViewAt(2)))) {
+      continue;
+    }
+    if (fault.text.empty()) {
+      records.push_back(std::move(record));
+    } else {
+      CriticalLog("%s: a row was left out: %s, scope %r: %s", _fShown, loc->fUrl, record.for_scope,
+                  fault.text);
+    }
+  }
+  if (file && wanted.all) {
+    CheckTallies(*file, tallies);
+  }
 }
 
 std::vector<CDatabaseRecord> CRecordTable::Read(Loc loc, const std::vector<Text>& scan_names,
@@ -93,62 +168,43 @@ std::vector<CDatabaseRecord> CRecordTable::Read(Loc loc, const std::vector<Text>
   if (!file) {
     return records;
   }
-  std::vector<int64_t> scans;
+  CWanted wanted;
   for (const Text& name : scan_names) {
     if (const auto scan = _fScans.IdOf(name)) {
-      scans.push_back(*scan);
+      wanted.scans.push_back(*scan);
     }
   }
-  std::vector<TextView> scopes(scope_names.begin(), scope_names.end());
-  std::sort(scopes.begin(), scopes.end());
-  const bool all = std::binary_search(scopes.begin(), scopes.end(), kWildcardScope);
-  if (scans.empty() || scopes.empty()) {
+  wanted.scopes.assign(scope_names.begin(), scope_names.end());
+  std::sort(wanted.scopes.begin(), wanted.scopes.end());
+  wanted.all = std::binary_search(wanted.scopes.begin(), wanted.scopes.end(), kWildcardScope);
+  if (wanted.scans.empty() || wanted.scopes.empty()) {
     return records;
   }
-
-  const auto read = [&](CQuery& query) {
-    while (query.Step()) {
-      const auto scan = query.OptionalIntAt(1);
-      if (scan && std::find(scans.begin(), scans.end(), *scan) != scans.end() &&
-          (all || std::binary_search(scopes.begin(), scopes.end(), query.ViewAt(0)))) {
-        CDatabaseRecord record;
-        if (const Text error = ReadRow(query, 0, loc, disk_time, record); error.empty()) {
-          records.push_back(std::move(record));
-        } else {
-          CriticalLog("%s: a damaged row was left out: %s, scope %r: %s", _fShown, loc->fUrl,
-                      record.for_scope, error);
-        }
-      }
-    }
-  };
-  if (all) {
+  if (wanted.all) {
     CQuery query = _fConnection.Use(EStatement::kRecordsAll);
-    read(query.Int(*file).Double(disk_time));
-  } else if (scopes.size() == 1) {
+    ReadFrom(query.Int(*file), wanted, loc, disk_time, records);
+  } else if (wanted.scopes.size() == 1) {
     CQuery query = _fConnection.Use(EStatement::kRecordsOne);
-    read(query.Int(*file).Double(disk_time).Int(ScopeOffset(scopes[0])));
+    query.Int(*file).Int(ScopeOffset(wanted.scopes[0]));
+    ReadFrom(query, wanted, loc, disk_time, records);
   } else {
     // Two names of one hash are one range.
     std::vector<int64_t> offsets;
-    offsets.reserve(scopes.size());
-    for (const TextView scope : scopes) {
+    offsets.reserve(wanted.scopes.size());
+    for (const TextView scope : wanted.scopes) {
       offsets.push_back(ScopeOffset(scope));
     }
     std::sort(offsets.begin(), offsets.end());
     offsets.erase(std::unique(offsets.begin(), offsets.end()), offsets.end());
     const Text json = JsonArray(offsets);
     CQuery query = _fConnection.Use(EStatement::kRecordsMany);
-    read(query.Int(*file).Double(disk_time).TextOf(json));
+    ReadFrom(query.Int(*file).TextOf(json), wanted, loc, disk_time, records);
   }
   return Sorted(std::move(records));
 }
 
-void CRecordTable::ReadEquivs(EStatement statement, const std::vector<Loc>& locs, TextView scan,
+void CRecordTable::ReadEquivs(EEquivs equivs, const std::vector<Loc>& locs, TextView scan,
                               const std::function<void(size_t, const Text&, const Bytes&)>& take) {
-  const auto scan_id = _fScans.IdOf(scan);
-  if (!scan_id) {
-    return;
-  }
   std::vector<int64_t> asked;
   std::vector<size_t> asked_index;
   const auto ids = _fFiles.IdsOf(locs);
@@ -158,62 +214,101 @@ void CRecordTable::ReadEquivs(EStatement statement, const std::vector<Loc>& locs
       asked_index.push_back(i);
     }
   }
+  const auto scan_id = _fScans.IdOf(scan);
+  const int column = static_cast<int>(equivs);
   std::vector<std::tuple<size_t, Text, Bytes>> found;
   const Text json = JsonArray(asked);
-  CQuery query = _fConnection.Use(statement);
-  query.TextOf(json).Int(*scan_id);
+  CQuery query = _fConnection.Use(EStatement::kEquivs);
+  query.TextOf(json);
+  std::optional<CFileRow> file;
+  int64_t key = -1;
+  CTallies tallies;
+  size_t files = 0;
+  const auto end_file = [&] {
+    if (file) {
+      ++files;
+      CheckTallies(*file, tallies);
+    }
+    tallies = {};
+  };
   while (query.Step()) {
-    found.emplace_back(asked_index[static_cast<size_t>(query.IntAt(0))], query.ViewAt(1),
-                       query.ViewAt(2));
+    if (query.IntAt(kFileColumn + 8) != key) {
+      end_file();
+      key = query.IntAt(kFileColumn + 8);
+      file = FileOf(query);
+    }
+    if (query.IsNull(0)) {
+      continue;
+    }
+    if (!IsSoundButForData(query, file->id)) {
+      ThrowDamagedRow("a record of the file " + Repr(file->name) + " is damaged");
+    }
+    tallies.Count(query.IntAt(1), !query.IsNull(4));
+    if (scan_id && query.OptionalIntAt(3) == scan_id && !query.IsNull(column)) {
+      found.emplace_back(asked_index[static_cast<size_t>(key)], query.ViewAt(2),
+                         query.ViewAt(column));
+    }
+  }
+  end_file();
+  if (files != asked.size()) {
+    ThrowDamagedRow("the row of a file is missing");
   }
   std::stable_sort(found.begin(), found.end(), [](const auto& a, const auto& b) {
     return std::tie(std::get<0>(a), std::get<1>(a)) < std::tie(std::get<0>(b), std::get<1>(b));
   });
-  for (const auto& [index, scope, equivs] : found) {
-    take(index, scope, equivs);
+  for (const auto& [index, scope, bytes] : found) {
+    take(index, scope, bytes);
   }
 }
 
-Text CRecordTable::ReadRow(CQuery& query, int first, Loc for_loc, DiskTime disk_time,
-                           CDatabaseRecord& record) {
+CRowFault CRecordTable::ReadRow(CQuery& query, int64_t file, Loc for_loc, DiskTime disk_time,
+                                CDatabaseRecord& record) {
   record.for_loc = for_loc;
-  record.for_scope = query.ViewAt(first);
-  record.class_equivs = query.ViewAt(first + 5);
-  record.import_equivs = query.ViewAt(first + 6);
-  record.data = query.ViewAt(first + 7);
-  if (const auto scan = query.OptionalIntAt(first + 1)) {
+  record.for_scope = query.ViewAt(2);
+  if (!IsSoundButForData(query, file) || !IsDataSound(query)) {
+    return {"its checksum does not fit"};
+  }
+  record.class_equivs = query.ViewAt(7);
+  record.import_equivs = query.ViewAt(8);
+  record.data = query.ViewAt(9);
+  if (const auto scan = query.OptionalIntAt(3)) {
     const Text* const name = _fScans.NameOf(*scan);
     if (name == nullptr) {
-      return "its scan " + std::to_string(*scan) + " is not known";
+      return {"its scan " + std::to_string(*scan) + " is not known"};
     }
     record.scan_name = *name;
   }
   record.scanned_loc = for_loc;
-  if (const auto file = query.OptionalIntAt(first + 2)) {
-    record.scanned_loc = *file == kAbsentFile ? Loc() : _fFiles.LocOf(*file);
-    if (*file != kAbsentFile && !record.scanned_loc) {
-      return "its scanned file " + std::to_string(*file) + " is not known";
+  if (const auto source = query.OptionalIntAt(4)) {
+    record.scanned_loc = *source == kAbsentFile ? Loc() : _fFiles.LocOf(*source);
+    if (*source != kAbsentFile && !record.scanned_loc) {
+      return {"its scanned file " + std::to_string(*source) + " is not known",
+              !_fFiles.Has(*source)};
     }
   }
-  switch (query.Type(first + 3)) {
+  switch (query.Type(5)) {
     case SQLITE_NULL:
       record.scanned_scope = record.for_scope;
       break;
     case SQLITE_INTEGER:
       break;
     default:
-      record.scanned_scope = query.ViewAt(first + 3);
+      record.scanned_scope = query.ViewAt(5);
   }
+  bool is_damaged = true;
   try {
-    record.scopes_seen = ReadScopesSeen(query, first + 4, for_loc, disk_time,
-                                        [this](int64_t id) { return _fFiles.LocOf(id); });
+    record.scopes_seen = ReadScopesSeen(query, 6, for_loc, disk_time, [&](int64_t id) {
+      const Loc loc = _fFiles.LocOf(id);
+      is_damaged = loc || !_fFiles.Has(id);
+      return loc;
+    });
   } catch (const CValueError& error) {
-    return std::string("its scopes seen are damaged: ") + error.what();
+    return {std::string("its scopes seen are damaged: ") + error.what(), is_damaged};
   }
   return {};
 }
 
-CScopesSeenPtr CRecordTable::ReadScopesSeen(CQuery& query, int column, Loc for_loc,
+CScopesSeenPtr CRecordTable::ReadScopesSeen(const CQuery& query, int column, Loc for_loc,
                                             DiskTime disk_time,
                                             const std::function<Loc(int64_t)>& loc_of) {
   if (!query.IsNull(column)) {
@@ -242,13 +337,15 @@ int64_t CRecordTable::NewPlace() {
   const int64_t last = query.IsNull(0) ? 0 : query.IntAt(0);
   const int64_t place = (last / kPlaceSpan + 1) * kPlaceSpan;
   if (last < 0 || place > INT64_MAX - kPlaceSpan - kPlaceSpan) {
-    throw CSqliteFailure(SQLITE_FULL, "there is no room for another file");
+    // Places are not given out twice. After so many files, too, a new database is what helps.
+    ThrowDamagedRow("there is no place for another file");
   }
   return place;
 }
 
 void CRecordTable::Put(Loc for_loc, int64_t file, int64_t place, bool replacing,
-                       const std::vector<CDatabaseRecord>& records, DiskTime disk_time) {
+                       const std::vector<CDatabaseRecord>& records, DiskTime disk_time,
+                       CTallies& tallies) {
   // In the order in which they will lie.
   std::vector<std::pair<int64_t, size_t>> order;
   order.reserve(records.size());
@@ -266,36 +363,42 @@ void CRecordTable::Put(Loc for_loc, int64_t file, int64_t place, bool replacing,
     const CDatabaseRecord& record = records[index];
     if (at == 0 || order[at - 1].first != offset) {
       rows.by_id.clear();
-      rows.texts.clear();
       next = place + offset;
       if (replacing) {
         ReadKeys(place + offset, rows);
-        next = rows.by_id.empty() ? next : rows.by_id.back().first + 1;
+        next = rows.by_id.empty() ? next : rows.by_id.back().id + 1;
       }
     }
     const CStoredKey key = KeyOf(record, for_loc);
     const auto same = std::find_if(rows.by_id.begin(), rows.by_id.end(),
-                                   [&key](const auto& row) { return row.second == key; });
-    const int64_t id = same == rows.by_id.end() ? next++ : same->first;
+                                   [&key](const auto& row) { return row.key == key; });
+    if (same != rows.by_id.end() && same->to_put != SIZE_MAX) {
+      to_put[same->to_put].record = &record;
+      continue;
+    }
+    const int64_t id = same == rows.by_id.end() ? next++ : same->id;
     if (id >= place + offset + kScopeSpan) {
       throw CSqliteFailure(SQLITE_FULL, "too many records of one scope");
     }
     if (same == rows.by_id.end()) {
-      rows.by_id.emplace_back(id, key);
+      rows.by_id.push_back({id, key, 0, to_put.size()});
+    } else {
+      tallies.Uncount(same->sum, key.scanned_file.has_value());
+      same->to_put = to_put.size();
     }
     to_put.push_back({id, key, &record});
   }
 
   for (std::span<const CRowToPut> left = to_put; !left.empty();) {
     const size_t count = left.size() < kRowsAtOnce ? 1 : kRowsAtOnce;
-    PutRows(left.first(count), for_loc, file, disk_time);
+    PutRows(left.first(count), for_loc, file, disk_time, tallies);
     left = left.subspan(count);
   }
 }
 
 // By one statement: there is one for a row, and one for kRowsAtOnce.
 void CRecordTable::PutRows(std::span<const CRowToPut> rows, Loc for_loc, int64_t file,
-                           DiskTime disk_time) {
+                           DiskTime disk_time, CTallies& tallies) {
   // Absent where it is NULL. Made before the statement is begun: it can have to enter a file.
   std::array<std::optional<Bytes>, kRowsAtOnce> seen;
   for (size_t i = 0; i < rows.size(); ++i) {
@@ -303,21 +406,29 @@ void CRecordTable::PutRows(std::span<const CRowToPut> rows, Loc for_loc, int64_t
       seen[i] = SeenOf(*rows[i].record, for_loc, file);
     }
   }
+  // Bound and summed up alike.
+  const auto put_columns = [](auto& to, const CStoredKey& key, const std::optional<Bytes>& seen_is,
+                              const CDatabaseRecord& record) {
+    to.TextOf(key.scope);
+    key.scan ? to.Int(*key.scan) : to.Null();
+    key.scanned_file ? to.Int(*key.scanned_file) : to.Null();
+    if (key.scanned_scope_absent) {
+      to.Int(0);
+    } else {
+      key.scanned_scope ? to.TextOf(*key.scanned_scope) : to.Null();
+    }
+    seen_is ? to.BytesOf(*seen_is) : to.Null();
+    record.class_equivs.empty() ? to.Null() : to.TextOf(record.class_equivs);
+    record.import_equivs.empty() ? to.Null() : to.TextOf(record.import_equivs);
+  };
   CQuery put =
       _fConnection.Use(rows.size() == 1 ? EStatement::kPutRecord : EStatement::kPutRecords);
   for (size_t i = 0; i < rows.size(); ++i) {
     const auto& [id, key, record] = rows[i];
-    put.Int(id).TextOf(key.scope);
-    key.scan ? put.Int(*key.scan) : put.Null();
-    key.scanned_file ? put.Int(*key.scanned_file) : put.Null();
-    if (key.scanned_scope_absent) {
-      put.Int(0);
-    } else {
-      key.scanned_scope ? put.TextOf(*key.scanned_scope) : put.Null();
-    }
-    seen[i] ? put.BytesOf(*seen[i]) : put.Null();
-    record->class_equivs.empty() ? put.Null() : put.TextOf(record->class_equivs);
-    record->import_equivs.empty() ? put.Null() : put.TextOf(record->import_equivs);
+    put_columns(_fSum.Begin().Int(file).Int(id), key, seen[i], *record);
+    const int64_t sum = _fSum.SumWith(record->data, id);
+    tallies.Count(sum, key.scanned_file.has_value());
+    put_columns(put.Int(id).Int(sum), key, seen[i], *record);
     put.BytesOf(record->data);
   }
   put.Run();
@@ -360,14 +471,14 @@ void CRecordTable::ReadKeys(int64_t first, CStoredRows& rows) {
   query.Int(first).Int(first + kScopeSpan - 1);
   while (query.Step()) {
     CStoredKey key;
-    key.scope = keep(query.ViewAt(1));
-    key.scan = query.OptionalIntAt(2);
-    key.scanned_file = query.OptionalIntAt(3);
-    key.scanned_scope_absent = query.Type(4) == SQLITE_INTEGER;
-    if (!key.scanned_scope_absent && !query.IsNull(4)) {
-      key.scanned_scope = keep(query.ViewAt(4));
+    key.scope = keep(query.ViewAt(2));
+    key.scan = query.OptionalIntAt(3);
+    key.scanned_file = query.OptionalIntAt(4);
+    key.scanned_scope_absent = query.Type(5) == SQLITE_INTEGER;
+    if (!key.scanned_scope_absent && !query.IsNull(5)) {
+      key.scanned_scope = keep(query.ViewAt(5));
     }
-    rows.by_id.emplace_back(query.IntAt(0), key);
+    rows.by_id.push_back({query.IntAt(0), key, query.IntAt(1)});
   }
 }
 

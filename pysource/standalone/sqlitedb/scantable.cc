@@ -1,11 +1,16 @@
 #include "pysource/standalone/sqlitedb/scantable.h"
 
+#include <algorithm>
+
 namespace pysource::standalone::sqlitedb {
 
 void CScanTable::Load() {
   _fScans.clear();
   CQuery query = _fConnection.Use(EStatement::kScans);
   while (query.Step()) {
+    if (_fSum.Begin().Columns(query, 0, 1).Sum() != query.IntAt(2)) {
+      ThrowDamagedRow("the name of a scan is damaged");
+    }
     _fScans.emplace_back(query.IntAt(0), query.ViewAt(1));
   }
 }
@@ -39,8 +44,12 @@ int64_t CScanTable::IdToStore(TextView name) {
   if (const auto known = IdOf(name)) {
     return *known;
   }
-  _fConnection.Use(EStatement::kAddScan).TextOf(name).Run();
-  const int64_t id = _fConnection.LastInsertId();
+  int64_t id = 1;
+  for (const auto& [known, unused] : _fScans) {
+    id = std::max(id, known + 1);
+  }
+  const int64_t sum = _fSum.Begin().Int(id).TextOf(name).Sum();
+  _fConnection.Use(EStatement::kAddScan).Int(id).TextOf(name).Int(sum).Run();
   _fScans.emplace_back(id, name);
   _fHasNew = true;
   return id;

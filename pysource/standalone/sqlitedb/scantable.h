@@ -8,6 +8,7 @@
 
 #include "pysource/host/text.h"
 #include "pysource/standalone/sqlitedb/connection.h"
+#include "pysource/standalone/sqlitedb/rowsum.h"
 
 namespace pysource::standalone::sqlitedb {
 
@@ -34,6 +35,7 @@ class CScanTable {
 
   CSqliteConnection& _fConnection;
   std::vector<std::pair<int64_t, Text>> _fScans;
+  CRowSum _fSum;
   bool _fHasNew = false;  // the running transaction has added to them
 };
 

@@ -1,10 +1,11 @@
 // How the database lies on the disk.
 //
-//   files     id, name, disk_time, scans_done, place     one row a file that was ever named
-//   scans     id, name                                   scan names, as small numbers
-//   records   id, scope, scan, scanned_file, scanned_scope, seen, classes, imports, data
-//   changes   seq, file                                  which file each save or clear was of
-//   lost      source, target, seq                        what a file has said of another, and is
+//   files     id, name, disk_time, scans_done, place, tally, foreign_tally, sum
+//                                                        one row a file that was ever named
+//   scans     id, name, sum                              scan names, as small numbers
+//   records   id, sum, scope, scan, scanned_file, scanned_scope, seen, classes, imports, data
+//   changes   seq, file, tally, sum                      which file each save or clear was of
+//   lost      source, target, seq, sum                   what a file has said of another, and is
 //                                                        gone, by which change
 //   contents  file, seal, disk_time                      with which stamp a file had which disk time
 //   ties      an index of the records that hang together with other files than their own: made from
@@ -51,6 +52,24 @@
 // `changes` is a log. A process that looks for changes reads what came since it last looked; the
 // log keeps the last kChangesKept, and who looks too late is told that everything changed.
 //
+// Each row carries a checksum, `sum`, which is compared when the row is read (rowsum.h):
+//
+//   bytes 0 to 3    of `sum` in records: a hash of `data`, seeded with the id, so that who asks for
+//   (the lower)     names and classes alone need not read it
+//   bytes 4 to 7    the upper half of a hash of the file's id, the record's id, and all columns
+//                   from `scope` to `imports`, each as its type, its length and its bytes
+//   elsewhere       all 8 bytes: a hash of the other columns in their order
+//
+// That a row is missing, or is one that was there earlier, no checksum of a row tells; sums of the
+// checksums do, modulo 2^64:
+//
+//   files.tally           of the file's records
+//   files.foreign_tally   of those that were made from another file. If it is right, just the file
+//                         itself has to be scanned to have all of its records again.
+//   changes.tally         in the last row: of all rows of `files` and `lost`
+//
+// What is found to be wrong is repaired by soundness.h.
+//
 // To change any of this, or the encoding of what is in `seen` and `data`, raise kSchemaVersion: a
 // database of another version is set aside and made anew.
 #pragma once
@@ -67,18 +86,19 @@ inline constexpr int kApplicationId = 0x50795349;
 
 inline constexpr const char* kSchema = R"(
   CREATE TABLE files(id INTEGER PRIMARY KEY, name TEXT NOT NULL, disk_time REAL, scans_done TEXT,
-                     place INTEGER);
-  CREATE TABLE scans(id INTEGER PRIMARY KEY, name TEXT NOT NULL);
-  CREATE TABLE records(id INTEGER PRIMARY KEY, scope TEXT NOT NULL, scan INTEGER,
-                       scanned_file INTEGER, scanned_scope, seen BLOB, classes TEXT, imports TEXT,
-                       data BLOB NOT NULL);
-  CREATE TABLE changes(seq INTEGER PRIMARY KEY, file INTEGER NOT NULL);
+                     place INTEGER, tally INTEGER NOT NULL, foreign_tally INTEGER NOT NULL,
+                     sum INTEGER NOT NULL);
+  CREATE TABLE scans(id INTEGER PRIMARY KEY, name TEXT NOT NULL, sum INTEGER NOT NULL);
+  CREATE TABLE records(id INTEGER PRIMARY KEY, sum INTEGER NOT NULL, scope TEXT NOT NULL,
+                       scan INTEGER, scanned_file INTEGER, scanned_scope, seen BLOB, classes TEXT,
+                       imports TEXT, data BLOB NOT NULL);
+  CREATE TABLE changes(seq INTEGER PRIMARY KEY, file INTEGER NOT NULL, tally INTEGER NOT NULL,
+                       sum INTEGER NOT NULL);
   CREATE TABLE lost(source INTEGER NOT NULL, target INTEGER NOT NULL, seq INTEGER NOT NULL,
-                    PRIMARY KEY(source, target)) WITHOUT ROWID;
+                    sum INTEGER NOT NULL, PRIMARY KEY(source, target)) WITHOUT ROWID;
   CREATE TABLE contents(file INTEGER PRIMARY KEY, seal INTEGER NOT NULL, disk_time REAL NOT NULL);
   CREATE INDEX ties ON records(id, scanned_file, seen) WHERE scanned_file IS NOT NULL OR seen IS NOT NULL;
 )";
-inline constexpr int kTableCount = 6;
 
 // What scanned_file holds for an absent location.
 inline constexpr int64_t kAbsentFile = 0;

@@ -25,7 +25,7 @@ struct CSession {
            const std::string& shown)
       : connection(std::move(opened.connection)),
         identity(opened.identity),
-        files(*connection, names, loc_cache),
+        files(*connection, changes, names, loc_cache),
         scans(*connection),
         changes(*connection),
         lost(*connection, changes),

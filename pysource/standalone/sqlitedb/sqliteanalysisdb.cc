@@ -12,6 +12,8 @@
 #include "pysource/host/symbolinfo/infobytes.h"
 #include "pysource/standalone/sqlitedb/opening.h"
 #include "pysource/standalone/sqlitedb/session.h"
+#include "pysource/standalone/sqlitedb/soundmark.h"
+#include "pysource/standalone/sqlitedb/soundness.h"
 #include "pysource/standalone/sqlitedb/wholedatabase.h"
 
 namespace pysource::standalone {
@@ -21,9 +23,14 @@ using sqlitedb::CFoundChanges;
 using sqlitedb::CSession;
 using sqlitedb::CSqliteFailure;
 using sqlitedb::CWriteTransaction;
+using sqlitedb::EEquivs;
 using sqlitedb::EStatement;
 
 namespace {
+
+// How often one operation is made again: after single files were dropped, after a new database was
+// begun, and once for another process that does the same.
+constexpr int kMaxRepairs = 3;
 
 std::string AbsolutePath(const std::string& path) {
   if (path.empty()) {
@@ -59,21 +66,43 @@ class CSqliteAnalysisDb::CImpl {
 
   void Close() {
     _fClosed = true;
+    const bool is_sound = _fIsSound && _fSession != nullptr && !ReadOnly() && !Replaced();
     _fSession.reset();
+    if (is_sound) {
+      sqlitedb::MarkSound(_fPath);
+    }
   }
 
   // ---- The shapes of an operation.
 
-  // Runs a read. Damage is repaired by beginning anew, and the read then finds nothing.
+  // Runs a read. Damage is repaired, and the read made again; where it cannot be repaired now, the
+  // read finds nothing.
   template <class Result, class Read>
   Result Reading(const char* what, Read read) {
-    try {
-      return Looking<Result>(what, read);
-    } catch (const CDamaged& damaged) {
-      BeginAnew(damaged.what());
-      return Result();
+    for (int tries = 0; tries < kMaxRepairs; ++tries) {
+      try {
+        return Looking<Result>(what, read);
+      } catch (const CDamaged& damaged) {
+        if (!Repair(damaged.what(), tries > 0)) {
+          break;
+        }
+      }
     }
+    return Result();
   }
+
+  // Looks at all of the database, and repairs what is wrong with it, unless it is known to be sound.
+  void EnsureSound() {
+    if (_fIsSound || _fClosed) {
+      return;
+    }
+    if (!_fSession) {
+      Reconnect();
+    }
+    Repair("", false);
+  }
+  void Distrust() { _fIsSound = false; }
+  size_t RepairCount() const { return _fRepairs; }
 
   // Runs a read that repairs nothing: damage is an error like any other.
   template <class Result, class Read>
@@ -104,24 +133,26 @@ class CSqliteAnalysisDb::CImpl {
       _fLastError = Shown() + ": " + what + ": the database is closed";
       return false;
     }
-    try {
-      if (IsInBatch()) {
-        ChangeInBatch(change);
-      } else {
-        ChangeAlone(change);
-      }
-      return true;
-    } catch (const CSqliteFailure& failure) {
-      _fLastError = Shown() + ": " + what + ": " + failure.what();
-      if (failure.IsDamage()) {
-        try {
-          BeginAnew(_fLastError);
-        } catch (const CError& error) {
-          _fLastError = error.what();
+    for (int tries = 0; tries < kMaxRepairs; ++tries) {
+      const bool in_batch = IsInBatch();
+      try {
+        if (in_batch) {
+          ChangeInBatch(change);
+        } else {
+          ChangeAlone(change);
         }
+        _fLastError.clear();
+        return true;
+      } catch (const CSqliteFailure& failure) {
+        _fLastError = Shown() + ": " + what + ": " + failure.what();
+        // What the batch had done before is undone with it, so it cannot go on.
+        if (!failure.IsDamage() || !Repair(_fLastError, tries > 0) || in_batch) {
+          break;
+        }
+      } catch (const CValueError& error) {
+        _fLastError = error.what();
+        break;
       }
-    } catch (const CValueError& error) {
-      _fLastError = error.what();
     }
     if (_fIsBatch && !IsInBatch()) {
       RefuseBatchFiles();
@@ -193,6 +224,16 @@ class CSqliteAnalysisDb::CImpl {
       throw;
     }
     return EndBatch(true);
+  }
+
+  // What Verify() says. Of one moment.
+  std::vector<Text> Verify(CSession& db) {
+    sqlitedb::CSqliteConnection& connection = *db.connection;
+    connection.RollBack();
+    connection.Execute("BEGIN");
+    std::vector<Text> faults = sqlitedb::Verify(db, Shown());
+    connection.RollBack();
+    return faults;
   }
 
   CFoundChanges FindChanges() {
@@ -282,16 +323,22 @@ class CSqliteAnalysisDb::CImpl {
       db.lost.Forget(file.id);
     }
     // Without rows, the place is free: the next file may get it.
-    int64_t place = records.empty() && !same_time ? 0 : file.place;
-    if (!records.empty() && place == 0) {
-      place = db.records.NewPlace();
+    sqlitedb::CFileState state = file;
+    state.disk_time = disk_mtime;
+    state.scans_done = scans_done;
+    if (!same_time) {
+      state.tally = state.foreign_tally = 0;
+      state.place = records.empty() ? 0 : file.place;
     }
-    const bool file_changed = !same_time || file.scans_done != scans_done || file.place != place;
-    if (!file_changed && records.empty()) {
+    const bool replacing = same_time && file.place != 0;
+    if (!records.empty() && state.place == 0) {
+      state.place = db.records.NewPlace();
+    }
+    if (state == file && records.empty()) {
       return;
     }
-    if (file_changed) {
-      db.files.Put(loc, file, disk_mtime, scans_done, place);
+    if (!file.known) {
+      db.files.Reserve(loc, file);
     }
     Loc source;
     for (const CDatabaseRecord& record : records) {
@@ -301,7 +348,13 @@ class CSqliteAnalysisDb::CImpl {
         db.lost.Forget(db.files.IdToStore(source), file.id);
       }
     }
-    db.records.Put(loc, file.id, place, same_time && file.place != 0, records, disk_mtime);
+    sqlitedb::CTallies tallies{state.tally, state.foreign_tally};
+    db.records.Put(loc, file.id, state.place, replacing, records, disk_mtime, tallies);
+    state.tally = tallies.all;
+    state.foreign_tally = tallies.foreign;
+    if (!(state == file)) {
+      db.files.Put(loc, file, state);
+    }
     db.changes.Add(file.id);
   }
 
@@ -315,7 +368,7 @@ class CSqliteAnalysisDb::CImpl {
         DropRecords(db, file);
       }
       db.lost.Forget(file.id);
-      db.files.Clear(file.id);
+      db.files.Put(loc, file, sqlitedb::CFileState());
       db.changes.Add(file.id);
     }
   }
@@ -380,13 +433,31 @@ class CSqliteAnalysisDb::CImpl {
   // ---- The connection.
 
   void Connect() {
+    const bool is_marked = sqlitedb::IsMarkedSound(_fPath);
     sqlitedb::COpenDatabase opened = sqlitedb::OpenDatabase(_fPath, Shown());
     AddMessage(opened.message);
+    _fRepairs += opened.message.empty() ? 0 : 1;
+    _fIsSound = is_marked || opened.is_new;
     try {
       _fSession = std::make_unique<CSession>(std::move(opened), _fNames, _fLocCache, Shown());
     } catch (const CSqliteFailure& failure) {
-      throw CValueError(Shown() + ": " + failure.what());
+      const std::string reason = Shown() + ": " + failure.what();
+      if (!failure.IsDamage()) {
+        throw CValueError(reason);
+      }
+      PutAside(reason);
+      Connect();
     }
+  }
+
+  // The file, which is not open any more.
+  void PutAside(const std::string& reason) {
+    const std::string aside = sqlitedb::SetAside(_fPath, Shown());
+    const std::string message =
+        reason + "; it was set aside as " + aside + " and a new database was begun";
+    AddMessage(message);
+    CriticalLog("%s", message);
+    ++_fRepairs;
   }
 
   // Opens what is there now. What was known of the old file does not hold for the new one.
@@ -401,16 +472,76 @@ class CSqliteAnalysisDb::CImpl {
     return !_fSession || !(sqlitedb::IdentityOf(_fPath) == _fSession->identity);
   }
 
+  // Looks at all of the database, drops what is wrong with single files, and begins anew where that
+  // is not enough, or `is_hopeless`. False, and a line that says so, where that cannot be done now.
+  // `reason` is how it was met; empty where nothing was met yet.
+  bool Repair(const std::string& reason, bool is_hopeless) {
+    try {
+      if (Replaced()) {
+        Reconnect();
+        return true;
+      }
+      sqlitedb::CSoundness found;
+      if (!is_hopeless) {
+        found = CheckAndDrop();
+      }
+      if (is_hopeless || found.is_lost) {
+        BeginAnew(found.faults.empty() ? reason : found.faults.front());
+      } else if (!found.faults.empty()) {
+        ++_fRepairs;
+        for (const Text& fault : found.faults) {
+          AddMessage(fault);
+          CriticalLog("%s", fault);
+        }
+      }
+      _fIsSound = true;
+      return true;
+    } catch (const CError& error) {
+      const std::string text = reason.empty()
+                                   ? std::string(error.what())
+                                   : reason + "; it cannot be repaired now: " + error.what();
+      if (_fUnrepaired != text) {
+        CriticalLog("%s", text);
+      }
+      _fUnrepaired = text;
+      return false;
+    }
+  }
+
+  sqlitedb::CSoundness CheckAndDrop() {
+    sqlitedb::CSqliteConnection& connection = *_fSession->connection;
+    connection.RollBack();
+    _fSession->Undo();
+    const bool can_drop = !connection.ReadOnly();
+    connection.LimitWaiting(_fOptions.lock_wait_ms);
+    connection.Execute(can_drop ? "BEGIN IMMEDIATE" : "BEGIN");
+    try {
+      sqlitedb::CSoundness found = sqlitedb::CheckSoundness(*_fSession, Shown());
+      if (found.faults.empty() || found.is_lost || !can_drop) {
+        connection.RollBack();
+        found.is_lost = !found.faults.empty();
+      } else {
+        sqlitedb::DropUnsound(*_fSession, found);
+        connection.Execute("COMMIT");
+        _fSession->Forget();
+      }
+      return found;
+    } catch (...) {
+      connection.RollBack();
+      _fSession->Undo();
+      throw;
+    }
+  }
+
   // Sets the damaged database aside and begins a new one, unless another process did it already.
   void BeginAnew(const std::string& reason) {
     const bool replaced = Replaced();
+    if (!replaced && ReadOnly()) {
+      throw CValueError(Shown() + ": the database can only be read");
+    }
     _fSession.reset();
     if (!replaced) {
-      const std::string aside = sqlitedb::SetAside(_fPath, Shown());
-      const std::string message =
-          reason + "; it was set aside as " + aside + " and a new database was begun";
-      AddMessage(message);
-      CriticalLog("%s", message);
+      PutAside(reason);
     }
     Reconnect();
   }
@@ -427,6 +558,9 @@ class CSqliteAnalysisDb::CImpl {
   const sqlitedb::CFileNames _fNames;
 
   bool _fClosed = false;
+  bool _fIsSound = false;               // nothing is wrong with what lies there, as far as is known
+  size_t _fRepairs = 0;                 // how often something was dropped or set aside
+  std::string _fUnrepaired;             // why it could not be; was told
   std::unique_ptr<CSession> _fSession;  // null after a failed attempt to connect again
   std::string _fMessage;
   std::string _fLastError;
@@ -515,7 +649,7 @@ std::vector<CImportEquiv> CSqliteAnalysisDb::GetAllImports(const std::vector<Loc
   auto all_imports =
       _fImpl->Reading<std::vector<CImportEquiv>>("reading imports", [&](CSession& db) {
         std::vector<CImportEquiv> imports;
-        db.records.ReadEquivs(EStatement::kImports, db_locs, primary_scan_name,
+        db.records.ReadEquivs(EEquivs::kImports, db_locs, primary_scan_name,
                               [&](size_t index, const Text& scope, const Bytes& equivs) {
                                 for (const BytesView item : NonNestedSplit(equivs, ';')) {
                                   imports.push_back({db_locs[index], scope, Bytes(item)});
@@ -532,7 +666,7 @@ std::vector<CClassEquiv> CSqliteAnalysisDb::GetAllClasses(const std::vector<Loc>
   auto all_classes =
       _fImpl->Reading<std::vector<CClassEquiv>>("reading classes", [&](CSession& db) {
         std::vector<CClassEquiv> classes;
-        db.records.ReadEquivs(EStatement::kClasses, db_locs, primary_scan_name,
+        db.records.ReadEquivs(EEquivs::kClasses, db_locs, primary_scan_name,
                               [&](size_t index, const Text&, const Bytes& equivs) {
                                 for (const BytesView item : NonNestedSplit(equivs, ';')) {
                                   classes.push_back({db_locs[index], Bytes(item)});
@@ -624,13 +758,17 @@ CSqliteDbStats CSqliteAnalysisDb::Stats() {
   return _fImpl->Looking<CSqliteDbStats>("counting", sqlitedb::StatsOf);
 }
 
+void CSqliteAnalysisDb::EnsureSound() { _fImpl->EnsureSound(); }
+void CSqliteAnalysisDb::Distrust() { _fImpl->Distrust(); }
+size_t CSqliteAnalysisDb::RepairCount() const { return _fImpl->RepairCount(); }
+
 uint64_t CSqliteAnalysisDb::DatabaseBytes() {
   return _fImpl->Looking<uint64_t>("counting pages", sqlitedb::DatabaseBytes);
 }
 
 std::vector<Text> CSqliteAnalysisDb::Verify() {
-  return _fImpl->Looking<std::vector<Text>>(
-      "verifying", [&](CSession& db) { return sqlitedb::Verify(db, _fImpl->Shown()); });
+  return _fImpl->Looking<std::vector<Text>>("verifying",
+                                            [&](CSession& db) { return _fImpl->Verify(db); });
 }
 
 }  // namespace pysource::standalone

@@ -9,11 +9,14 @@
 //     for CSqliteDbOptions::lock_wait_ms altogether, and then gives up.
 //   - Files inside the workspace root are named relative to it, so a database moves with its
 //     workspace.
-//   - A damaged row (scopes seen that cannot be decoded) is left out of the answer and reported
-//     through CriticalLog, so that its scan is run again; a read does not throw for it.
-//   - A damaged file is set aside under another name, never deleted, and a new one is begun: at
-//     opening, or when the damage is met later. Reads then answer as from an empty database, and
-//     the next CheckForExternalChanges() tells every file. Message() says what was done.
+//   - Every row carries a checksum. Damage that a read or a save meets makes it look at all of the
+//     database (soundness.h): the rows of damaged files are dropped, so that their scans are wanted
+//     again, or the file is set aside under another name, never deleted, and a new one is begun.
+//     Then the operation is made again, and the next CheckForExternalChanges() tells every file.
+//     Message() and CriticalLog say what was done. Where it cannot be done now (a lock, a database
+//     that may only be read), reads answer as from an empty database.
+//   - A file beside it, "-sound" behind its name, says that all of it was looked at, and how it lay
+//     there then; EnsureSound() looks again where it has changed since.
 //   - A read that fails otherwise (the disk does not answer, a lock is not given) throws
 //     CValueError, which names the database: an empty answer would say that nothing is stored.
 //   - A database that may only be read is read; saves and clears answer false.
@@ -119,6 +122,15 @@ class CSqliteAnalysisDb final : public CAnalysisDb, public CContentStore {
   CSqliteDbStats Stats();
   // The database_bytes of these; costs nothing, where the others read all rows.
   uint64_t DatabaseBytes();
+  // Looks at every page and row, and repairs what is wrong, unless the file was found sound before
+  // and only changed by such as this since.
+  void EnsureSound();
+  // For a process that has it open for long, in which others may do anything to the file: who comes
+  // next is to look at all of it.
+  void Distrust();
+  // How often something was dropped or set aside; it has grown when answers were made from less
+  // than was stored.
+  size_t RepairCount() const;
   // Bytes that SQLite holds for this connection, most of it pages of the database.
   size_t MemoryUse() const;
   // SQLite's own check of every page, then of every row; what is wrong, a line each.

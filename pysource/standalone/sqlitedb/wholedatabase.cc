@@ -6,16 +6,21 @@
 #include "pysource/host/errors.h"
 #include "pysource/host/repr.h"
 #include "pysource/standalone/sqlitedb/schema.h"
+#include "pysource/standalone/sqlitedb/soundness.h"
+
+#define PYSOURCE_FILE_COLUMNS "id, name, disk_time, scans_done, place, tally, foreign_tally, sum"
 
 namespace pysource::standalone::sqlitedb {
 
 void VisitFiles(CSession& session, const std::function<void(const CStoredFile&)>& visit) {
-  const auto statement = session.connection->Prepare(
-      "SELECT name, disk_time, scans_done FROM files WHERE disk_time IS NOT NULL");
+  const auto statement =
+      session.connection->Prepare("SELECT " PYSOURCE_FILE_COLUMNS " FROM files ORDER BY id");
   CQuery query(statement.get());
   while (query.Step()) {
-    if (const Loc loc = session.files.LocOfName(query.ViewAt(0))) {
-      visit({loc, query.DoubleAt(1), Text(query.ViewAt(2)), std::nullopt});
+    const CFileRow row = session.files.RowAt(query, 0);
+    const Loc loc = row.disk_time ? session.files.LocOfName(row.name) : Loc();
+    if (loc) {
+      visit({loc, *row.disk_time, row.scans_done.value_or(Text()), std::nullopt});
     }
   }
 }
@@ -34,27 +39,27 @@ void VisitFilesAndTies(CSession& session, const std::function<void(const CStored
   session.contents.Visit(
       [&contents](int64_t file, const CContentMark& mark) { contents.emplace_back(file, mark); });
   auto content = contents.begin();
-  const auto files = session.connection->Prepare(
-      "SELECT id, name, disk_time, scans_done, place FROM files ORDER BY id");
+  const auto files =
+      session.connection->Prepare("SELECT " PYSOURCE_FILE_COLUMNS " FROM files ORDER BY id");
   for (CQuery query(files.get()); query.Step();) {
-    const Loc loc = session.files.LocOfName(query.ViewAt(1));
+    const CFileRow row = session.files.RowAt(query, 0);
+    const Loc loc = session.files.LocOfName(row.name);
     if (!loc) {
       continue;
     }
-    const DiskTime disk_time = query.DoubleAt(2);
-    by_id.emplace_back(query.IntAt(0), loc);
-    while (content != contents.end() && content->first < query.IntAt(0)) {
+    by_id.emplace_back(row.id, loc);
+    while (content != contents.end() && content->first < row.id) {
       ++content;
     }
-    const bool has_mark = content != contents.end() && content->first == query.IntAt(0);
-    if (!query.IsNull(2)) {
-      visit_file({loc, disk_time, Text(query.ViewAt(3)),
+    const bool has_mark = content != contents.end() && content->first == row.id;
+    if (row.disk_time) {
+      visit_file({loc, *row.disk_time, row.scans_done.value_or(Text()),
                   has_mark ? std::optional(content->second) : std::nullopt});
     } else if (has_mark) {
       visit_content(loc, content->second);
     }
-    if (const auto place = query.OptionalIntAt(4)) {
-      places.push_back({*place, loc, disk_time});
+    if (row.place != 0) {
+      places.push_back({row.place, loc, row.disk_time.value_or(0)});
     }
   }
   // In the order of the rows, which are asked for in the order of their ids.
@@ -104,17 +109,18 @@ void VisitContents(CSession& session, const std::function<void(Loc, const CConte
 
 void VisitAllRecords(CSession& session, const std::function<void(const CStoredRow&)>& visit) {
   const auto statement = session.connection->Prepare(
-      "SELECT f.name, f.disk_time, r.scope, r.scan, r.scanned_file, r.scanned_scope, r.seen, "
-      "r.classes, r.imports, r.data "
+      "SELECT r.id, r.sum, r.scope, r.scan, r.scanned_file, r.scanned_scope, r.seen, r.classes, "
+      "r.imports, r.data, f.id, f.name, f.disk_time "
       "FROM (SELECT * FROM files WHERE place IS NOT NULL ORDER BY name) f "
       "CROSS JOIN records r ON r.id >= f.place AND r.id < f.place + 274877906944");
   CQuery query(statement.get());
   while (query.Step()) {
     CStoredRow row;
-    row.file = query.ViewAt(0);
-    row.disk_time = query.DoubleAt(1);
+    row.file = query.ViewAt(11);
+    row.disk_time = query.DoubleAt(12);
     const Loc loc = session.files.LocOfName(row.file);
-    row.error = session.records.ReadRow(query, 2, loc, row.disk_time, row.record);
+    row.error =
+        session.records.ReadRow(query, query.IntAt(10), loc, row.disk_time, row.record).text;
     if (!loc) {
       row.error = "the file lies in a workspace that was not given, or its name is damaged";
     }
@@ -170,29 +176,20 @@ size_t MemoryUse(CSession& session) {
 }
 
 std::vector<Text> Verify(CSession& session, const std::string& shown) {
-  std::vector<Text> faults;
-  int64_t visited = 0;
+  std::vector<Text> faults = CheckSoundness(session, shown).faults;
+  const bool is_sound = faults.empty();
   try {
-    const auto statement = session.connection->Prepare("PRAGMA integrity_check");
-    CQuery query(statement.get());
-    while (query.Step()) {
-      if (query.ViewAt(0) != "ok") {
-        faults.push_back(shown + ": " + Text(query.ViewAt(0)));
-      }
-    }
     VisitAllRecords(session, [&](const CStoredRow& row) {
-      ++visited;
-      if (!row.error.empty()) {
+      // Of those that are damaged, the check has told.
+      if (!row.error.empty() && is_sound) {
         faults.push_back(FormatPercent("%s: %s, scope %r: %s",
                                        {shown, row.file, row.record.for_scope, row.error}));
       }
     });
-    const int64_t all = session.connection->IntOf("SELECT count(*) FROM records");
-    if (visited != all) {
-      faults.push_back(FormatPercent("%s: %d rows belong to no file", {shown, all - visited}));
-    }
   } catch (const CSqliteFailure& failure) {
-    faults.push_back(FormatPercent("%s: after %d rows: %s", {shown, visited, failure.what()}));
+    if (is_sound) {
+      faults.push_back(shown + ": " + failure.what());
+    }
   }
   return faults;
 }
