@@ -240,7 +240,8 @@ void CRecordTable::ReadEquivs(EEquivs equivs, const std::vector<Loc>& locs, Text
     if (query.IsNull(0)) {
       continue;
     }
-    if (!IsSoundButForData(query, file->id)) {
+    if (!IsSoundButForData(query, file->id) ||
+        (!query.IsNull(3) && _fScans.NameOf(query.IntAt(3)) == nullptr)) {
       ThrowDamagedRow("a record of the file " + Repr(file->name) + " is damaged");
     }
     tallies.Count(query.IntAt(1), !query.IsNull(4));
