@@ -95,6 +95,7 @@ class CChecker {
     const CTextSpan& span = _fSpans[_fNextSpan++];
     if (!span.is_comment) {
       _fCheck.last_token = _fAt;
+      _fCheck.ends_in_subscript = false;
       Operand(true);
     }
     _fAt = span.end != 0 ? std::max(span.end, _fAt + 1) : _fLine.text_end;

@@ -9,6 +9,7 @@ namespace {
 // to come, and an "else" whose "if" is gone, are likelier in code that is being written; what is
 // merely not usual decides between what would be equal otherwise.
 constexpr int kDamaged = 10;
+constexpr int kOpenToTheEnd = 15;
 constexpr int kLacking = 10;
 constexpr int kProse = 10;
 constexpr int kOutOfPlace = 10;
@@ -91,6 +92,9 @@ int Badness(BytesView text, CBlockStructure before, int limit) {
   for (CLogicalLine line; badness <= limit && lines.Next(line);) {
     badness += line.open_brackets != 0 ? kDamaged : 0;
     badness += kDamaged * static_cast<int>(std::min(line.stray_brackets + line.open_strings, 100U));
+    if (line.open_strings != 0 && line.end == text.size()) {
+      badness += kOpenToTheEnd;
+    }
     const CLineCheck check = CheckLine(text, line, spans);
     badness += check.IsWhole() ? 0 : kLacking;
     badness += check.is_prose ? kProse : 0;

@@ -16,6 +16,9 @@ constexpr size_t kMaxRowsAround = 2;
 // Of what one physical line leaves open, so many are closed one by one.
 constexpr size_t kMaxOwnClosers = 4;
 
+// That a long string lost its first quotes, in the measure of linejudge.h.
+constexpr int kCostOfQuotes = 3;
+
 // A mending that dedents more lines than this is of no use to anybody.
 constexpr size_t kMaxDedented = 5000;
 
@@ -37,8 +40,8 @@ Bytes ClosersOf(BytesView text) {
 
 }  // namespace
 
-void CMendings::Add(size_t at, size_t erased, BytesView inserted) {
-  _fAll.push_back({CTextEdit{at, erased, Bytes(inserted)}});
+void CMendings::Add(size_t at, size_t erased, BytesView inserted, int cost) {
+  _fAll.push_back({{CTextEdit{at, erased, Bytes(inserted)}}, cost});
 }
 
 std::vector<CMendings::CRow> CMendings::RowsToTry(const CLogicalLine& line) const {
@@ -83,19 +86,19 @@ std::vector<CMendings::CRow> CMendings::RowsToTry(const CLogicalLine& line) cons
   return rows;
 }
 
-void CMendings::CloseIn(const CLogicalLine& line) {
+void CMendings::CloseIn(const CLogicalLine& line, int cost) {
   for (const CRow& row : RowsToTry(line)) {
-    CloseRow(line, row);
+    CloseRow(line, row, cost);
   }
 }
 
-void CMendings::CloseRow(const CLogicalLine& line, const CRow& row) {
+void CMendings::CloseRow(const CLogicalLine& line, const CRow& row, int cost) {
   const BytesView text = _fSource.substr(line.begin, row.end - line.begin);
   const CCompletion completion = CompleteLine(text);
   // What the completion drops has to be within the row.
   const size_t keep = line.begin + completion.keep;
   if (keep >= row.begin && (keep < row.end || !completion.text.empty())) {
-    Add(keep, row.end - keep, completion.text);
+    Add(keep, row.end - keep, completion.text, cost);
   }
   const bool is_first = row.begin == line.begin;
   const Bytes outer =
@@ -108,15 +111,15 @@ void CMendings::CloseRow(const CLogicalLine& line, const CRow& row) {
   const size_t filled = completion.text.find(closers);
   if (keep >= row.begin && filled != Bytes::npos) {
     for (size_t count = 1; count <= own_closers; ++count) {
-      Add(keep, row.end - keep, completion.text.substr(0, filled + count));
-      Add(keep, row.end - keep, completion.text.substr(0, filled + count) + ",");
+      Add(keep, row.end - keep, completion.text.substr(0, filled + count), cost);
+      Add(keep, row.end - keep, completion.text.substr(0, filled + count) + ",", cost);
     }
   }
   if (!is_first) {
     Add(keep, row.end - keep,
-        completion.text.substr(0, std::min(filled, completion.text.size())) + ",");
+        completion.text.substr(0, std::min(filled, completion.text.size())) + ",", cost);
     // The row may be what nobody can read.
-    Add(row.begin, row.end - row.begin, "");
+    Add(row.begin, row.end - row.begin, "", cost);
   }
 }
 
@@ -143,19 +146,14 @@ void CMendings::OpenIn(const CLogicalLine& line) {
 void CMendings::OpenStringIn(const CLogicalLine& line) {
   for (const CRow& row : RowsToTry(line)) {
     for (const char quote : {'"', '\''}) {
-      size_t begin = row.begin;
-      while (begin < row.end && IsSpace(_fSource[begin])) {
-        ++begin;
-      }
       // One or two of the quotes may have been left.
       size_t quotes = 0;
-      while (row.end - quotes > begin && quotes < 3 && _fSource[row.end - quotes - 1] == quote) {
+      while (row.end - quotes > row.begin && quotes < 3 &&
+             _fSource[row.end - quotes - 1] == quote) {
         ++quotes;
       }
       if (quotes == 1 || quotes == 2) {
-        Add(row.end, 0, Bytes(3 - quotes, quote));
-      } else if (quotes == 0) {
-        Add(begin, 0, Bytes(3, quote));
+        Add(row.end, 0, Bytes(3 - quotes, quote), kCostOfQuotes);
       }
     }
   }
@@ -177,7 +175,7 @@ void CMendings::MakeHeader(const CLogicalLine& line) {
     Add(line.begin, text.size(), "class _:");
   } else if (line.first == FirstWord::kOther && text.find('=') == BytesView::npos &&
              text.find(';') == BytesView::npos) {
-    _fAll.push_back({CTextEdit{line.begin, 0, "if "}, CTextEdit{line.text_end, 0, ":"}});
+    _fAll.push_back({{CTextEdit{line.begin, 0, "if "}, CTextEdit{line.text_end, 0, ":"}}});
   } else {
     Add(line.begin, text.size(), "if _:");
   }
@@ -189,13 +187,13 @@ void CMendings::Dedent(const CLogicalLine& first, uint32_t indent) {
   CLogicalLine line = first;
   // The cursor begins at the first token, which hides the columns in front of it.
   for (lines.Next(line), line.indent = first.indent;
-       line.indent >= first.indent && mending.size() < kMaxDedented;) {
+       line.indent >= first.indent && mending.edits.size() < kMaxDedented;) {
     size_t begin = line.begin;
     while (begin != 0 && _fSource[begin - 1] != '\n') {
       --begin;
     }
     const uint32_t kept = line.indent - first.indent + indent;
-    mending.push_back(CTextEdit{begin, line.begin - begin, Bytes(kept, ' ')});
+    mending.edits.push_back(CTextEdit{begin, line.begin - begin, Bytes(kept, ' ')});
     if (!lines.Next(line)) {
       break;
     }
@@ -237,9 +235,9 @@ void CMendings::DropBracket(const CLogicalLine& line) {
   // Its row goes, and the line ends in front of it.
   const size_t end = std::min(_fSource.find('\n', at), _fSource.size());
   const CCompletion completion = CompleteLine(_fSource.substr(line.begin, row - line.begin));
-  _fAll.push_back(
-      {CTextEdit{line.begin + completion.keep, row - line.begin - completion.keep, completion.text},
-       CTextEdit{row + 1, end - row - 1, ""}});
+  _fAll.push_back({{CTextEdit{line.begin + completion.keep, row - line.begin - completion.keep,
+                              completion.text},
+                    CTextEdit{row + 1, end - row - 1, ""}}});
 }
 
 }  // namespace pysource::standalone

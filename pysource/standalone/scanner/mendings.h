@@ -16,8 +16,10 @@ struct CTextEdit {
   Bytes inserted;
 };
 
-// Changes that belong together, in the order of the text.
-using CMending = std::vector<CTextEdit>;
+struct CMending {
+  std::vector<CTextEdit> edits;  // changes that belong together, in the order of the text
+  int cost = 0;                  // what it counts against it that it is rarely the right one
+};
 
 // Gathers mendings, the likelier ones first.
 class CMendings {
@@ -26,7 +28,7 @@ class CMendings {
 
   // To end the logical line behind one of its physical lines, or to close there what was opened
   // there.
-  void CloseIn(const CLogicalLine& line);
+  void CloseIn(const CLogicalLine& line, int cost = 0);
   // To open a bracket at the end of a physical line, for what is closed further on.
   void OpenIn(const CLogicalLine& line);
   // To begin a long string in one of the physical lines, for one that ends further on.
@@ -37,6 +39,8 @@ class CMendings {
   void Dedent(const CLogicalLine& first, uint32_t indent);
   // To put another word for the first one of a clause that belongs to nothing.
   void MakeStatement(const CLogicalLine& clause);
+  // To give a header the block that does not follow it.
+  void AddBlock(const CLogicalLine& header) { Add(header.text_end, 0, " pass"); }
   // To drop the bracket that closes nothing, alone or with its physical line.
   void DropBracket(const CLogicalLine& line);
 
@@ -49,8 +53,8 @@ class CMendings {
   };
 
   std::vector<CRow> RowsToTry(const CLogicalLine& line) const;
-  void Add(size_t at, size_t erased, BytesView inserted);
-  void CloseRow(const CLogicalLine& line, const CRow& row);
+  void Add(size_t at, size_t erased, BytesView inserted, int cost = 0);
+  void CloseRow(const CLogicalLine& line, const CRow& row, int cost);
 
   const BytesView _fSource;
   std::vector<CMending> _fAll;

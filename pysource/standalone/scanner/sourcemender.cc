@@ -24,6 +24,8 @@ constexpr size_t kMaxLinesToString = 60;
 constexpr size_t kMaxHistory = 4096;
 // After so many mendings of one line it is left as it is.
 constexpr size_t kMaxMendingsOfLine = 4;
+// That another line is to blame than the one that shows it, in the measure of linejudge.h.
+constexpr int kCostOfOtherLine = 2;
 // What all mendings of a source may read: in bytes, as a multiple of its size, and at least.
 constexpr size_t kEffortFactor = 12;
 constexpr size_t kMinEffort = size_t{8} << 20;
@@ -165,6 +167,12 @@ class CMender {
       }
     }
     const CLogicalLine* const before = _fHistory.empty() ? nullptr : &_fHistory.back().line;
+    if (misplaced == Misplaced::kNoBlock && before != nullptr &&
+        before->first != FirstWord::kMatch) {
+      mendings.AddBlock(*before);
+      Apply(mendings.All().front(), line);
+      return true;
+    }
     const CLogicalLine* const long_string = StringBefore();
     mendings.CloseIn(line);
     if (misplaced == Misplaced::kTooDeep && before != nullptr) {
@@ -191,7 +199,7 @@ class CMender {
         mendings.OpenStringIn(*before);
       }
       if (long_string != nullptr) {
-        mendings.CloseIn(*long_string);
+        mendings.CloseIn(*long_string, kCostOfOtherLine);
       }
     }
     size_t begin = line.begin;
@@ -221,7 +229,7 @@ class CMender {
       }
       _fEffort -= window.size();
       MendInto(window, window_begin, mending, mended);
-      const int badness = Badness(mended, structure, least);
+      const int badness = mending.cost + Badness(mended, structure, least - mending.cost);
       if (badness < least) {
         least = badness;
         best = &mending;
@@ -251,7 +259,7 @@ class CMender {
                        Bytes& mended) {
     mended.clear();
     size_t at = 0;
-    for (const CTextEdit& edit : mending) {
+    for (const CTextEdit& edit : mending.edits) {
       const size_t place = std::min(edit.at - window_begin, window.size());
       mended += window.substr(at, place - at);
       mended += edit.inserted;
@@ -265,7 +273,7 @@ class CMender {
     _fEffort -= std::min(_fEffort, _fText.size() / 16);
     Bytes mended;
     MendInto(_fText, 0, mending, mended);
-    const size_t first = mending.front().at;
+    const size_t first = mending.edits.front().at;
     size_t index = IndexOfLine(first + 1);
     if (index == _fHistory.size() && first >= line.begin) {
       _fAt = LineBegin(line.begin);
