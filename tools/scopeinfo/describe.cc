@@ -1,5 +1,6 @@
 #include "tools/scopeinfo/describe.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "pysource/host/strutils.h"
@@ -41,10 +42,12 @@ std::vector<CAlternative> DescribeInfoBytes(BytesView ibytes) {
       alternatives.push_back(*std::exchange(open, std::nullopt));
     }
   };
+  bool has_other_files = false;
   Text line_from;  // where the binding is that items belong to; empty: here
   for (const CInfoItem& item : ItemsOf(ibytes)) {
     CAlternative alternative;
     alternative.from = DescribeContext(item);
+    has_other_files = has_other_files || item.url.has_value();
     alternative.kind = KindWords(item.kind);
     if (IsLineKind(item.kind)) {
       alternative.line = item.line;
@@ -67,7 +70,24 @@ std::vector<CAlternative> DescribeInfoBytes(BytesView ibytes) {
     alternatives.push_back(std::move(alternative));
   }
   close();
+  // What several methods set comes in the order of their names.
+  const bool has_lines = std::all_of(alternatives.begin(), alternatives.end(),
+                                     [](const CAlternative& a) { return a.line.has_value(); });
+  if (has_lines && !has_other_files) {
+    std::stable_sort(alternatives.begin(), alternatives.end(),
+                     [](const CAlternative& a, const CAlternative& b) { return a.line < b.line; });
+  }
   return alternatives;
+}
+
+Text ReadableArguments(BytesView inside) {
+  Text readable;
+  ForEachNonNested(inside, ',', [&](BytesView argument) {
+    readable += readable.empty() ? "" : ", ";
+    readable += argument;
+    readable += argument.ends_with('=') ? "..." : "";
+  });
+  return readable;
 }
 
 }  // namespace pysource::tools

@@ -21,4 +21,8 @@ struct CAlternative {
 // binding of which nothing is known is an alternative "set" of its own.
 std::vector<CAlternative> DescribeInfoBytes(BytesView ibytes);
 
+// What stands between the brackets of a definition or class, as a person writes it:
+// "self, a, /, b=..., *, c".
+Text ReadableArguments(BytesView inside);
+
 }  // namespace pysource::tools

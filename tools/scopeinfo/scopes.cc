@@ -152,7 +152,7 @@ std::string ToTable(const CTree& tree, const std::string& path) {
         Printable(IsTopLevelModuleScope(node.scope) ? TextView(path)
                                                     : ParentAndLeafScopeNames(node.scope).second);
     if (node.has_arguments) {
-      label += "(" + Printable(node.arguments) + ")";
+      label += "(" + Printable(ReadableArguments(node.arguments)) + ")";
     }
     table.AddRow({label, node.kind, node.line == INT_MAX ? "" : std::to_string(node.line),
                   std::to_string(node.names)});

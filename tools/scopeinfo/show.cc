@@ -14,6 +14,7 @@
 #include "pysource/host/symbolinfo/bodies.h"
 #include "pysource/host/symbolinfo/items.h"
 #include "pysource/host/symbolinfo/kinds.h"
+#include "pysource/host/symbolinfo/scopenames.h"
 #include "pysource/scopeinfo/records/scopeinfo.h"
 #include "tools/scopeinfo/commands.h"
 #include "tools/scopeinfo/describe.h"
@@ -134,11 +135,14 @@ struct CNameLine {
   std::vector<CAlternative> alternatives;
 };
 
-// As they stand in the source; what has no line comes last. Records do not keep that order.
-std::vector<CNameLine> InSourceOrder(const CStrDict& names) {
+// As they stand in the source; what has no line comes last. Records do not keep that order. Either
+// the names that variables can have, or those that say something of the scope itself.
+std::vector<CNameLine> InSourceOrder(const CStrDict& names, bool of_variables) {
   std::vector<CNameLine> lines;
   for (const auto& [name, ibytes] : names) {
-    lines.push_back({name, ibytes, DescribeInfoBytes(ibytes)});
+    if (IsVariableName(name) == of_variables) {
+      lines.push_back({name, ibytes, DescribeInfoBytes(ibytes)});
+    }
   }
   std::sort(lines.begin(), lines.end(), [](const CNameLine& a, const CNameLine& b) {
     const auto rank = [](const CNameLine& line) {
@@ -151,9 +155,10 @@ std::vector<CNameLine> InSourceOrder(const CStrDict& names) {
   return lines;
 }
 
-ordered_json NamesToJson(const CStrDict& names, const std::optional<CStrDict>& domains) {
+ordered_json NamesToJson(const CStrDict& names, const std::optional<CStrDict>& domains,
+                         bool of_variables = true) {
   ordered_json array = ordered_json::array();
-  for (const auto& [name, ibytes, described] : InSourceOrder(names)) {
+  for (const auto& [name, ibytes, described] : InSourceOrder(names, of_variables)) {
     ordered_json entry{{"name", name}, {"info", ibytes}};
     ordered_json& alternatives = entry["alternatives"] = ordered_json::array();
     for (const CAlternative& alternative : described) {
@@ -185,6 +190,7 @@ ordered_json ToJson(const CScopeInfo& info, const CSession& session) {
   json["disk_time"] = info.disk_mtime ? ordered_json(*info.disk_mtime) : ordered_json();
   json["source"] = session.FilesScanned() == 0 ? "database" : "scan";
   json["names"] = NamesToJson(info.type_equivs, info._domains);
+  json["scope_says"] = NamesToJson(info.type_equivs, info._domains, false);
   json["instance_names"] = info.inst_type_equivs
                                ? NamesToJson(*info.inst_type_equivs, info._inst_domains)
                                : ordered_json::array();
@@ -195,12 +201,14 @@ ordered_json ToJson(const CScopeInfo& info, const CSession& session) {
   return json;
 }
 
-void AddNames(std::string& text, std::string_view heading, const CStrDict& names) {
-  if (names.empty()) {
+void AddNames(std::string& text, std::string_view heading, const CStrDict& names,
+              bool of_variables = true) {
+  const std::vector<CNameLine> lines = InSourceOrder(names, of_variables);
+  if (lines.empty()) {
     return;
   }
   CTable table({std::string(heading), ">Line", "Kind", "Value"});
-  for (const auto& [name, ibytes, alternatives] : InSourceOrder(names)) {
+  for (const auto& [name, ibytes, alternatives] : lines) {
     std::string shown = Printable(name);
     for (const CAlternative& alternative : alternatives) {
       std::string value = Printable(alternative.value);
@@ -225,7 +233,7 @@ std::string ToTable(const CScopeInfo& info) {
   if (!is_module) {
     title += " " + Printable(info.for_scope);
     if (!definition.inside.empty() || IsDefKind(info.scope_kind)) {
-      title += fmt::format("({})", Printable(definition.inside));
+      title += fmt::format("({})", Printable(ReadableArguments(definition.inside)));
     }
   }
   std::string text = fmt::format("{}\n{}, {}", title, Printable(FileOf(info.loc)),
@@ -234,6 +242,7 @@ std::string ToTable(const CScopeInfo& info) {
   text += info.does_not_exist ? ", does not exist" : "";
   text += "\n";
   AddNames(text, "Name", info.type_equivs);
+  AddNames(text, "Scope says", info.type_equivs, false);
   if (info.inst_type_equivs) {
     AddNames(text, "Instance attribute", *info.inst_type_equivs);
   }
