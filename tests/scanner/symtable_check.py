@@ -74,6 +74,8 @@ def bound_names(table, class_name, is_comprehension):
         declared = symbol.is_declared_global() or symbol.is_nonlocal()
         if is_comprehension and declared:
             names.add("?" + name)
+        elif name == "__type_params__" and table.get_type() == "class":
+            pass  # Python sets it where a class has type parameters
         elif is_bound(symbol) or symbol.is_annotated():
             names.add(name)
         elif declared and table.get_type() != "module":
