@@ -213,9 +213,7 @@ void Refill(benchmark::State& state) {
     std::vector<CRequest> gone;
     const size_t room = kScopesHeld - cache->UsedScopeCount();
     for (const CRequest& request : overfull.input.requests) {
-      const auto* const entry = cache->DbgGetPerFileDict().Find(request.loc);
-      if (gone.size() + 200 < room &&
-          (entry == nullptr || (*entry)->GetSerializedDataCount(request.scope) == 0)) {
+      if (gone.size() + 200 < room && cache->GetRecordsHeld(request.loc, request.scope).empty()) {
         gone.push_back(request);
       }
     }

@@ -85,7 +85,7 @@ void MeasureEdit(CBenchWorld& world, const CCorpus& corpus) {
           const auto module = engine.Cache().GetScopeInfo(locs[i], "");
           if (engine.Scans().GetCounts().files_scanned == scanned_before || module == nullptr ||
               !module->GetInfoBytes("edit_" + std::to_string(edits)) ||
-              !engine.Cache().DbgGetCrossFileData()._fAllToWriteInfoKeys.empty()) {
+              engine.Cache().GetCounts().to_write != 0) {
             throw std::logic_error(paths[i] + ": the edit was not scanned and written");
           }
         }

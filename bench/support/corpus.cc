@@ -86,7 +86,7 @@ CCorpus ScanCorpus(CBenchWorld& world, const std::string& root, size_t most_scop
       continue;  // a library has files with errors on purpose
     }
     for (const standalone::CScanResult& result : file.scan.results) {
-      if (result.scan_name == standalone::kNamesScan) {
+      if (result.scan_name == standalone::kPrimaryScan.name) {
         file.scope_names.push_back(result.scanned_scope);
       }
     }
@@ -107,7 +107,7 @@ void AddRecords(scopeinfo::CInfoCache& cache, const CCorpusFile& file) {
   const auto add = [&](bool of_classes, TextView scan_name) {
     bool is_class = false;
     for (const standalone::CScanResult& scan : file.scan.results) {
-      if (scan.scan_name == standalone::kNamesScan) {
+      if (scan.scan_name == standalone::kPrimaryScan.name) {
         is_class = !scan.infos.empty() && scan.infos.front()->scope_kind == kClassKind;
       }
       if (is_class == of_classes && scan.scan_name == scan_name) {
@@ -115,10 +115,11 @@ void AddRecords(scopeinfo::CInfoCache& cache, const CCorpusFile& file) {
       }
     }
   };
-  add(false, standalone::kNamesScan);
-  add(false, standalone::kAttrsScan);
-  add(true, standalone::kNamesScan);
-  add(true, standalone::kAttrsScan);
+  for (const bool of_classes : {false, true}) {
+    for (const standalone::CScanRow* const row : standalone::kScansByRank) {
+      add(of_classes, row->name);
+    }
+  }
 }
 
 void AddCorpus(scopeinfo::CInfoCache& cache, const CCorpus& corpus) {
@@ -131,9 +132,9 @@ void AddCorpus(scopeinfo::CInfoCache& cache, const CCorpus& corpus) {
   for (const CCorpusFile& file : corpus.files) {
     by_loc.emplace(file.loc, &file);
     AddRecords(cache, file);
-    for (const TextView scan_name : {standalone::kNamesScan, standalone::kAttrsScan}) {
-      cache.ChangeScansDone(file.loc, scan_name, true);
-      cache.FinishedWithScans(file.loc, kWildcardScope, scan_name);
+    for (const standalone::CScanRow& scan : standalone::kScans) {
+      cache.ChangeScansDone(file.loc, scan.name, true);
+      cache.FinishedWithScans(file.loc, kWildcardScope, scan.name);
     }
   }
   for (int round = 0; round < kMostRounds && !stale.empty(); ++round) {

@@ -44,7 +44,7 @@ void CBenchWorld::Open(const std::string& db_path) {
   _fAnaMgr.fAnalysisDb = _fDb.get();
   _fCache = std::make_unique<scopeinfo::CInfoCache>(&_fAnaMgr, &fLocCache);
   _fAnaMgr.fInfoCache = _fCache.get();
-  _fCache->SetScanNames({Text(standalone::kNamesScan), Text(standalone::kAttrsScan)});
+  _fCache->SetScanNames(standalone::ScanNames());
 }
 
 void CBenchWorld::Close() {

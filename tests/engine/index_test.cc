@@ -190,8 +190,8 @@ TEST_F(IndexTest, TheCheckFindsEachKindOfDifference) {
     const auto good_b = of_b;
     const auto store = [&](const auto& rows_of_a, const auto& rows_of_b) {
       ASSERT_TRUE(db.ClearInfoForFiles({a, b}));
-      ASSERT_TRUE(db.SaveDataForFile(a, rows_of_a, kAllScansDone, time_of("a.py")));
-      ASSERT_TRUE(db.SaveDataForFile(b, rows_of_b, kAllScansDone, time_of("b.py")));
+      ASSERT_TRUE(db.SaveDataForFile(a, rows_of_a, AllScansDone(), time_of("a.py")));
+      ASSERT_TRUE(db.SaveDataForFile(b, rows_of_b, AllScansDone(), time_of("b.py")));
     };
     test.damage(of_a, of_b);
     store(of_a, of_b);
@@ -222,7 +222,7 @@ TEST_F(IndexTest, RowsThatRestOnAChangedFileOrClaimTooMuchAreNamed) {
   EXPECT_THAT(report.stale, SizeIs(3));  // b.py, c.py, and what a.py has seen of b.py
 
   const Loc c = engine->Locations().GetLocationForPath(Path("tree/c.py"));
-  ASSERT_TRUE(engine->Database().SaveDataForFile(c, {}, kAllScansDone, 5));
+  ASSERT_TRUE(engine->Database().SaveDataForFile(c, {}, AllScansDone(), 5));
   report = CheckRows(engine->Database());
   ASSERT_THAT(report.damaged, SizeIs(1));
   EXPECT_THAT(report.damaged[0].text, HasSubstr("without a record of its module"));

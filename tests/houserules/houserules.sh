@@ -8,6 +8,7 @@
 #   - A file of the project is included by its path from the root, in quotes.
 #   - A header opens with #pragma once, and does not say `using namespace`.
 #   - Info bytes are taken apart in host/symbolinfo alone: nothing else searches a value for a mark or cuts one off.
+#   - The cache's raw tables (Dbg...) are for tests; a host uses the operations for hosts.
 #   - package-lock.json names no registry; it holds the versions and the hashes.
 set -euo pipefail
 
@@ -33,6 +34,9 @@ mark='(k[A-Za-z]+Prefix|kPlainEquivSpec|kPrefixLen|":[A-Za-z@=]")'
 mark_search="(find[a-z_]*|starts_with|ends_with|contains|StrInStr|substr|remove_prefix)\\([^()]*$mark"
 raw_marks=" pysource/scopeinfo/filestate/equivs.cc pysource/scopeinfo/infocache/queries.cc \
 pysource/standalone/scanner/bindings.cc "
+
+# The doors to the cache's tables are for tests and the dump.
+raw_doors=' Dbg[A-Z]|[.>]Dbg[A-Z]'
 
 violations=0
 complain() { # FILE:LINE SENTENCE
@@ -111,6 +115,12 @@ for file in "${files[@]}"; do
     while IFS=: read -r line _; do
       complain "$file:$line" "searches raw info bytes for a mark; host/symbolinfo/items.h has a reader"
     done < <(grep -nE "$mark_search" "$file")
+  fi
+
+  if [[ $file =~ ^(pysource/standalone|tools|bench|examples)/ ]]; then
+    while IFS=: read -r line _; do
+      complain "$file:$line" "reads a raw table of the cache; infocache.h has operations for hosts"
+    done < <(grep -nE "$raw_doors" "$file")
   fi
 
   if [[ $file == *.h ]]; then

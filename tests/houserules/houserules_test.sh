@@ -72,6 +72,7 @@ expect 'pysource/host/bad.cc:1: includes <pysource/host/text.h>; a file of the p
   pysource/host/bad.cc '#include <pysource/host/text.h>'
 expect 'pysource/host/raw.cc:1: searches raw info bytes for a mark' \
   pysource/host/raw.cc 'return value.find(kGlobalPrefix) != value.npos;'
+expect 'tools/scopeinfo/raw.cc:1: reads a raw table of the cache' tools/scopeinfo/raw.cc 'cache.DbgGetTable();'
 expect 'pysource/cellar/bad.cc:1: is on no floor' pysource/cellar/bad.cc ''
 expect 'pysource/host/bad.h:1: has no #pragma once' pysource/host/bad.h '// #pragma once'
 expect 'tests/fakes/bad.h:2: says using namespace' tests/fakes/bad.h '#pragma once' 'using namespace pysource;'

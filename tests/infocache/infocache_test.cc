@@ -71,6 +71,7 @@ TEST_F(InfoCacheTest, LookingMakesNoEntryWatchesNothingAndAsksNobody) {
 TEST_F(InfoCacheTest, NewScanNamesClearAndThePresentOnesDoNot) {
   Scan({.loc = kA, .scope = "f"});
   EXPECT_THROW(Cache().SetScanNames({":names"}), CValueError);
+  EXPECT_THROW(Cache().SetScanNames({":names", ":attrs", ":name"}), CValueError) << "a prefix";
   EXPECT_THAT(Events([&] { Cache().SetScanNames({":names", ":attrs"}); }), IsEmpty());
   EXPECT_THAT(Events([&] {
                 Cache().SetScanNames({":names", ":more"});

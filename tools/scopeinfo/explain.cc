@@ -24,6 +24,20 @@ std::string ScopeWord(TextView scope) {
                                    : Printable(scope);
 }
 
+const char* StateWords(scopeinfo::EHeldState state) {
+  switch (state) {
+    case scopeinfo::EHeldState::kCouldNotWrite:
+      return "could not be written";
+    case scopeinfo::EHeldState::kToWrite:
+      return "to be written";
+    case scopeinfo::EHeldState::kInDatabase:
+      return "in the database";
+    case scopeinfo::EHeldState::kInMemoryOnly:
+      return "in memory only";
+  }
+  return "";
+}
+
 // A disk time in words: it stands for a content, not for a time.
 std::string TimeWord(DiskTime time) {
   if (time == static_cast<DiskTime>(scopeinfo::kFileModifiedInMemoryMtime)) {
@@ -70,41 +84,30 @@ void CExplanation::NoteAnswer(const scopeinfo::CScopeInfoPtr& info) {
 }
 
 std::vector<CExplanation::CRecord> CExplanation::Records() {
-  const scopeinfo::CCrossFileData& keys = _fEngine.Cache().DbgGetCrossFileData();
   std::vector<Loc> files = _fEngine.SecondaryFiles(_fLoc);
   files.insert(files.begin(), _fLoc);
   std::vector<CRecord> records;
   for (const Loc file : files) {
-    const auto* const entry = _fEngine.Cache().DbgGetPerFileDict().Find(file);
-    const auto* const list =
-        entry == nullptr ? nullptr : (*entry)->serialized_data_dict.Find(_fScope);
-    if (list == nullptr) {
-      continue;
-    }
-    for (const scopeinfo::CSerializedRecord& record : *list) {
+    for (const scopeinfo::CHeldRecord& record : _fEngine.Cache().GetRecordsHeld(file, _fScope)) {
       CRecord shown;
       shown.file = file;
       shown.scan = record.key.scan_name().value_or("");
       shown.scanned_file = record.key.scanned_loc();
       shown.scanned_scope = record.key.scanned_scope().value_or("");
-      shown.standing = keys._fAllCouldNotWriteInfoKeys.contains(record.key) ? "could not be written"
-                       : keys._fAllToWriteInfoKeys.contains(record.key)     ? "to be written"
-                       : keys._fAllInDatabaseInfoKeys.contains(record.key)  ? "in the database"
-                                                                            : "in memory only";
-      shown.stale = WhyStale(record.key, record.scopes_seen);
+      shown.standing = StateWords(record.state);
+      shown.stale = WhyStale(record);
       records.push_back(std::move(shown));
     }
   }
   return records;
 }
 
-std::string CExplanation::WhyStale(const scopeinfo::CScopeInfoKey& key,
-                                   const CScopesSeenPtr& seen) {
-  if (!_fEngine.Cache().DbgGetCrossFileData()._fAllNeedsScanInfoKeys.contains(key)) {
+std::string CExplanation::WhyStale(const scopeinfo::CHeldRecord& record) {
+  if (!record.is_stale) {
     return {};
   }
-  if (seen != nullptr) {
-    for (const auto& [ref, time] : *seen) {
+  if (record.scopes_seen != nullptr) {
+    for (const auto& [ref, time] : *record.scopes_seen) {
       const DiskTime now = _fEngine.Cache().GetDiskModTimeUsed(ref.loc, true).value_or(0);
       if (now != time) {
         return fmt::format("it has seen {} {}, which is now {}", FileOf(ref.loc), TimeWord(time),
@@ -121,10 +124,9 @@ std::string CExplanation::WhyWanted(Loc loc, TextView scan) {
       return "its record is stale";
     }
   }
-  const auto* const entry = _fEngine.Cache().DbgGetPerFileDict().Find(loc);
-  if (entry != nullptr && (*entry)->fScansDone.empty()) {
-    return fmt::format("no scan of the file, {}, is in the database",
-                       TimeWord((*entry)->disk_mtime));
+  const auto file = _fEngine.Cache().GetFileHeld(loc);
+  if (file && file->scans_done.empty()) {
+    return fmt::format("no scan of the file, {}, is in the database", TimeWord(file->disk_mtime));
   }
   return "the scan was not done for this file";
 }

@@ -37,7 +37,7 @@ class CExplanation {
     Text scan;
     Loc scanned_file;
     Text scanned_scope;
-    const char* standing = "";  // towards the database
+    const char* standing = "";  // whether the database has it
     std::string stale;          // why it cannot be trusted; empty when it can
   };
   struct CWanted {
@@ -48,7 +48,7 @@ class CExplanation {
   };
 
   std::vector<CRecord> Records();
-  std::string WhyStale(const scopeinfo::CScopeInfoKey& key, const CScopesSeenPtr& seen);
+  std::string WhyStale(const scopeinfo::CHeldRecord& record);
   std::string WhyWanted(Loc loc, TextView scan);
 
   standalone::CEngine& _fEngine;

@@ -65,7 +65,7 @@ struct CQueriedFiles {
     const auto missing =
         static_cast<size_t>(std::count_if(locs.begin(), locs.end(), [&done](Loc loc) {
           const Text* scans = done.Find(loc);
-          return scans == nullptr || *scans != standalone::kAllScansDone;
+          return scans == nullptr || *scans != standalone::AllScansDone();
         }));
     if (missing > 0) {
       Complain(

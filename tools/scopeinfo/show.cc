@@ -111,7 +111,7 @@ std::vector<CMergedScan> ScansOf(const CScopeInfo& info) {
     // scope itself.
     scans.push_back(key.scan_name() ? CMergedScan{Text(*key.scan_name()), key.scanned_loc(),
                                                   Text(key.scanned_scope().value_or(""))}
-                                    : CMergedScan{Text(standalone::kNamesScan), info.loc,
+                                    : CMergedScan{Text(standalone::kPrimaryScan.name), info.loc,
                                                   Text(info.for_scope)});
   };
   if (info.merged_keys->begin() == info.merged_keys->end()) {
@@ -121,7 +121,7 @@ std::vector<CMergedScan> ScansOf(const CScopeInfo& info) {
     add(key);
   }
   const auto rank = [&info](const CMergedScan& scan) {
-    return std::tuple(scan.file != info.loc, scan.scan == standalone::kAttrsScan,
+    return std::tuple(scan.file != info.loc, standalone::ScanIndex(scan.scan),
                       scan.file ? scan.file->fUrl : Text(), scan.scope);
   };
   std::sort(scans.begin(), scans.end(),

@@ -90,9 +90,6 @@ class CPerFileEntry {
   // The number of records in memory, of the whole file or of one scope.
   size_t GetSerializedDataCount() const;
   size_t GetSerializedDataCount(TextView scope_name) const;
-  size_t DbgGetSerializedDataCount(TextView scope_name) const {
-    return GetSerializedDataCount(scope_name);
-  }
 
   // ---- Reading.
 

@@ -159,6 +159,14 @@ void CInfoCache::SetScanNames(const std::vector<Text>& scan_names) {
   if (fScanNames == scan_names) {
     return;
   }
+  for (size_t i = 0; i < scan_names.size(); ++i) {
+    for (size_t j = 0; j < scan_names.size(); ++j) {
+      // The scans done of a file are one text, in which a name is searched for.
+      if (i != j && scan_names[j].starts_with(scan_names[i])) {
+        throw CValueError("scan name " + scan_names[i] + " is a prefix of " + scan_names[j]);
+      }
+    }
+  }
   // The old names are kept: an operation up the stack may be walking over them, if a host service
   // that it called emitted a signal and the handler came here.
   _fFormerScanNames.push_back(std::exchange(fScanNames, scan_names));

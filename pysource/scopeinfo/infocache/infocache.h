@@ -25,6 +25,7 @@
 #include "pysource/scopeinfo/filestate/filestateowner.h"
 #include "pysource/scopeinfo/filestate/needsscan.h"
 #include "pysource/scopeinfo/filestate/perfileentry.h"
+#include "pysource/scopeinfo/infocache/held.h"
 #include "pysource/scopeinfo/records/scopeinfo.h"
 #include "pysource/scopeinfo/serialized/scopeinfoserializer.h"
 
@@ -87,8 +88,8 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
   ~CInfoCache() override;
 
   // Sets the scan names, the primary one first. Different names clear the cache; the same names
-  // change nothing. Throws CValueError for fewer than two.
-  // REQUIRES: no name is a prefix of another.
+  // change nothing. Throws CValueError for fewer than two names, and for a name that another one
+  // begins with.
   void SetScanNames(const std::vector<Text>& scan_names);
 
   // The disk time of the file's content as the host sees it: kFileModifiedInMemoryMtime for a
@@ -183,6 +184,34 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
   // otherwise absent. Creates no entry.
   virtual std::optional<DiskTime> GetDiskModTimeUsed(Loc loc, bool read_if_needed);
 
+  // ---- For the host that runs the scans (held.cc). These look at memory alone: they create no
+  // entry, read no database and trim nothing.
+
+  // The files that have an entry, in the order in which they got it.
+  std::vector<Loc> GetFilesHeld() const;
+  bool IsFileHeld(Loc loc) const { return _fPerFileDict.Contains(loc); }
+  // What the entry of the file says; absent without an entry.
+  std::optional<CHeldFile> GetFileHeld(Loc loc) const;
+  // The records for the scope that are in memory, the one of the primary scan first.
+  std::vector<CHeldRecord> GetRecordsHeld(Loc loc, TextView scope_name) const;
+  // The number of records for the file that wait to be written.
+  size_t GetUnwrittenCount(Loc loc) const;
+  // Whether all records for the file and all that were scanned from it are written and up to date.
+  // A host that has run all scans of a settled file can clear it from memory: nothing is lost.
+  bool IsSettled(Loc loc) const;
+  // The keys of the records that scans of the file have made, of these scopes or of all; for this
+  // file and for others.
+  CScopeInfoKeySet GetKeysScannedFrom(Loc loc, const TextSet* scope_names = nullptr) const;
+  // Those among them whose scans have to run again.
+  CScopeInfoKeySet GetStaleKeysScannedFrom(Loc loc) const;
+  CHeldCounts GetCounts() const;
+  // Takes all scans of the file off the list of those done, so that they are asked for again; the
+  // next write of the file stores that. False without an entry.
+  bool ForgetScansDone(Loc loc);
+  // Marks a record as stale without asking for its scan: for a scope that the host knows to be gone
+  // FinishedWithScans then removes it. An unknown key is ignored.
+  void MarkStale(const CScopeInfoKey& key);
+
   // ---- For tools and tests.
 
   // Everything that the cache holds, as text: sorted where order has no meaning, in order where it
@@ -190,6 +219,7 @@ class CInfoCache : public CInfoCacheBase, private CFileStateOwner {
   Text DebugDump() const;
   // Asserts what always holds between operations, here and on the floors below.
   void CheckInvariants() const;
+  // The raw tables, for tests and the dump alone.
   const CInsertionOrderedDict<Loc, CPerFilePtr>& DbgGetPerFileDict() const { return _fPerFileDict; }
   CCrossFileData& DbgGetCrossFileData() { return _fCrossFileData; }
   // Whether the cache holds a merged record that depends on a scope of the file.

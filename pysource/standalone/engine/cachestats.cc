@@ -38,15 +38,15 @@ std::vector<std::pair<std::string_view, uint64_t>> CCacheStats::Items() const {
 }
 
 CCacheStats GetCacheStats(scopeinfo::CInfoCache& cache) {
-  const scopeinfo::CCrossFileData& keys = cache.DbgGetCrossFileData();
-  return {.files = cache.DbgGetPerFileDict().size(),
-          .known = keys._fAllInfoKeys.size(),
-          .needs_scan = keys._fAllNeedsScanInfoKeys.size(),
-          .in_database = keys._fAllInDatabaseInfoKeys.size(),
-          .to_write = keys._fAllToWriteInfoKeys.size(),
-          .could_not_write = keys._fAllCouldNotWriteInfoKeys.size(),
+  const scopeinfo::CHeldCounts counts = cache.GetCounts();
+  return {.files = counts.files,
+          .known = counts.known,
+          .needs_scan = counts.needs_scan,
+          .in_database = counts.in_database,
+          .to_write = counts.to_write,
+          .could_not_write = counts.could_not_write,
           .used_scopes = cache.UsedScopeCount(),
-          .live_records = keys._fExistingScopeInfo.size(),
+          .live_records = counts.live_records,
           .merged_records = cache.MergedInfoCount(),
           .merged_hits = cache.MergedInfoHits(),
           .merged_misses = cache.MergedInfoMisses(),

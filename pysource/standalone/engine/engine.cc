@@ -36,7 +36,7 @@ CEngine::CEngine(CEngineOptions options)
   _fDb->connect(kExternalDbContentsChanged, [this](CAnalysisDb&, const CLocSet* changed_locs) {
     DatabaseHasChanged(changed_locs);
   });
-  _fCache->SetScanNames({Text(kNamesScan), Text(kAttrsScan)});
+  _fCache->SetScanNames(ScanNames());
   _fScans =
       std::make_unique<CScanRunner>(*_fCache, *_fDb, _fFiles, _fTimes, _fBuffers, _fResolver,
                                     CScanRunner::Options{.threads = options.threads,
@@ -139,13 +139,13 @@ void CEngine::FileHasChanged(Loc loc, bool forgotten) {
   // time. But merged records, and records for other files that were scanned from this one, can
   // outlive it: they stay when the file, or a scope of it, leaves memory. Where nothing was merged,
   // that is news for nobody.
-  if (!forgotten && _fCache->DbgGetPerFileDict().Contains(loc) && !_fCache->HasMergedInfoOf(loc)) {
+  if (!forgotten && _fCache->IsFileHeld(loc) && !_fCache->HasMergedInfoOf(loc)) {
     return;
   }
   CChangedDict changed;
   changed.Set(loc, std::make_shared<TextSet>(TextSet{Text(kWildcardScope)}));
   _fCache->emit(kScopesModified, changed);
-  const auto scanned_from = _fCache->DbgGetCrossFileData().GetScannedLocInfoKeys(loc);
+  const auto scanned_from = _fCache->GetKeysScannedFrom(loc);
   if (!scanned_from.empty()) {
     _fCache->AddDepKeysToNeedsScan(scanned_from);
   }

@@ -9,9 +9,6 @@
 
 namespace pysource::standalone {
 
-// The scans-done text of a file that was wholly scanned: the scan names, sorted, joined with ",".
-inline constexpr TextView kAllScansDone = ":attrs,:names";
-
 // The row that one record is stored as. Takes the encoded form out of _serialized_data.
 CDatabaseRecord MakeRow(const scopeinfo::CScopeInfo& info);
 

@@ -189,12 +189,11 @@ class CChecker {
     time.Set(loc, disk_mtime);
     const CScansDoneDict scans_done = _fDb.GetScansDone(time);
     const Text* done = scans_done.Find(loc);
-    return done != nullptr && *done == kAllScansDone;
+    return done != nullptr && *done == AllScansDone();
   }
 
   std::vector<CDatabaseRecord> ReadRows(Loc loc, DiskTime disk_mtime) {
-    return _fDb.ReadScopeDataRecords(loc, {Text(kNamesScan), Text(kAttrsScan)},
-                                     {Text(kWildcardScope)}, disk_mtime);
+    return _fDb.ReadScopeDataRecords(loc, ScanNames(), {Text(kWildcardScope)}, disk_mtime);
   }
 
   CAnalysisDb& _fDb;

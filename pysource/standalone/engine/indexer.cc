@@ -36,23 +36,21 @@ std::string PathOf(Loc loc) { return PathForLocation(loc).value_or(loc->fUrl); }
 
 std::vector<CPathNote> ForgetForPlan(CEngine& engine, const CIndexPlan& plan) {
   scopeinfo::CInfoCache& cache = engine.Cache();
-  const auto entry_of = [&cache](Loc loc) { return cache.DbgGetPerFileDict().Find(loc); };
   std::vector<CPathNote> refused;
   // First that their scans are done no longer: once the rows are cleared, nothing else says who has
   // to be scanned again.
   std::vector<Loc> to_forget;
   for (const CFoundFile& file : plan.to_forget) {
     (void)cache.GetAllScopeNames(file.loc);  // makes the entry
-    if (const auto* const entry = entry_of(file.loc)) {
-      (*entry)->SetScansDone("");
+    if (cache.ForgetScansDone(file.loc)) {
       to_forget.push_back(file.loc);
     }
   }
   cache.WriteToDatabase(to_forget);
   for (const Loc loc : to_forget) {
-    const auto* const entry = entry_of(loc);
+    const auto file = cache.GetFileHeld(loc);
     const std::string& why = engine.Database().RefusalOf(loc);
-    if (entry != nullptr && (*entry)->fScansDoneNeedsToBeWritten && !why.empty()) {
+    if (file && file->are_scans_done_unwritten && !why.empty()) {
       refused.push_back({PathOf(loc), why});
       return refused;
     }
@@ -60,8 +58,8 @@ std::vector<CPathNote> ForgetForPlan(CEngine& engine, const CIndexPlan& plan) {
   if (!plan.to_clear.empty()) {
     cache.ClearFiles(plan.to_clear, true);
     for (const Loc loc : plan.to_clear) {
-      const auto* const entry = entry_of(loc);
-      if (entry != nullptr && (*entry)->clear_db) {
+      const auto file = cache.GetFileHeld(loc);
+      if (file && file->is_deletion_unwritten) {
         refused.push_back({PathOf(loc), engine.Database().RefusalOf(loc)});
         return refused;
       }
@@ -142,7 +140,7 @@ void CIndexer::TakeScanned(const CScanJobResult& scanned) {
       _fReport.source_bytes += scanned.source_bytes;
       _fReport.encoded_bytes += scanned.encoded_bytes;
       for (const CScanResult& result : scanned.scan.results) {
-        _fReport.scopes += result.scan_name == kNamesScan ? 1 : 0;
+        _fReport.scopes += result.scan_name == kPrimaryScan.name ? 1 : 0;
         for (const scopeinfo::CScopeInfoPtr& info : result.infos) {
           ++_fReport.records;
           _fReport.names += info->type_equivs.size();
@@ -156,7 +154,7 @@ void CIndexer::TakeScanned(const CScanJobResult& scanned) {
     }
   }
   // Also what was refused: the next run makes up for it.
-  if (IsSettled(loc) || cache.DbgGetCrossFileData().GetToWriteInfoKeyCount(loc) != 0) {
+  if (cache.IsSettled(loc) || cache.GetUnwrittenCount(loc) != 0) {
     cache.ClearFiles({loc}, false);
   }
   if (_fDone % kFilesBetweenSweeps == 0) {
@@ -183,33 +181,17 @@ void CIndexer::Refuse(const std::string& path, const std::string& why) {
 // Whether the database would not take records of the file.
 bool CIndexer::IsRefused(Loc loc) const {
   return !_fEngine.Database().RefusalOf(loc).empty() &&
-         _fEngine.Cache().DbgGetCrossFileData().GetToWriteInfoKeyCount(loc) != 0;
-}
-
-// Whether all that the file holds, and all that was scanned from it, is written and up to date.
-bool CIndexer::IsSettled(Loc loc) const {
-  const scopeinfo::CCrossFileData& data = _fEngine.Cache().DbgGetCrossFileData();
-  if (data.GetToWriteInfoKeyCount(loc) != 0 || !data.GetScannedLocNeedsScanInfoKeys(loc).empty()) {
-    return false;
-  }
-  const scopeinfo::CScopeInfoKeySet from_here = data.GetScannedLocInfoKeys(loc);
-  const scopeinfo::CScopeInfoKeySet for_here = data.GetInfoKeysByForLoc(loc);
-  return std::none_of(from_here.begin(), from_here.end(),
-                      [&](const auto& key) { return data._fAllToWriteInfoKeys.contains(key); }) &&
-         std::none_of(for_here.begin(), for_here.end(),
-                      [&](const auto& key) { return data._fAllNeedsScanInfoKeys.contains(key); });
+         _fEngine.Cache().GetUnwrittenCount(loc) != 0;
 }
 
 void CIndexer::Sweep() {
   _fEngine.DiskTimes().Save();
   scopeinfo::CInfoCache& cache = _fEngine.Cache();
   std::vector<Loc> settled;
-  for (const auto& [loc, entry] : cache.DbgGetPerFileDict()) {
-    if (IsSettled(loc)) {
-      settled.push_back(loc);
-    }
-  }
-  const bool all = settled.size() == cache.DbgGetPerFileDict().size();
+  const std::vector<Loc> held = cache.GetFilesHeld();
+  std::copy_if(held.begin(), held.end(), std::back_inserter(settled),
+               [&cache](Loc loc) { return cache.IsSettled(loc); });
+  const bool all = settled.size() == held.size();
   cache.ClearFiles(settled, false);
   if (all) {
     // The cache remembers of every record that it ever held that nothing depends on it any more.
@@ -224,9 +206,9 @@ void CIndexer::WriteTheRest() {
   }
   scopeinfo::CInfoCache& cache = _fEngine.Cache();
   cache.WriteToDatabase();
-  for (const auto& [loc, entry] : cache.DbgGetPerFileDict()) {
+  for (const Loc loc : cache.GetFilesHeld()) {
     // Records for a file that is gone by now have nowhere to go.
-    if (entry->disk_mtime > 0 && IsRefused(loc)) {
+    if (cache.GetFileHeld(loc)->disk_mtime > 0 && IsRefused(loc)) {
       Refuse(PathOf(loc), _fEngine.Database().RefusalOf(loc));
     }
   }

@@ -78,7 +78,6 @@ class CIndexer {
   void TakeFailure(const CScanRunner::Failure& failure);
   void Refuse(const std::string& path, const std::string& why);
   bool IsRefused(Loc loc) const;
-  bool IsSettled(Loc loc) const;
   void Sweep();
   void WriteTheRest();
   bool HasGivenUp() const;

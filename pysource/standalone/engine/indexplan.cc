@@ -27,7 +27,7 @@ struct CFileState {
   std::optional<CContentMark> content;
   std::optional<DiskTime> now;  // its time on the disk, once that was asked for
   bool is_stored = false;
-  bool is_scanned = false;  // both scans are stored
+  bool is_scanned = false;  // all scans are stored
   DiskTime stored = 0;      // as it was at that time
 };
 
@@ -46,7 +46,7 @@ class CPlanner {
         [this](const CStoredFile& file) {
           CFileState& state = _fStates[file.loc];
           state.is_stored = true;
-          state.is_scanned = file.scans_done == kAllScansDone;
+          state.is_scanned = file.scans_done == AllScansDone();
           state.stored = file.disk_time;
           state.content = file.content;
         },
@@ -100,7 +100,7 @@ class CPlanner {
   }
   DiskTime TimeOf(Loc loc) { return TimeOf(loc, _fStates[loc]); }
 
-  // Whether it is stored as it is on the disk now, with both scans.
+  // Whether it is stored as it is on the disk now, with all scans.
   bool IsIndexed(Loc loc, CFileState& state) {
     return state.is_scanned && state.stored == TimeOf(loc, state);
   }

@@ -115,7 +115,7 @@ std::vector<CPathNote> CLiveIndex::WriteAll() {
   std::vector<CPathNote> refused;
   try {
     _fEngine->Cache().WriteToDatabase();
-    for (const auto& [loc, entry] : _fEngine->Cache().DbgGetPerFileDict()) {
+    for (const Loc loc : _fEngine->Cache().GetFilesHeld()) {
       if (IsRefused(loc)) {
         refused.push_back({PathOf(loc), _fEngine->Database().RefusalOf(loc)});
       }
@@ -132,12 +132,10 @@ bool CLiveIndex::IsRefused(Loc loc) {
   if (_fEngine->Database().RefusalOf(loc).empty()) {
     return false;
   }
-  scopeinfo::CInfoCache& cache = _fEngine->Cache();
-  const scopeinfo::CPerFilePtr* const entry = cache.DbgGetPerFileDict().Find(loc);
-  return entry != nullptr &&
-         ((*entry)->clear_db || ((*entry)->disk_mtime > 0 &&
-                                 (cache.DbgGetCrossFileData().GetToWriteInfoKeyCount(loc) != 0 ||
-                                  (*entry)->fScansDoneNeedsToBeWritten)));
+  const auto file = _fEngine->Cache().GetFileHeld(loc);
+  return file && (file->is_deletion_unwritten ||
+                  (file->disk_mtime > 0 && (_fEngine->Cache().GetUnwrittenCount(loc) != 0 ||
+                                            file->are_scans_done_unwritten)));
 }
 
 // ---- What changes.

@@ -85,7 +85,7 @@ class CMergeChecker {
   }
 
   static bool IsPrimary(const CScopeInfoKey& key) {
-    return key.scan_name() == kNamesScan && key.scanned_scope() == key.for_scope();
+    return key.scan_name() == kPrimaryScan.name && key.scanned_scope() == key.for_scope();
   }
   static bool IsPrimaryThere(const std::vector<CScopeInfoPtr>& infos) {
     return std::any_of(infos.begin(), infos.end(),
@@ -138,12 +138,8 @@ class CMergeChecker {
   EExpected AddExpected(const CFoundFile& file, Loc loc, const Text& name,
                         std::vector<CScopeInfoPtr>& to_merge) {
     std::vector<CScopeInfoKey> held;
-    const auto* const entry = _fEngine.Cache().DbgGetPerFileDict().Find(loc);
-    if (const auto* const list =
-            entry == nullptr ? nullptr : (*entry)->serialized_data_dict.Find(name)) {
-      for (const scopeinfo::CSerializedRecord& record : *list) {
-        held.push_back(record.key);
-      }
+    for (const scopeinfo::CHeldRecord& record : _fEngine.Cache().GetRecordsHeld(loc, name)) {
+      held.push_back(record.key);
     }
     const auto scanned = _fScanned.find({loc, name});
     const size_t scanned_count = scanned == _fScanned.end() ? 0 : scanned->second.size();

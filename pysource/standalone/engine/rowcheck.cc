@@ -32,7 +32,8 @@ class CRowChecker {
     _fDb.VisitAllRecords([this](const CStoredRow& row) { CheckRow(row); });
     for (const CStoredFile& file : files) {
       // With the claim, nobody would scan the file again.
-      if (file.scans_done.find(kNamesScan) != Text::npos && !_fWithModule.contains(file.loc)) {
+      if (file.scans_done.find(kPrimaryScan.name) != Text::npos &&
+          !_fWithModule.contains(file.loc)) {
         _fReport.damaged.push_back(
             {PathOf(file.loc), "claims to be scanned, without a record of its module"});
       }
@@ -73,7 +74,7 @@ class CRowChecker {
       _fReport.damaged.push_back({path, name() + "its bytes cannot be decoded"});
       return;
     }
-    if (row.record.scan_name == kNamesScan && IsTopLevelModuleScope(row.record.for_scope)) {
+    if (row.record.scan_name == kPrimaryScan.name && IsTopLevelModuleScope(row.record.for_scope)) {
       _fWithModule.insert(row.record.for_loc);
     }
     if (row.record.scopes_seen == nullptr) {

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <optional>
 
+#include "pysource/host/assertions.h"
 #include "pysource/host/symbolinfo/kinds.h"
 #include "pysource/host/symbolinfo/scopenames.h"
 #include "pysource/standalone/files/filestamp.h"
@@ -33,6 +34,16 @@ int UrgencyOf(Priority priority) {
   // Of the reports, scopes that change under the user's hands (1) come before files that changed
   // outside (2).
   return priority ? kDefaultUrgency - *priority : kDefaultUrgency;
+}
+
+// The rule of CScanRow::for_scanned_scope.
+void AssertRestsOnOthers(const CScanRow& row, Loc loc, const CScanResult& scan) {
+  if (!row.is_primary && row.for_scanned_scope) {
+    for (const scopeinfo::CScopeInfoPtr& info : scan.infos) {
+      Assert(info->scope_seen_dict == nullptr ||
+             !info->scope_seen_dict->Contains(CScopeRef{loc, scan.scanned_scope}));
+    }
+  }
 }
 
 }  // namespace
@@ -107,11 +118,10 @@ void CScanRunner::CB_NeedsScanAdded(const CNeedsScanSet& needs_scan, Priority pr
 // The cache marks what the change makes stale, but for a file that it has no entry of: what such a
 // file said of others can be in memory all the same.
 void CScanRunner::CB_ScopesChanged(const CPySourceAnalysis& ana, const TextSet& scopes) {
-  if (_fCache.DbgGetPerFileDict().Contains(ana.fLocation)) {
+  if (_fCache.IsFileHeld(ana.fLocation)) {
     return;
   }
-  const scopeinfo::CScopeInfoKeySet keys =
-      _fCache.DbgGetCrossFileData().GetScannedLocInfoKeys(ana.fLocation, &scopes);
+  const scopeinfo::CScopeInfoKeySet keys = _fCache.GetKeysScannedFrom(ana.fLocation, &scopes);
   if (!keys.empty()) {
     _fCache.AddDepKeysToNeedsScan(keys, nullptr, kUnderTheHands);
   }
@@ -120,29 +130,29 @@ void CScanRunner::CB_ScopesChanged(const CPySourceAnalysis& ana, const TextSet& 
 // A file that waits to be written, its module scope among what became stale, must not claim its
 // scans as done: what is written next would lack the scope that the claim stands on.
 void CScanRunner::WithdrawClaim(const CNeedsScan& scan) {
-  if (scan.scan_name != kNamesScan || !IsTopLevelModuleScope(scan.scanned_scope)) {
+  if (scan.scan_name != kPrimaryScan.name || !IsTopLevelModuleScope(scan.scanned_scope)) {
     return;
   }
-  const scopeinfo::CPerFilePtr* const entry = _fCache.DbgGetPerFileDict().Find(scan.scanned_loc);
-  if (entry != nullptr && !(*entry)->all_db_scope_names.contains(kModuleScopeName)) {
-    (*entry)->SetScansDone("");
+  const auto file = _fCache.GetFileHeld(scan.scanned_loc);
+  if (file && !file->is_module_in_database) {
+    _fCache.ForgetScansDone(scan.scanned_loc);
   }
 }
 
 bool CScanRunner::IsClaimedDone(Loc loc) const {
-  const scopeinfo::CPerFilePtr* const entry = _fCache.DbgGetPerFileDict().Find(loc);
-  return entry != nullptr && (*entry)->IsPrimaryScanDone();
+  const auto file = _fCache.GetFileHeld(loc);
+  return file && file->is_primary_scan_done;
 }
 
 void CScanRunner::RequestFile(Loc loc, Priority priority) {
   const int urgency = priority ? UrgencyOf(priority) : kBulkUrgency;
-  Want(loc, kWildcardScope, kNamesScan, urgency);
+  Want(loc, kWildcardScope, kPrimaryScan.name, urgency);
   Dispatch();
 }
 
 void CScanRunner::RequestFileLast(Loc loc) {
   const bool is_new = !_fWanted.contains(loc);
-  Want(loc, kWildcardScope, kNamesScan, kBulkUrgency);
+  Want(loc, kWildcardScope, kPrimaryScan.name, kBulkUrgency);
   if (is_new) {
     _fWanted[loc].is_last = true;
   }
@@ -176,15 +186,17 @@ void CScanRunner::Want(Loc loc, TextView scope, TextView scan_name, int urgency)
   Wanted& wanted = _fWanted[loc];
   wanted.urgency = std::max(wanted.urgency, urgency);
   if (scope == kWildcardScope) {
-    // One parse gives both scans: a whole file is always scanned by both.
+    // One parse gives all scans: a whole file is always scanned by all of them.
     wanted.all = true;
     wanted.scans.clear();
   } else if (!wanted.all) {
     wanted.scans.emplace(scope, scan_name);
-    if (scan_name == kNamesScan) {
-      // What made this one stale may concern the other one, which has no record of its own as long
-      // as it finds nothing (see the scanner).
-      wanted.scans.emplace(scope, kAttrsScan);
+    if (scan_name == kPrimaryScan.name) {
+      // What made this one stale may concern the others, which have no record of their own as long
+      // as they find nothing (see the scanner).
+      for (const CScanRow& other : kScans) {
+        wanted.scans.emplace(scope, other.name);
+      }
     }
   }
 }
@@ -274,10 +286,10 @@ void CScanRunner::HandOver(const CScanJobResult& result) {
            : result.error.empty() && _fCache.GetDiskModTimeUsed(loc, false) == result.disk_mtime);
   if (result.error.empty() && !is_present) {
     ++_fCounts.dropped;
-    Want(loc, kWildcardScope, kNamesScan, wanted.urgency);
+    Want(loc, kWildcardScope, kPrimaryScan.name, wanted.urgency);
   } else if (!result.error.empty() && LookOf(loc) != result.job.look) {
     // Another content by now, perhaps: that one may be readable.
-    Want(loc, kWildcardScope, kNamesScan, wanted.urgency);
+    Want(loc, kWildcardScope, kPrimaryScan.name, wanted.urgency);
   } else if (!result.error.empty()) {
     Fail(result.job.look, {loc, result.error});
   } else {
@@ -336,8 +348,7 @@ void CScanRunner::AddResults(const CScanJobResult& result, const Wanted& wanted,
       stale = std::move(again->second);
       _fWanted.erase(again);
     }
-    for (const scopeinfo::CScopeInfoKey& key :
-         _fCache.DbgGetCrossFileData().GetScannedLocNeedsScanInfoKeys(loc)) {
+    for (const scopeinfo::CScopeInfoKey& key : _fCache.GetStaleKeysScannedFrom(loc)) {
       stale.scans.emplace(key.scanned_scope().value_or(""), key.scan_name().value_or(""));
     }
     if (stale.scans.empty()) {
@@ -384,15 +395,15 @@ void CScanRunner::Write(Loc loc, const std::vector<Loc>& others, bool whole_file
   // stored without the claim: whoever finds that it is back, or that it is gone, scans again.
   const bool is_complete = std::none_of(others.begin(), others.end(), [this](Loc other) {
     return _fCache.GetDiskModTimeUsed(other, false) != scopeinfo::kFileModifiedInMemoryMtime &&
-           _fCache.DbgGetCrossFileData().GetToWriteInfoKeyCount(other) != 0;
+           _fCache.GetUnwrittenCount(other) != 0;
   });
   if (whole_file) {
-    for (const TextView scan_name : {kNamesScan, kAttrsScan}) {
+    for (const CScanRow& scan : kScans) {
       if (is_complete) {
         // Only now: the primary scan is claimed done after its module scope is there.
-        _fCache.ChangeScansDone(loc, scan_name, true);
+        _fCache.ChangeScansDone(loc, scan.name, true);
       }
-      _fCache.FinishedWithScans(loc, kWildcardScope, scan_name);
+      _fCache.FinishedWithScans(loc, kWildcardScope, scan.name);
     }
   }
   _fCache.WriteToDatabase({loc});
@@ -401,7 +412,7 @@ void CScanRunner::Write(Loc loc, const std::vector<Loc>& others, bool whole_file
   // again, and takes what it has for all. Now the database has all; the next reader gets it from
   // there.
   if (whole_file && is_complete && _fStoredBeforeScan.contains(loc) &&
-      _fCache.DbgGetCrossFileData().GetToWriteInfoKeyCount(loc) == 0) {
+      _fCache.GetUnwrittenCount(loc) == 0) {
     _fStoredBeforeScan.erase(loc);
     if (_fCache.GetDiskModTimeUsed(loc, false) != scopeinfo::kFileModifiedInMemoryMtime) {
       _fCache.ClearFiles({loc}, false);
@@ -435,38 +446,39 @@ void CScanRunner::ForgetScopesThatAreGone(const CScanJobResult& result) {
   for (const CScanResult& scan : result.scan.results) {
     scans.emplace(scan.scanned_scope, scan.scan_name);
   }
-  scopeinfo::CCrossFileData& known = _fCache.DbgGetCrossFileData();
-  for (const scopeinfo::CScopeInfoKey& key : known.GetScannedLocInfoKeys(result.job.loc)) {
+  for (const scopeinfo::CScopeInfoKey& key : _fCache.GetKeysScannedFrom(result.job.loc)) {
     if (!scans.contains({key.scanned_scope().value_or(""), key.scan_name().value_or("")})) {
-      known.AddNeedsScanInfoKey(key);
+      _fCache.MarkStale(key);
     }
   }
 }
 
-// Hands over what is wanted of the result: classes last, and names before attributes. What a method
-// sets on its instance is information for its class, which the class's own record has seen; and the
-// attributes rest on the names of their scope. In any other order a record would make one stale
+// Hands over what is wanted of the result: classes last, and the scans by rank. What a method sets
+// on its instance is information for its class, which the class's own record has seen; and scans
+// rest on those of a lower rank (scans.h). In any other order a record would make one stale
 // that was handed over a moment before.
 void CScanRunner::AddWanted(const CScanJobResult& result, const Wanted& wanted) {
   const Loc loc = result.job.loc;
-  const auto add = [&](bool of_classes, TextView scan_name) {
+  const auto add = [&](bool of_classes, const CScanRow& row) {
     bool is_class = false;
     for (const CScanResult& scan : result.scan.results) {
-      if (scan.scan_name == kNamesScan) {
+      if (scan.scan_name == kPrimaryScan.name) {
         is_class = !scan.infos.empty() && scan.infos.front()->scope_kind == kClassKind;
       }
-      if (is_class != of_classes || scan.scan_name != scan_name ||
+      if (is_class != of_classes || scan.scan_name != row.name ||
           (!wanted.all && !wanted.scans.contains({scan.scanned_scope, scan.scan_name}))) {
         continue;
       }
+      AssertRestsOnOthers(row, loc, scan);
       _fCounts.records += scan.infos.size();
       _fCache.AddScopeInfoListForSingleScan(loc, scan.scanned_scope, scan.scan_name, scan.infos);
     }
   };
-  add(false, kNamesScan);
-  add(false, kAttrsScan);
-  add(true, kNamesScan);
-  add(true, kAttrsScan);
+  for (const bool of_classes : {false, true}) {
+    for (const CScanRow* const row : kScansByRank) {
+      add(of_classes, *row);
+    }
+  }
   for (const auto& [scope, scan_name] : wanted.scans) {
     _fCache.FinishedWithScans(loc, scope, scan_name);
   }

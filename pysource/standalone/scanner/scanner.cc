@@ -189,7 +189,7 @@ CFileScan CScanner::CImpl::Scan(const CScanRequest& request) {
     result.first_error_line =
         result.first_error_line == 0 ? line : std::min(line, result.first_error_line);
   }
-  result.results.reserve(size_t{_fBindings.ScopeCount()} * 2);
+  result.results.reserve(size_t{_fBindings.ScopeCount()} * std::size(kScans));
   size_t resolved = 0;
   for (uint32_t scope = 0; scope < _fBindings.ScopeCount(); ++scope) {
     const Text& name = _fBindings.Scope(scope).name;

@@ -27,11 +27,9 @@
 #include "pysource/host/text.h"
 #include "pysource/scopeinfo/records/scopeinfo.h"
 #include "pysource/standalone/scanner/importresolver.h"
+#include "pysource/standalone/scanner/scans.h"
 
 namespace pysource::standalone {
-
-inline constexpr TextView kNamesScan = ":names";
-inline constexpr TextView kAttrsScan = ":attrs";
 
 struct CScanRequest {
   Loc loc;
