@@ -131,7 +131,7 @@ says err 'NoSuchName is not bound in'
 # ---- The other queries.
 indexed_section queries
 run 0 scopes notebook/model.py
-says out '│  └─ parse(cls,text)' '   ├─ Empty(Exception)' 'module'
+says out '│  └─ parse(cls, text)' '   ├─ Empty(Exception)' 'module'
 run 0 scopes notebook/model.py --json
 json '[s["scope"] for s in j["scopes"]][:3] == ["", "Priority", "Priority.parse"]'
 json '[s["depth"] for s in j["scopes"] if s["scope"] == "Stack.Empty"] == [2]'
