@@ -53,7 +53,8 @@ class IndexTest : public ::testing::Test {
                                                     .workspace_root = "",
                                                     .import_roots = {Path("tree")},
                                                     .threads = 2,
-                                                    .lock_wait_ms = 1});
+                                                    .lock_wait_ms = 1,
+                                                    .scanner_version = _fScanner});
   }
 
   std::string Path(const std::string& name) const { return _fFolder + "/" + name; }
@@ -106,6 +107,7 @@ class IndexTest : public ::testing::Test {
 
   std::string _fFolder;
   time_t _fNow = 1700000000;
+  int _fScanner = 1;  // its version
   velk::CManualLoop _fLoop;
 };
 
@@ -126,9 +128,12 @@ TEST_F(IndexTest, RandomChangesLeaveTheDatabaseAsAFreshScanMakesIt) {
       Index([&left] { return left-- > 0; });
       tree.Step();
     }
+    const bool is_new_scanner = random.OneIn(8);
+    _fScanner += is_new_scanner ? 1 : 0;
     const size_t files = Find(*Start()).files.size();
     const CIndexReport report = Index();
     ASSERT_THAT(report.not_stored, IsEmpty());
+    ASSERT_TRUE(!is_new_scanner || report.scanned == files);
     ASSERT_EQ(report.scanned + report.unchanged, files);
     ExpectExact();
     ASSERT_FALSE(HasFailure());

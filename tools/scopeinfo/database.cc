@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include "pysource/host/errors.h"
+#include "pysource/standalone/scanner/scanner.h"
 #include "pysource/standalone/sqlitedb/opening.h"
 #include "tools/scopeinfo/output.h"
 
@@ -64,7 +65,9 @@ std::unique_ptr<standalone::CSqliteAnalysisDb> OpenExistingDatabase(const CDatab
     return nullptr;
   }
   auto db = std::make_unique<standalone::CSqliteAnalysisDb>(
-      standalone::CSqliteDbOptions{PathOf(options), options.workspace, kLockWaitMs}, loc_cache);
+      standalone::CSqliteDbOptions{PathOf(options), options.workspace, kLockWaitMs,
+                                   standalone::kScannerVersion},
+      loc_cache);
   Complain(db->Message());
   return db;
 }

@@ -16,11 +16,12 @@ constexpr unsigned kWaitMs = 100;
 
 CEngine::CEngine(CEngineOptions options)
     : _fResolver(_fLocCache, _fTimes, options.import_roots), _fFactory(_fLocCache) {
-  _fDb =
-      std::make_unique<CSqliteAnalysisDb>(CSqliteDbOptions{.path = options.db_path,
-                                                           .workspace_root = options.workspace_root,
-                                                           .lock_wait_ms = options.lock_wait_ms},
-                                          _fLocCache);
+  _fDb = std::make_unique<CSqliteAnalysisDb>(
+      CSqliteDbOptions{.path = options.db_path,
+                       .workspace_root = options.workspace_root,
+                       .lock_wait_ms = options.lock_wait_ms,
+                       .scanner_version = options.scanner_version},
+      _fLocCache);
   _fTimes.SetStore(_fDb.get());
   _fAnaMgr.fAnalysisDb = _fDb.get();
   _fAnaMgr.fAnalysisFactory = &_fFactory;

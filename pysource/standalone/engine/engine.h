@@ -19,6 +19,7 @@
 #include "pysource/standalone/files/filemanager.h"
 #include "pysource/standalone/files/openbuffers.h"
 #include "pysource/standalone/scanner/importresolver.h"
+#include "pysource/standalone/scanner/scanner.h"
 #include "pysource/standalone/scanner/sourcefile.h"
 #include "pysource/standalone/sqlitedb/sqliteanalysisdb.h"
 
@@ -31,6 +32,7 @@ struct CEngineOptions {
   size_t threads = 1;                        // that scan; 0 to scan on the main thread
   size_t max_file_bytes = kDefaultMaxBytes;  // larger files are named and left out
   int lock_wait_ms = 50;  // the longest that one database operation waits for other processes
+  int scanner_version = kScannerVersion;  // scans of another one are made again
   // Called from worker threads when results wait; may be empty for a host that calls RunScans.
   std::function<void()> notify = nullptr;
   scopeinfo::CInfoCacheLimits limits = {};

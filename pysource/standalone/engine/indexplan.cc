@@ -49,6 +49,9 @@ class CPlanner {
           state.is_scanned = file.scans_done == AllScansDone();
           state.stored = file.disk_time;
           state.content = file.content;
+          if (file.is_outdated) {
+            _fPlan.to_clear.push_back(file.loc);  // rows that no scan finds any more would stay
+          }
         },
         [this](Loc loc, const CContentMark& mark) { _fStates[loc].content = mark; },
         [this](const CTie& tie) { TakeTie(tie); });

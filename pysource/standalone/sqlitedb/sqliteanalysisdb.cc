@@ -11,6 +11,7 @@
 #include "pysource/host/logger.h"
 #include "pysource/host/symbolinfo/infobytes.h"
 #include "pysource/standalone/sqlitedb/opening.h"
+#include "pysource/standalone/sqlitedb/scansdone.h"
 #include "pysource/standalone/sqlitedb/session.h"
 #include "pysource/standalone/sqlitedb/soundmark.h"
 #include "pysource/standalone/sqlitedb/soundness.h"
@@ -161,6 +162,23 @@ class CSqliteAnalysisDb::CImpl {
   }
 
   // ---- Saves and clears.
+
+  Text Marked(TextView scans_done) const {
+    return sqlitedb::MarkedScansDone(scans_done, _fOptions.scanner_version);
+  }
+  Text ScansDoneIn(TextView stored) const {
+    return sqlitedb::ScansDoneBy(stored, _fOptions.scanner_version);
+  }
+  // Calls `visit` with what the file has of this scanner.
+  std::function<void(const CStoredFile&)> OfThisScanner(
+      const std::function<void(const CStoredFile&)>& visit) const {
+    return [this, &visit](const CStoredFile& stored) {
+      CStoredFile file = stored;
+      file.scans_done = ScansDoneIn(stored.scans_done);
+      file.is_outdated = file.scans_done.empty() && !stored.scans_done.empty();
+      visit(file);
+    };
+  }
 
   bool SaveFile(Loc loc, const std::vector<CDatabaseRecord>& records, TextView scans_done,
                 DiskTime disk_mtime) {
@@ -614,7 +632,7 @@ CScansDoneDict CSqliteAnalysisDb::GetScansDone(const CLocMtimeDict& loc_mtime_di
     std::vector<std::optional<Text>> found(locs.size());
     db.files.FindEach(locs, [&](size_t index, const CFileRow& row) {
       if (row.disk_time && *row.disk_time == *loc_mtime_dict.Find(locs[index])) {
-        found[index] = row.scans_done.value_or(Text());
+        found[index] = _fImpl->ScansDoneIn(row.scans_done.value_or(Text()));
       }
     });
     CScansDoneDict result;
@@ -632,7 +650,7 @@ CScansDoneDict CSqliteAnalysisDb::GetScansDone(const CLocMtimeDict& loc_mtime_di
 
 bool CSqliteAnalysisDb::SaveDataForFile(Loc loc, const std::vector<CDatabaseRecord>& records,
                                         TextView scans_done, DiskTime disk_mtime) {
-  const bool saved = _fImpl->SaveFile(loc, records, scans_done, disk_mtime);
+  const bool saved = _fImpl->SaveFile(loc, records, _fImpl->Marked(scans_done), disk_mtime);
   Tell("SaveDataForFile", loc, nullptr, saved ? records.size() : 0);
   return saved;
 }
@@ -730,7 +748,7 @@ std::vector<Loc> CSqliteAnalysisDb::LostSources() {
 
 void CSqliteAnalysisDb::VisitFiles(const std::function<void(const CStoredFile&)>& visit) {
   _fImpl->Looking<bool>("reading all files", [&](CSession& db) {
-    sqlitedb::VisitFiles(db, visit);
+    sqlitedb::VisitFiles(db, _fImpl->OfThisScanner(visit));
     return true;
   });
 }
@@ -740,7 +758,7 @@ void CSqliteAnalysisDb::VisitFilesAndTies(
     const std::function<void(Loc, const CContentMark&)>& visit_content,
     const std::function<void(const CTie&)>& visit_tie) {
   _fImpl->Looking<bool>("reading all files and ties", [&](CSession& db) {
-    sqlitedb::VisitFilesAndTies(db, visit_file, visit_content, visit_tie);
+    sqlitedb::VisitFilesAndTies(db, _fImpl->OfThisScanner(visit_file), visit_content, visit_tie);
     return true;
   });
 }

@@ -44,6 +44,7 @@ struct CSqliteDbOptions {
   std::string path;            // made, with its folder, if it is not there
   std::string workspace_root;  // files below it are stored relative to it; empty: none
   int lock_wait_ms = 50;       // the longest that one operation waits for other processes
+  int scanner_version = 0;  // of the scans that are saved; those of another one count as not done
 };
 
 // One call of the service, told when it is done: for tools that show what a question costs.

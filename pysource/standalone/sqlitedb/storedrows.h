@@ -26,8 +26,9 @@ struct CStoredRow {
 struct CStoredFile {
   Loc loc;
   DiskTime disk_time = 0;
-  Text scans_done;
+  Text scans_done;                      // of the present scanner
   std::optional<CContentMark> content;  // as VisitFilesAndTies tells it
+  bool is_outdated = false;             // the scans of another scanner are stored
 };
 
 // A row that was made from another file than the one it is for, or rests on one.
