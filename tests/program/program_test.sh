@@ -218,6 +218,11 @@ run 0 index notebook --db damaged.db
 says out "$files scanned"
 says err damaged.db
 run 0 verify notebook --db damaged.db
+LC_ALL=C sed -i 's/Priority/Priorixy/' damaged.db
+run 1 verify --db damaged.db
+says err 'scopeinfo verify --repair'
+run 0 verify --db damaged.db --repair
+says out 'damaged      0'
 run 0 index notebook --db made/for/it.db
 [[ -f made/for/CACHEDIR.TAG ]] || fail "a folder made for a database is not marked as a cache"
 run 1 classes notebook --db none.db

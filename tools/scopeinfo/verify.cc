@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -46,6 +47,7 @@ class CVerification {
   int Run() {
     WatchForInterrupt();
     if (_fOptions.repair) {
+      _fDb->Distrust();  // what a disk did to the file by itself no mark beside it tells
       _fDb->EnsureSound();
     }
     CheckRows();
@@ -94,11 +96,23 @@ class CVerification {
     }
   }
 
-  // Files whose rows are sound but cannot be made anything of.
+  // Files whose rows are sound but cannot be made anything of. What is still wrong with the database
+  // itself could not be repaired, because of a lock or because it may only be read.
   void DropDamaged(const standalone::CRowCheckReport& report) {
     std::vector<Loc> damaged;
+    std::set<std::string> paths;
     for (const standalone::CPathNote& note : report.damaged) {
-      damaged.push_back(_fLocCache.GetLocationForPath(note.path));
+      if (note.path == _fDb->Path()) {
+        _fIsGood = false;
+      } else if (paths.insert(note.path).second) {
+        damaged.push_back(_fLocCache.GetLocationForPath(note.path));
+      }
+    }
+    if (!_fIsGood) {
+      Complain(fmt::format("{}: it could not be repaired now", _fDb->Path()));
+    }
+    if (damaged.empty()) {
+      return;
     }
     if (_fDb->ClearInfoForFiles(damaged)) {
       Complain(fmt::format("dropped what was stored of {}; scan again with: scopeinfo index PATH",
