@@ -30,6 +30,7 @@ test_packages=(
   libgtest-dev
   llvm-14
   python3
+  python3-typeshed
 )
 
 say() {
