@@ -112,7 +112,7 @@ TEST_F(InfoCacheTest, ResultsAreOfTheScanThatIsNamed) {
   Cache().FinishedWithScans(kA, "*", "*");
   EXPECT_EQ(Standing(info->key), "MNL") << "scans have no wildcard";
   // Equal, but another location object: the record goes where the equal one is.
-  const fakes::CFakeLocation twin(kA->fUrl);
+  static const fakes::CFakeLocation twin(kA->fUrl);  // outlives the cache, which keeps it
   EXPECT_TRUE(Cache().AddScopeInfo(MakeRecord({.loc = &twin, .scope = "f", .x = ":s5"})));
   EXPECT_EQ(Entry(kA)->serialized_data_dict.Find(Text("f"))->size(), 1U);
 }

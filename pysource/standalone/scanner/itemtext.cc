@@ -100,9 +100,7 @@ bool IsHarmless(BytesView text, size_t depth) {
   for (const char c : text) {
     if (IsOpening(c)) {
       ++depth;
-    } else if (IsClosing(c) && depth-- == outside) {
-      return false;
-    } else if (c == '\0' || (c == ';' && depth == 0)) {
+    } else if ((IsClosing(c) && depth-- == outside) || c == '\0' || (c == ';' && depth == 0)) {
       return false;
     }
   }

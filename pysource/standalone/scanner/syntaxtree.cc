@@ -153,10 +153,9 @@ void CSyntaxTree::ParseSplit(const CSourceRange& statement, int depth) {
   uint32_t header_end = 0;  // of the last one, when a block may follow
   for (bool is_first = true; all.Next(); is_first = false) {
     const CLogicalLine& line = all.Line();
-    if (is_first) {
+    // The clauses of a match statement are headers in a block of their own.
+    if (is_first || (after_match && line.first == FirstWord::kCase)) {
       header_indent = line.indent;
-    } else if (after_match && line.first == FirstWord::kCase) {
-      header_indent = line.indent;  // its clauses are headers in a block of their own
     }
     if (line.indent > header_indent) {
       if (bodies.empty() || bodies.back().header_end != header_end) {
