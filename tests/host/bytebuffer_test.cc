@@ -201,18 +201,5 @@ TEST(Messages, CutOrChangedAnywhereNeverDoMoreThanThrow) {
   EXPECT_GT(thrown, 1000);
 }
 
-TEST(WritableByteBuffer, HoldsWhatWasWrittenUntilItIsReset) {
-  CWritableByteBuffer buffer;
-  buffer.WriteByte(0);
-  buffer.WriteByte(255);
-  buffer.WriteStr(BytesView("a\0b", 3));
-  EXPECT_EQ(buffer.ToString(), Bytes("\0\xFF"
-                                     "a\0b",
-                                     5));
-  EXPECT_EQ(buffer.View(), buffer.ToString());
-  buffer.Reset();
-  EXPECT_EQ(buffer.ToString(), "");
-}
-
 }  // namespace
 }  // namespace pysource

@@ -15,7 +15,6 @@ namespace {
 using fakes::KeyOf;
 using fakes::MakeRecord;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
