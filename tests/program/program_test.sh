@@ -235,6 +235,23 @@ if [[ -e /dev/full ]]; then
   says err 'cannot write the output'
 fi
 
+# ---- Another process holds the database: the answer comes first, then that it was not saved; the next run scans again.
+if command -v python3 >/dev/null; then
+  indexed_section locked
+  echo >>notebook/store.py
+  mkfifo unlock locked
+  python3 -c '
+import sqlite3
+db = sqlite3.connect("cache/scopeinfo/index.db", isolation_level=None)
+db.execute("BEGIN EXCLUSIVE"), open("locked", "w").close(), open("unlock").read()' &
+  cat locked
+  "$program" show notebook/store.py Store >out 2>&1 || fail "show of a locked database exits with $?"
+  tail -n 1 out | grep -q 'locked; .* will be scanned again' || fail "show does not end with the lock"
+  : >unlock && wait
+  run 0 index notebook
+  says out '1 scanned'
+fi
+
 # ---- A reader that has seen enough, also one whose parent ignores the signal.
 section pipe
 printf 'class AnExampleWithALongName%d(Base): pass\n' {1..4000} >many.py

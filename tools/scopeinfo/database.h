@@ -30,5 +30,8 @@ bool DatabaseExists(const CDatabaseOptions& options);
 // How long an operation waits for other processes. Nobody waits at a keyboard here, and a save that
 // is refused fails the run: better to wait until another process is through.
 inline constexpr int kLockWaitMs = 10000;
+// What is saved behind an answer, or at the end, waits this long altogether: what is not saved is
+// scanned again.
+inline constexpr int kLastSavesWaitMs = 1000;
 
 }  // namespace pysource::tools

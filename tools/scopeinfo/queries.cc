@@ -30,6 +30,7 @@ std::string FileOf(Loc loc) { return PathForLocation(loc).value_or(loc->fUrl); }
 // A session, and the files below the paths that it is to be asked about.
 struct CQueriedFiles {
   explicit CQueriedFiles(const COptions& options) : session(Existing(options)) {
+    session.AnswerFirst();
     found = standalone::FindPythonFiles(options.paths, session.Engine().Locations());
     for (const standalone::CPathNote& bad : found.bad) {
       Complain(fmt::format("{}: {}", bad.path, bad.text));
@@ -46,6 +47,7 @@ struct CQueriedFiles {
     auto answer = ask(Cache());
     standalone::CEngine& engine = session.Engine();
     if (engine.Database().RepairCount() != 0) {
+      engine.Database().LimitWaiting(kLockWaitMs);  // the answer is what is saved now
       (void)engine.HasLostStored();
       engine.Resolver().SetRoots(found.roots);
       standalone::CIndexer(engine).Run({found, nullptr, session.Between()});
@@ -124,7 +126,7 @@ int RunClasses(const COptions& options) {
     }
   }
   WriteRows(options, json, table, "classes");
-  files.session.DumpIfAsked();
+  files.session.Finish();
   return files.ExitCode();
 }
 
@@ -154,7 +156,7 @@ int RunImports(const COptions& options) {
     }
   }
   WriteRows(options, json, table, "imports");
-  files.session.DumpIfAsked();
+  files.session.Finish();
   return files.ExitCode();
 }
 

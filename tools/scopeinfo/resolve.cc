@@ -44,6 +44,7 @@ ordered_json ResolutionToJson(const standalone::CResolution& resolution) {
 
 int RunResolve(const COptions& options) {
   CSession session(options);
+  session.AnswerFirst();
   const Loc loc = session.OpenFile(options.file);
   standalone::CNameResolver resolver(session.Engine());
   const auto resolution =
@@ -64,13 +65,14 @@ int RunResolve(const COptions& options) {
     }
     Write(text);
   }
-  session.DumpIfAsked();
-  FlushOutput();
+  if (resolution->definitions.empty()) {
+    for (const Text& lost : resolution->lost) {
+      Complain(lost);
+    }
+  }
+  session.Finish();
   if (!resolution->definitions.empty()) {
     return kExitOk;
-  }
-  for (const Text& lost : resolution->lost) {
-    Complain(lost);
   }
   return kExitFailed;
 }

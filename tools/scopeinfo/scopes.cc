@@ -164,6 +164,7 @@ std::string ToTable(const CTree& tree, const std::string& path) {
 
 int RunScopes(const COptions& options) {
   CSession session(options);
+  session.AnswerFirst();
   const Loc loc = session.OpenFile(options.file);
   const auto infos = session.Engine().AskFile(loc, session.Between());
   session.ThrowIfNotScanned(loc);
@@ -176,7 +177,7 @@ int RunScopes(const COptions& options) {
   } else {
     Write(ToTable(tree, options.file));
   }
-  session.DumpIfAsked();
+  session.Finish();
   return kExitOk;
 }
 

@@ -36,6 +36,9 @@ CSession::CSession(const COptions& options)
 }
 
 CSession::~CSession() {
+  if (!_fIsFinished) {
+    _fEngine->Database().LimitWaiting(kLastSavesWaitMs);
+  }
   _fEngine.reset();
   velk::SetMainLoop(_fOldLoop);
 }
@@ -63,6 +66,29 @@ void CSession::ThrowIfNotScanned(Loc loc) const {
                                     [loc](const auto& each) { return each.loc == loc; });
   if (failure != _fFailures.end()) {
     throw CValueError(NoteLine(PathForLocation(loc).value_or(loc->fUrl), failure->message));
+  }
+}
+
+void CSession::AnswerFirst() {
+  constexpr bool kDoSavesWait = false;
+  _fEngine->Database().LimitWaiting(kLockWaitMs, kDoSavesWait);
+}
+
+void CSession::Finish() {
+  DumpIfAsked();
+  FlushOutput();
+  standalone::CSqliteAnalysisDb& db = _fEngine->Database();
+  db.LimitWaiting(kLastSavesWaitMs);
+  _fIsFinished = true;  // what is left of the second is for the end
+  scopeinfo::CInfoCache& cache = _fEngine->Cache();
+  cache.WriteToDatabase();
+  for (const Loc loc : cache.GetFilesHeld()) {
+    const auto file = cache.GetFileHeld(loc);
+    if (!db.ReadOnly() && !db.RefusalOf(loc).empty() && file &&
+        (file->are_scans_done_unwritten || cache.GetUnwrittenCount(loc) != 0)) {
+      Complain(db.RefusalOf(loc) + "; what was scanned for this answer will be scanned again");
+      break;
+    }
   }
 }
 

@@ -19,7 +19,7 @@ class CSession {
   // Opens the database, or makes it; what it has to say goes to the standard error. From here on an
   // interrupt makes Between() answer false. Throws CValueError when the database cannot be used.
   explicit CSession(const COptions& options);
-  // Writes what is unwritten.
+  // Writes what is unwritten, and waits a second at most to do so.
   ~CSession();
   CSession(const CSession&) = delete;
   CSession& operator=(const CSession&) = delete;
@@ -36,6 +36,13 @@ class CSession {
   // How many files were scanned in this session.
   size_t FilesScanned() const { return _fEngine->Scans().GetCounts().files_scanned; }
 
+  // For commands that give an answer: until Finish() nothing that is saved waits for another process.
+  void AnswerFirst();
+  // To be called when the answer is written: what --debug-dump asks for follows it, then all of it is
+  // seen to be out, and only then is saved what was scanned for it. If another process does not let
+  // go of the database for a second, that is said, and is all.
+  void Finish();
+
   // For --debug-dump: what the cache holds, after the answer; beside it where that is JSON.
   void DumpIfAsked();
 
@@ -44,6 +51,7 @@ class CSession {
   velk::CManualLoop _fLoop;
   velk::CMainLoop* _fOldLoop;
   std::unique_ptr<standalone::CEngine> _fEngine;
+  bool _fIsFinished = false;
   std::vector<standalone::CScanRunner::Failure> _fFailures;
 };
 

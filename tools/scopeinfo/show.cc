@@ -259,6 +259,7 @@ int RunShow(const COptions& options) {
     return RunResolve(options);
   }
   CSession session(options);
+  session.AnswerFirst();
   standalone::CEngine& engine = session.Engine();
   const Loc loc = session.OpenFile(options.file);
   std::optional<CExplanation> explanation;
@@ -287,7 +288,7 @@ int RunShow(const COptions& options) {
   } else {
     Write(ToTable(*info) + (explanation ? "\n" + explanation->ToText() : ""));
   }
-  session.DumpIfAsked();
+  session.Finish();
   return kExitOk;
 }
 

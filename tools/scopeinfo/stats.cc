@@ -97,6 +97,7 @@ struct CCacheReport {
 // Asks for every scope of the files, as they are in the database, twice for each file.
 CCacheReport AskForAll(const COptions& options) {
   CSession session(options);
+  session.AnswerFirst();
   standalone::CEngine& engine = session.Engine();
   const auto between = session.Between();
   const standalone::CFoundFiles found =

@@ -162,6 +162,7 @@ class CVerification {
 
   void CheckMerged() {
     CSession session(_fOptions);
+    session.AnswerFirst();
     standalone::CEngine& engine = session.Engine();
     const standalone::CFoundFiles found =
         standalone::FindPythonFiles(_fOptions.paths, engine.Locations());

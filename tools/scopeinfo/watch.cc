@@ -26,9 +26,9 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-// Signals are answered between two events, so none may take long: a lock is waited for this long,
-// and then again later.
-constexpr int kWatchLockWaitMs = 500;
+// Signals are answered between two events, so none may take long: all operations of one callback
+// wait for locks this long, and then again later.
+constexpr int kWatchLockWaitMs = 50;
 
 std::string PathOf(Loc loc) { return PathForLocation(loc).value_or(loc->fUrl); }
 
@@ -315,6 +315,7 @@ int RunWatch(const COptions& options) {
   live.Start();
   loop.Run();
 
+  live.Engine().Database().LimitWaiting(kLastSavesWaitMs);
   for (const standalone::CPathNote& refused : live.WriteAll()) {
     ComplainOf(refused);
     code = kExitFailed;

@@ -37,11 +37,17 @@ CLiveIndex::CLiveIndex(CGlibMainLoop& loop, CEngineOptions engine, CLiveIndexOpt
       }
     });
   };
+  const int lock_wait_ms = engine.lock_wait_ms;
   _fEngine = std::make_unique<CEngine>(std::move(engine));
+  // One callback makes many operations of the database.
+  const auto begin_work = [this, lock_wait_ms] { _fEngine->Database().LimitWaiting(lock_wait_ms); };
+  begin_work();
+  _fLoop.SetBeforeEach(begin_work);
   ConnectToEngine();
 }
 
 CLiveIndex::~CLiveIndex() {
+  _fLoop.SetBeforeEach(nullptr);
   _fWatcher.reset();
   _fLoop.idle_remove(_fWorkTag);
   _fLoop.timeout_remove(_fTryAgainTag);
@@ -249,6 +255,7 @@ bool CLiveIndex::Work() {
 void CLiveIndex::Settled() {
   _fIsSettled = true;
   _fTold.clear();
+  _fMetLock = false;
   _fEngine->DiskTimes().Save();
   const size_t scanned = std::exchange(_fScanned, 0);
   if (_fOptions.on_ready) {
@@ -352,7 +359,10 @@ void CLiveIndex::Guarded(const std::function<void()>& work) {
 }
 
 void CLiveIndex::Trouble(const CPathNote& note) {
-  if (_fOptions.on_trouble && _fTold.insert(note.text).second) {
+  // A lock is mostly that of a save in hand: it is told of when the next try meets it again.
+  const bool is_brief = _fEngine->Database().MetLock() && (!_fMetLock || _fTryAgainTag != 0);
+  _fMetLock = _fMetLock || is_brief;
+  if (!is_brief && _fOptions.on_trouble && _fTold.insert(note.text).second) {
     _fOptions.on_trouble(note);
   }
   if (_fTryAgainTag == 0) {

@@ -61,6 +61,8 @@ class CLiveIndex {
  public:
   // `loop` must be set as the main loop of velk, and outlive this. Throws CValueError, with the
   // name of the file, when the database cannot be used.
+  // `engine.lock_wait_ms` limits what one callback of the loop, with all its operations, waits for
+  // locks.
   CLiveIndex(CGlibMainLoop& loop, CEngineOptions engine, CLiveIndexOptions options);
   // Writes what is unwritten.
   ~CLiveIndex();
@@ -109,6 +111,7 @@ class CLiveIndex {
   CLocSet _fAsked;
   bool _fIsPlanDue = false;  // nothing is stored before it is made
   bool _fIsSettled = true;
+  bool _fMetLock = false;         // since all was well
   size_t _fScanned = 0;           // since the last on_ready
   std::set<std::string> _fTold;   // troubles, since all was well
   std::string _fDatabaseMessage;  // told already

@@ -61,6 +61,8 @@ class CGlibMainLoop::CImpl {
     }
   }
 
+  void SetBeforeEach(std::function<void()> before) { _fBeforeEach = std::move(before); }
+
   size_t PendingCount() const {
     const std::lock_guard lock(_fMutex);
     return _fSources.size();
@@ -78,6 +80,9 @@ class CGlibMainLoop::CImpl {
 
   static gboolean Dispatch(gpointer data) {
     auto& call = *static_cast<CCall*>(data);
+    if (call.owner->_fBeforeEach) {
+      call.owner->_fBeforeEach();
+    }
     const bool again = velk::RunCallback(call.callback);
     if (g_source_is_destroyed(call.source)) {
       // Cancelled meanwhile. The owner may be destroyed, so it must not be used.
@@ -114,6 +119,7 @@ class CGlibMainLoop::CImpl {
   }
 
   GMainContext* const _fContext;
+  std::function<void()> _fBeforeEach;
   GMainLoop* _fInnermost = nullptr;  // the innermost Run in progress
   mutable std::mutex _fMutex;
   // Guarded by _fMutex. The context owns the sources; each source in the map is attached.
@@ -138,6 +144,10 @@ void CGlibMainLoop::PostFromThread(std::function<void()> work) {
     work();
     return false;
   });
+}
+
+void CGlibMainLoop::SetBeforeEach(std::function<void()> before) {
+  _fImpl->SetBeforeEach(std::move(before));
 }
 
 void CGlibMainLoop::Run() { _fImpl->Run(); }

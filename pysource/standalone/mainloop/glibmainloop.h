@@ -50,6 +50,9 @@ class CGlibMainLoop final : public velk::CMainLoop {
   // the loop for it. Can be called from any thread.
   void PostFromThread(std::function<void()> work);
 
+  // Called before each callback, for what one callback is to share; may be empty, and must not throw.
+  void SetBeforeEach(std::function<void()> before);
+
   // Runs callbacks until Quit. A callback may call Run again.
   void Run();
   // Ends the innermost Run when the callback that calls this returns. Does nothing if no Run is in

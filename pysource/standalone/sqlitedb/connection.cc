@@ -229,7 +229,8 @@ TextView CQuery::ViewAt(int column) const {
 
 // ---- CSqliteConnection
 
-CSqliteConnection::CSqliteConnection(const std::string& path, int flags) {
+CSqliteConnection::CSqliteConnection(const std::string& path, int flags, CPatience* patience)
+    : _fPatience(patience) {
   const int code = sqlite3_open_v2(path.c_str(), &_fDb, flags | SQLITE_OPEN_NOMUTEX, nullptr);
   if (code != SQLITE_OK) {
     const CSqliteFailure failure(_fDb == nullptr ? code : sqlite3_extended_errcode(_fDb),
@@ -261,19 +262,27 @@ void CSqliteConnection::Fail() {
   throw CSqliteFailure(sqlite3_extended_errcode(_fDb), sqlite3_errmsg(_fDb));
 }
 
-void CSqliteConnection::LimitWaiting(int ms) { _fWaitLeft = int64_t{ms} * 1000; }
+void CSqliteConnection::LimitWaiting(int ms) { _fWaitLeft = std::chrono::milliseconds(ms); }
 
 // One limit for all locks of an operation: SQLite's own handler would begin anew with each, and a
 // commit without WAL asks for three.
 int CSqliteConnection::Busy(void* self, int count) {
   auto& connection = *static_cast<CSqliteConnection*>(self);
+  CPatience unlimited;
+  CPatience& patience = connection._fPatience == nullptr ? unlimited : *connection._fPatience;
   // A writer holds its lock for a fraction of a millisecond, so the first tries come soon.
-  const int64_t nap = std::min<int64_t>(connection._fWaitLeft, count < 3 ? 250 : 2000);
-  if (nap <= 0) {
+  const auto nap = std::min(
+      {connection._fWaitLeft, patience.left, std::chrono::microseconds(count < 3 ? 250 : 2000)});
+  if (nap.count() <= 0) {
     return 0;
   }
-  usleep(static_cast<useconds_t>(nap));
-  connection._fWaitLeft -= nap;
+  // On a busy machine a nap takes much longer than was asked for.
+  const auto start = std::chrono::steady_clock::now();
+  usleep(static_cast<useconds_t>(nap.count()));
+  const auto took = std::chrono::duration_cast<std::chrono::microseconds>(
+      std::chrono::steady_clock::now() - start);
+  connection._fWaitLeft -= took;
+  patience.left -= took;
   return 1;
 }
 

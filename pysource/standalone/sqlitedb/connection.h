@@ -5,6 +5,7 @@
 #include <sqlite3.h>
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -24,6 +25,8 @@ class CSqliteFailure : public CError {
 
   // Whether the file itself is bad, so that trying again cannot help.
   bool IsDamage() const;
+  // Whether another process had a lock for longer than was waited.
+  bool IsLock() const { return (fCode & 0xFF) == SQLITE_BUSY; }
 
   const int fCode;  // SQLite's result code, extended
 };
@@ -111,10 +114,16 @@ enum class EStatement {
   kCount
 };
 
+// How long several operations, on one connection or on one after the other, still wait for locks.
+struct CPatience {
+  std::chrono::microseconds left = std::chrono::microseconds::max();
+};
+
 class CSqliteConnection {
  public:
-  // Throws CSqliteFailure. `flags` are those of sqlite3_open_v2.
-  CSqliteConnection(const std::string& path, int flags);
+  // Throws CSqliteFailure. `flags` are those of sqlite3_open_v2. Waiting for locks of other processes
+  // is taken from `patience`, which must outlive this; null: it is not limited by that.
+  CSqliteConnection(const std::string& path, int flags, CPatience* patience);
   ~CSqliteConnection();
   CSqliteConnection(const CSqliteConnection&) = delete;
   CSqliteConnection& operator=(const CSqliteConnection&) = delete;
@@ -145,7 +154,8 @@ class CSqliteConnection {
   [[noreturn]] void Fail();
 
   sqlite3* _fDb = nullptr;
-  int64_t _fWaitLeft = 0;  // microseconds
+  CPatience* const _fPatience;
+  std::chrono::microseconds _fWaitLeft{};
   std::array<sqlite3_stmt*, static_cast<size_t>(EStatement::kCount)> _fStatements{};
 };
 

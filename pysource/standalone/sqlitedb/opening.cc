@@ -117,7 +117,7 @@ bool Exists(const std::string& path) {
 }
 
 // For a database that lies where not even the files beside it can be made.
-std::unique_ptr<CSqliteConnection> OpenImmutable(const std::string& path) {
+std::unique_ptr<CSqliteConnection> OpenImmutable(const std::string& path, CPatience* patience) {
   std::string uri = "file:";
   for (const char c : path) {
     if (std::strchr("%?#", c) != nullptr) {
@@ -129,7 +129,7 @@ std::unique_ptr<CSqliteConnection> OpenImmutable(const std::string& path) {
     }
   }
   return std::make_unique<CSqliteConnection>(uri + "?immutable=1",
-                                             SQLITE_OPEN_READONLY | SQLITE_OPEN_URI);
+                                             SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, patience);
 }
 
 // For SQLite the file is there and cannot be opened, or is not there and cannot be made.
@@ -217,7 +217,7 @@ std::string SetAside(const std::string& path, const std::string& shown) {
   return shown + suffix;
 }
 
-COpenDatabase OpenDatabase(const std::string& path, const std::string& shown) {
+COpenDatabase OpenDatabase(const std::string& path, const std::string& shown, CPatience* patience) {
   COpenDatabase result;
   for (int tries = 0; tries < kMostTries; ++tries) {
     CheckPlace(path, shown);
@@ -226,8 +226,8 @@ COpenDatabase OpenDatabase(const std::string& path, const std::string& shown) {
       std::unique_ptr<CSqliteConnection> connection;
       CInspection inspection;
       try {
-        connection =
-            std::make_unique<CSqliteConnection>(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+        connection = std::make_unique<CSqliteConnection>(
+            path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, patience);
         result.identity = IdentityOf(path);
         connection->LimitWaiting(kOpeningWaitMs);
         inspection = Inspect(*connection);
@@ -241,7 +241,7 @@ COpenDatabase OpenDatabase(const std::string& path, const std::string& shown) {
             (stat((path + "-wal").c_str(), &log) == 0 && log.st_size != 0)) {
           throw;
         }
-        connection = OpenImmutable(path);
+        connection = OpenImmutable(path, patience);
         result.identity = IdentityOf(path);
         inspection = Inspect(*connection);
       }

@@ -36,8 +36,8 @@ struct COpenDatabase {
   bool is_new = false;  // it was made by this call
 };
 
-// `path` must be absolute; `shown` is how messages name the file.
-COpenDatabase OpenDatabase(const std::string& path, const std::string& shown);
+// `path` must be absolute; `shown` is how messages name the file; `patience` limits the connection.
+COpenDatabase OpenDatabase(const std::string& path, const std::string& shown, CPatience* patience);
 
 // Makes the folder and those above it that are missing, for their owner alone; whether it is there.
 bool MakePrivateFolders(const std::string& folder);

@@ -1,6 +1,8 @@
 #include "pysource/standalone/sqlitedb/sqliteanalysisdb.h"
 
+#include <chrono>
 #include <filesystem>
+#include <limits>
 #include <optional>
 #include <system_error>
 #include <unordered_map>
@@ -114,10 +116,11 @@ class CSqliteAnalysisDb::CImpl {
     if (!_fSession) {
       Reconnect();
     }
-    _fSession->connection->LimitWaiting(_fOptions.lock_wait_ms);
+    _fSession->connection->LimitWaiting(WaitOf(EKind::kRead));
     try {
       return read(*_fSession);
     } catch (const CSqliteFailure& failure) {
+      _fMetLock = failure.IsLock();
       const std::string text = Shown() + ": " + what + ": " + failure.what();
       if (failure.IsDamage()) {
         throw CDamaged(text);
@@ -145,6 +148,7 @@ class CSqliteAnalysisDb::CImpl {
         _fLastError.clear();
         return true;
       } catch (const CSqliteFailure& failure) {
+        _fMetLock = failure.IsLock();
         _fLastError = Shown() + ": " + what + ": " + failure.what();
         // What the batch had done before is undone with it, so it cannot go on.
         if (!failure.IsDamage() || !Repair(_fLastError, tries > 0) || in_batch) {
@@ -160,6 +164,13 @@ class CSqliteAnalysisDb::CImpl {
     }
     return false;
   }
+
+  void LimitWaiting(int ms, bool do_saves_wait) {
+    _fIsWaitLimited = true;
+    _fPatience.left = std::chrono::milliseconds(ms);
+    _fDoSavesWait = do_saves_wait;
+  }
+  bool MetLock() const { return _fMetLock; }
 
   // ---- Saves and clears.
 
@@ -223,7 +234,7 @@ class CSqliteAnalysisDb::CImpl {
       }
       sqlitedb::CSqliteConnection& connection = *_fSession->connection;
       if (!connection.ReadOnly()) {
-        connection.LimitWaiting(_fOptions.lock_wait_ms);
+        connection.LimitWaiting(WaitOf(EKind::kSave));
         connection.RollBack();
         connection.Use(EStatement::kBegin).Run();
         _fIsBatch = true;
@@ -258,7 +269,7 @@ class CSqliteAnalysisDb::CImpl {
     if (Replaced()) {
       Reconnect();
     }
-    _fSession->connection->LimitWaiting(_fOptions.lock_wait_ms);
+    _fSession->connection->LimitWaiting(WaitOf(EKind::kRead));
     return _fSession->changes.Find(_fSession->files);
   }
 
@@ -304,7 +315,7 @@ class CSqliteAnalysisDb::CImpl {
     if (connection.ReadOnly()) {
       throw CSqliteFailure(SQLITE_READONLY, "the database can only be read");
     }
-    connection.LimitWaiting(_fOptions.lock_wait_ms);
+    connection.LimitWaiting(WaitOf(EKind::kSave));
     CUncommitted uncommitted(*_fSession);
     CWriteTransaction transaction(connection);
     change(*_fSession);
@@ -450,9 +461,19 @@ class CSqliteAnalysisDb::CImpl {
 
   // ---- The connection.
 
+  enum class EKind { kRead, kSave };  // a repair is what a read needs
+
+  // How long an operation that begins waits for locks; _fPatience limits it further.
+  int WaitOf(EKind kind) const {
+    if (kind == EKind::kSave && !_fDoSavesWait) {
+      return 0;
+    }
+    return _fIsWaitLimited ? std::numeric_limits<int>::max() : _fOptions.lock_wait_ms;
+  }
+
   void Connect() {
     const bool is_marked = sqlitedb::IsMarkedSound(_fPath);
-    sqlitedb::COpenDatabase opened = sqlitedb::OpenDatabase(_fPath, Shown());
+    sqlitedb::COpenDatabase opened = sqlitedb::OpenDatabase(_fPath, Shown(), &_fPatience);
     AddMessage(opened.message);
     _fRepairs += opened.message.empty() ? 0 : 1;
     _fIsSound = is_marked || opened.is_new;
@@ -531,7 +552,7 @@ class CSqliteAnalysisDb::CImpl {
     connection.RollBack();
     _fSession->Undo();
     const bool can_drop = !connection.ReadOnly();
-    connection.LimitWaiting(_fOptions.lock_wait_ms);
+    connection.LimitWaiting(WaitOf(EKind::kRead));
     connection.Execute(can_drop ? "BEGIN IMMEDIATE" : "BEGIN");
     try {
       sqlitedb::CSoundness found = sqlitedb::CheckSoundness(*_fSession, Shown());
@@ -575,6 +596,10 @@ class CSqliteAnalysisDb::CImpl {
   CLocationCache& _fLocCache;
   const sqlitedb::CFileNames _fNames;
 
+  sqlitedb::CPatience _fPatience;  // outlives the connections
+  bool _fIsWaitLimited = false;
+  bool _fDoSavesWait = true;
+  bool _fMetLock = false;
   bool _fClosed = false;
   bool _fIsSound = false;               // nothing is wrong with what lies there, as far as is known
   size_t _fRepairs = 0;                 // how often something was dropped or set aside
@@ -736,6 +761,11 @@ const std::string& CSqliteAnalysisDb::LastError() const { return _fImpl->LastErr
 const std::string& CSqliteAnalysisDb::RefusalOf(Loc loc) const { return _fImpl->RefusalOf(loc); }
 const std::string& CSqliteAnalysisDb::Path() const { return _fImpl->Shown(); }
 bool CSqliteAnalysisDb::ReadOnly() const { return _fImpl->ReadOnly(); }
+
+void CSqliteAnalysisDb::LimitWaiting(int ms, bool do_saves_wait) {
+  _fImpl->LimitWaiting(ms, do_saves_wait);
+}
+bool CSqliteAnalysisDb::MetLock() const { return _fImpl->MetLock(); }
 
 bool CSqliteAnalysisDb::Together(const std::function<void()>& work) {
   return _fImpl->Together(work);

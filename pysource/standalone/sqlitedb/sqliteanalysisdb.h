@@ -6,7 +6,8 @@
 //   - A save is one transaction: all of it, or nothing and the answer false. Its reason is then
 //     LastError(). The same holds for a clear.
 //   - It shares its thread with the keyboard: one operation waits for the locks of other processes
-//     for CSqliteDbOptions::lock_wait_ms altogether, and then gives up.
+//     for CSqliteDbOptions::lock_wait_ms altogether, and then gives up. LimitWaiting() sets a limit
+//     for a piece of work of many operations.
 //   - Files inside the workspace root are named relative to it, so a database moves with its
 //     workspace.
 //   - Every row carries a checksum. Damage that a read or a save meets makes it look at all of the
@@ -101,6 +102,13 @@ class CSqliteAnalysisDb final : public CAnalysisDb, public CContentStore {
 
   // Called after each call of the service, if set.
   std::function<void(const CDbCall&)> fOnCall;
+
+  // From here on, until the next such call, all operations together wait for locks of other
+  // processes no longer than `ms`, and each may take all of it. Saves and clears wait for none
+  // unless `do_saves_wait`: their caller makes them again when there is time.
+  void LimitWaiting(int ms, bool do_saves_wait = true);
+  // Whether the last operation that failed did so because of a lock.
+  bool MetLock() const;
 
   // Calls `work`; the saves and clears that it makes become true together, for other processes and
   // after a kill. Each still answers for itself, and one that answers false is left out. False when
