@@ -8,6 +8,7 @@
 #include "pysource/host/errors.h"
 #include "pysource/standalone/scanner/scanner.h"
 #include "pysource/standalone/sqlitedb/opening.h"
+#include "tools/scopeinfo/interrupt.h"
 #include "tools/scopeinfo/output.h"
 
 namespace pysource::tools {
@@ -66,7 +67,7 @@ std::unique_ptr<standalone::CSqliteAnalysisDb> OpenExistingDatabase(const CDatab
   }
   auto db = std::make_unique<standalone::CSqliteAnalysisDb>(
       standalone::CSqliteDbOptions{PathOf(options), options.workspace, kLockWaitMs,
-                                   standalone::kScannerVersion},
+                                   standalone::kScannerVersion, IsInterrupted},
       loc_cache);
   Complain(db->Message());
   return db;

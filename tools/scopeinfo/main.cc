@@ -10,6 +10,7 @@
 
 #include "pysource/host/logger.h"
 #include "tools/scopeinfo/commands.h"
+#include "tools/scopeinfo/interrupt.h"
 #include "tools/scopeinfo/output.h"
 
 #ifndef SCOPEINFO_VERSION
@@ -220,6 +221,10 @@ int main(int argc, char** argv) {
   try {
     return pysource::tools::Run(argc, argv);
   } catch (const std::exception& error) {
+    if (pysource::tools::IsInterrupted()) {
+      pysource::tools::Complain("interrupted");
+      return pysource::tools::kExitInterrupted;
+    }
     pysource::tools::Complain(error.what());
     return pysource::tools::kExitFailed;
   }

@@ -24,7 +24,8 @@ CSession::CSession(const COptions& options)
         .import_roots = workspace.empty() ? std::vector<std::string>() : std::vector{workspace},
         .threads = options.jobs,
         .max_file_bytes = options.max_file_bytes,
-        .lock_wait_ms = kLockWaitMs});
+        .lock_wait_ms = kLockWaitMs,
+        .is_cancelled = IsInterrupted});
   } catch (...) {
     velk::SetMainLoop(_fOldLoop);
     throw;

@@ -20,7 +20,8 @@ CEngine::CEngine(CEngineOptions options)
       CSqliteDbOptions{.path = options.db_path,
                        .workspace_root = options.workspace_root,
                        .lock_wait_ms = options.lock_wait_ms,
-                       .scanner_version = options.scanner_version},
+                       .scanner_version = options.scanner_version,
+                       .is_cancelled = options.is_cancelled},
       _fLocCache);
   _fTimes.SetStore(_fDb.get());
   _fAnaMgr.fAnalysisDb = _fDb.get();

@@ -33,6 +33,8 @@ struct CEngineOptions {
   size_t max_file_bytes = kDefaultMaxBytes;  // larger files are named and left out
   int lock_wait_ms = 50;  // the longest that one database operation waits for other processes
   int scanner_version = kScannerVersion;  // scans of another one are made again
+  // Asked while the database works or waits; true ends that early. May be empty.
+  std::function<bool()> is_cancelled = nullptr;
   // Called from worker threads when results wait; may be empty for a host that calls RunScans.
   std::function<void()> notify = nullptr;
   scopeinfo::CInfoCacheLimits limits = {};

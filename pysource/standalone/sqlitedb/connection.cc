@@ -124,6 +124,10 @@ const char* SqlOf(EStatement statement) {
 // No record comes near it; SQLite's own limit is 1 GB, which a damaged length would take.
 constexpr int kMaxValueBytes = 64 << 20;
 
+// Instructions of SQLite's machine between two looks at whether to end: well below a millisecond.
+constexpr int kStepsBetweenLooks = 2000;
+constexpr std::chrono::milliseconds kLongOperation(200);
+
 }  // namespace
 
 bool CSqliteFailure::IsDamage() const {
@@ -249,6 +253,9 @@ CSqliteConnection::CSqliteConnection(const std::string& path, int flags, CPatien
   sqlite3_limit(_fDb, SQLITE_LIMIT_ATTACHED, 0);
   sqlite3_exec(_fDb, "PRAGMA cell_size_check = ON", nullptr, nullptr, nullptr);
   sqlite3_busy_handler(_fDb, &CSqliteConnection::Busy, this);
+  if (_fPatience != nullptr && _fPatience->is_cancelled) {
+    sqlite3_progress_handler(_fDb, kStepsBetweenLooks, &CSqliteConnection::Progress, this);
+  }
 }
 
 CSqliteConnection::~CSqliteConnection() {
@@ -273,7 +280,7 @@ int CSqliteConnection::Busy(void* self, int count) {
   // A writer holds its lock for a fraction of a millisecond, so the first tries come soon.
   const auto nap = std::min(
       {connection._fWaitLeft, patience.left, std::chrono::microseconds(count < 3 ? 250 : 2000)});
-  if (nap.count() <= 0) {
+  if (nap.count() <= 0 || (patience.is_cancelled && patience.is_cancelled())) {
     return 0;
   }
   // On a busy machine a nap takes much longer than was asked for.
@@ -284,6 +291,14 @@ int CSqliteConnection::Busy(void* self, int count) {
   connection._fWaitLeft -= took;
   patience.left -= took;
   return 1;
+}
+
+int CSqliteConnection::Progress(void* self) {
+  const CPatience& patience = *static_cast<CSqliteConnection*>(self)->_fPatience;
+  const bool is_to_end =
+      !patience.is_saving && patience.is_cancelled() &&
+      std::chrono::steady_clock::now() - patience.operation_start > kLongOperation;
+  return is_to_end ? 1 : 0;
 }
 
 void CSqliteConnection::Execute(const char* sql) {

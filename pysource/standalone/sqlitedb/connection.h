@@ -7,6 +7,7 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -27,6 +28,8 @@ class CSqliteFailure : public CError {
   bool IsDamage() const;
   // Whether another process had a lock for longer than was waited.
   bool IsLock() const { return (fCode & 0xFF) == SQLITE_BUSY; }
+  // Whether CPatience::is_cancelled ended it.
+  bool IsInterrupt() const { return (fCode & 0xFF) == SQLITE_INTERRUPT; }
 
   const int fCode;  // SQLite's result code, extended
 };
@@ -114,9 +117,17 @@ enum class EStatement {
   kCount
 };
 
-// How long several operations, on one connection or on one after the other, still wait for locks.
+// How long several operations, on one connection or on one after the other, go on.
 struct CPatience {
+  // Of waiting for locks.
   std::chrono::microseconds left = std::chrono::microseconds::max();
+
+  // Asked while statements run and while locks are waited for; may be empty. True ends the waiting,
+  // and a statement of an operation that has taken long: short ones are let through, so that what
+  // remains to be done can be done.
+  std::function<bool()> is_cancelled = nullptr;
+  bool is_saving = false;  // such an operation is not ended half-way
+  std::chrono::steady_clock::time_point operation_start{};
 };
 
 class CSqliteConnection {
@@ -151,6 +162,7 @@ class CSqliteConnection {
 
  private:
   static int Busy(void* self, int count);
+  static int Progress(void* self);
   [[noreturn]] void Fail();
 
   sqlite3* _fDb = nullptr;

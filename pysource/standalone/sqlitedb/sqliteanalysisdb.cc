@@ -64,6 +64,7 @@ class CSqliteAnalysisDb::CImpl {
         _fPath(AbsolutePath(_fOptions.path)),
         _fLocCache(loc_cache),
         _fNames(_fOptions.workspace_root) {
+    _fPatience.is_cancelled = _fOptions.is_cancelled;
     Connect();
   }
 
@@ -116,7 +117,7 @@ class CSqliteAnalysisDb::CImpl {
     if (!_fSession) {
       Reconnect();
     }
-    _fSession->connection->LimitWaiting(WaitOf(EKind::kRead));
+    _fSession->connection->LimitWaiting(Begin(EKind::kRead));
     try {
       return read(*_fSession);
     } catch (const CSqliteFailure& failure) {
@@ -234,7 +235,7 @@ class CSqliteAnalysisDb::CImpl {
       }
       sqlitedb::CSqliteConnection& connection = *_fSession->connection;
       if (!connection.ReadOnly()) {
-        connection.LimitWaiting(WaitOf(EKind::kSave));
+        connection.LimitWaiting(Begin(EKind::kSave));
         connection.RollBack();
         connection.Use(EStatement::kBegin).Run();
         _fIsBatch = true;
@@ -269,7 +270,7 @@ class CSqliteAnalysisDb::CImpl {
     if (Replaced()) {
       Reconnect();
     }
-    _fSession->connection->LimitWaiting(WaitOf(EKind::kRead));
+    _fSession->connection->LimitWaiting(Begin(EKind::kRead));
     return _fSession->changes.Find(_fSession->files);
   }
 
@@ -315,7 +316,7 @@ class CSqliteAnalysisDb::CImpl {
     if (connection.ReadOnly()) {
       throw CSqliteFailure(SQLITE_READONLY, "the database can only be read");
     }
-    connection.LimitWaiting(WaitOf(EKind::kSave));
+    connection.LimitWaiting(Begin(EKind::kSave));
     CUncommitted uncommitted(*_fSession);
     CWriteTransaction transaction(connection);
     change(*_fSession);
@@ -463,8 +464,10 @@ class CSqliteAnalysisDb::CImpl {
 
   enum class EKind { kRead, kSave };  // a repair is what a read needs
 
-  // How long an operation that begins waits for locks; _fPatience limits it further.
-  int WaitOf(EKind kind) const {
+  // An operation begins. Returns how long it waits for locks; _fPatience limits it further.
+  int Begin(EKind kind) {
+    _fPatience.is_saving = kind == EKind::kSave || _fIsBatch;
+    _fPatience.operation_start = std::chrono::steady_clock::now();
     if (kind == EKind::kSave && !_fDoSavesWait) {
       return 0;
     }
@@ -535,10 +538,21 @@ class CSqliteAnalysisDb::CImpl {
       }
       _fIsSound = true;
       return true;
+    } catch (const CSqliteFailure& failure) {
+      if (failure.IsInterrupt()) {
+        throw CValueError(Shown() + ": " + failure.what());  // there was no time to look
+      }
+      return TellUnrepaired(reason, failure.what());
     } catch (const CError& error) {
-      const std::string text = reason.empty()
-                                   ? std::string(error.what())
-                                   : reason + "; it cannot be repaired now: " + error.what();
+      return TellUnrepaired(reason, error.what());
+    }
+  }
+
+  // False, for who could not.
+  bool TellUnrepaired(const std::string& reason, const std::string& why) {
+    {
+      const std::string text =
+          reason.empty() ? why : reason + "; it cannot be repaired now: " + why;
       if (_fUnrepaired != text) {
         CriticalLog("%s", text);
       }
@@ -552,7 +566,7 @@ class CSqliteAnalysisDb::CImpl {
     connection.RollBack();
     _fSession->Undo();
     const bool can_drop = !connection.ReadOnly();
-    connection.LimitWaiting(WaitOf(EKind::kRead));
+    connection.LimitWaiting(Begin(EKind::kRead));
     connection.Execute(can_drop ? "BEGIN IMMEDIATE" : "BEGIN");
     try {
       sqlitedb::CSoundness found = sqlitedb::CheckSoundness(*_fSession, Shown());

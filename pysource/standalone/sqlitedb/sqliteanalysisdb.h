@@ -46,6 +46,9 @@ struct CSqliteDbOptions {
   std::string workspace_root;  // files below it are stored relative to it; empty: none
   int lock_wait_ms = 50;       // the longest that one operation waits for other processes
   int scanner_version = 0;  // of the scans that are saved; those of another one count as not done
+  // Asked while an operation runs or waits; may be empty. True ends waiting and long reads, which
+  // then throw CValueError, but no save half-way.
+  std::function<bool()> is_cancelled = nullptr;
 };
 
 // One call of the service, told when it is done: for tools that show what a question costs.
