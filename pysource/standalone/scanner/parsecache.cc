@@ -54,7 +54,7 @@ void CParseCache::Keep(const CServedText& text, const std::vector<CNode>& nodes,
   for (CNode& node : entry.nodes) {
     Move(node, 0U - origin.at, 0U - origin.row, 0U - static_cast<uint32_t>(first));
   }
-  entry.errors = {errors.count, errors.first_row - origin.row};
+  entry.errors = {errors.count, errors.damage, errors.first_row - origin.row};
   entry.source = _fSource;
 }
 

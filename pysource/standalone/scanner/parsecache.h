@@ -19,6 +19,7 @@ class CParseCache {
  public:
   struct CErrors {
     size_t count = 0;
+    size_t damage = 0;  // see CTextParser
     uint32_t first_row = 0;
   };
 

@@ -25,6 +25,16 @@ constexpr int kMaxDepth = 100;
 // them it looks ahead over all that follow.
 constexpr uint32_t kMaxGap = 512;
 
+// So much of a source the parser may fail to understand, in bytes: at least, and for each byte of
+// the source. To recover from an error takes the parser up to fifty times what the same bytes take
+// when they are valid, so that a large file without any sense in it would take minutes. Mistakes
+// that somebody makes, and even source of another version of Python, stay far below; text in
+// another language does not.
+constexpr size_t kMinDamage = size_t{64} << 10;
+constexpr size_t kSourceOfDamage = 16;
+// When that is spent, at most so many texts are left out behind one with errors.
+constexpr size_t kMaxLeftOut = 64;
+
 // More nodes than this are given back after a file, so that one huge file does not hold its memory
 // for good: 20 MB.
 constexpr size_t kMaxNodesKept = size_t{1} << 20;
@@ -62,6 +72,9 @@ bool CSyntaxTree::Parse(BytesView source, bool is_buffer) {
     _fNodes = {};
   }
   _fNodes.clear();
+  _fDamageLeft = kMinDamage + source.size() / kSourceOfDamage;
+  _fLeaveOut = 0;
+  _fLeaveOutNext = 1;
   const auto size = static_cast<uint32_t>(source.size());
   _fNodes.push_back(CNode{0, size, 1, 0, Tag::kModule, 0});
   ParseBlock({0, size, 0}, 0);
@@ -91,7 +104,11 @@ void CSyntaxTree::ParseBlock(const CSourceRange& range, int depth) {
       ParseSplit(statement, depth);
     } else {
       for (const CLine& line : lines) {
-        AddLine(line, kMaxGap, levels, group);
+        if (_fDamageLeft == 0 && line.line.IsDamaged()) {
+          NoteError(line.line.row);
+        } else {
+          AddLine(line, kMaxGap, levels, group);
+        }
       }
       if (group.Size() >= group_size) {
         parse_group();
@@ -236,7 +253,8 @@ void CSyntaxTree::ParseHeaders(const CServedText& text, const std::vector<CBody>
 }
 
 void CSyntaxTree::ParseText(const CServedText& text, std::vector<CNode>& nodes) {
-  if (_fNodes.size() > kMaxNodes) {
+  if (_fNodes.size() > kMaxNodes || _fLeaveOut != 0) {
+    _fLeaveOut -= _fLeaveOut != 0 ? 1 : 0;
     NoteError(text.PlaceOf(0, 0).row);
     return;
   }
@@ -247,7 +265,7 @@ void CSyntaxTree::ParseText(const CServedText& text, std::vector<CNode>& nodes) 
       _fIsWhole = false;
       return;
     }
-    errors = {_fParser.ErrorCount(), _fParser.FirstErrorRow()};
+    errors = {_fParser.ErrorCount(), _fParser.Damage(), _fParser.FirstErrorRow()};
     if (_fIsBuffer) {
       _fCache.Keep(text, nodes, first, errors);
     }
@@ -255,6 +273,19 @@ void CSyntaxTree::ParseText(const CServedText& text, std::vector<CNode>& nodes) 
   if (errors.count != 0) {
     NoteError(errors.first_row);
     _fErrorCount += errors.count - 1;
+  }
+  SpendDamage(errors.damage);
+}
+
+// Decides by what was parsed alone, not by time, so that a source has the same nodes each time.
+void CSyntaxTree::SpendDamage(size_t damage) {
+  if (_fDamageLeft != 0) {
+    _fDamageLeft -= std::min(_fDamageLeft, damage);
+  } else if (damage == 0) {
+    _fLeaveOutNext = 1;
+  } else {
+    _fLeaveOut = _fLeaveOutNext;
+    _fLeaveOutNext = std::min(_fLeaveOutNext * 2, kMaxLeftOut);
   }
 }
 

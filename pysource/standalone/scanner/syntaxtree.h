@@ -27,6 +27,11 @@ namespace pysource::standalone {
 // Source is parsed statement by statement: small statements that follow each other together, a long
 // class or function block by block, its header alone. So what damage does to the parser, and the
 // memory and the time that it takes, stay within a few kilobytes; the list is the same for all that.
+//
+// Of a source that makes no sense to the parser for tens of kilobytes, and a sixteenth of all it has,
+// statements with brackets or strings that do not match have no nodes from then on, and of others
+// that follow one with errors some have none, up to 64 groups. What is understood begins anew. Each
+// part that is left out counts as an error.
 class CSyntaxTree {
  public:
   // Parses the source, which must stay as long as nodes are looked at, and be fit for the parser
@@ -90,6 +95,7 @@ class CSyntaxTree {
   void NoteError(uint32_t row);
   bool IsStopped() const { return _fStop != nullptr && *_fStop != 0; }
   void ParseText(const CServedText& text, std::vector<CNode>& nodes);
+  void SpendDamage(size_t damage);
 
   CTextParser _fParser;
   CParseCache _fCache;
@@ -98,6 +104,9 @@ class CSyntaxTree {
   BytesView _fSource;
   std::vector<CNode> _fNodes;
   bool _fIsWhole = true;
+  size_t _fDamageLeft = 0;    // what the parser may still fail to understand
+  size_t _fLeaveOut = 0;      // so many of the next texts, when nothing is left of that...
+  size_t _fLeaveOutNext = 1;  // ...and behind the next one with errors
   size_t _fErrorCount = 0;
   size_t _fFirstErrorLine = 0;
 };

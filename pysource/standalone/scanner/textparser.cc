@@ -150,6 +150,9 @@ CServedText::CPlace PlaceOf(const CServedText& text, const TSNode& node) {
 // is merely long, so that a busy machine or a sanitizer does not matter.
 constexpr uint64_t kMaxMicroseconds = 10'000'000;
 
+// What an error counts for by itself, in bytes that are not understood.
+constexpr size_t kDamageOfError = 32;
+
 }  // namespace
 
 CTextParser::CTextParser()
@@ -173,6 +176,7 @@ void CTextParser::SetStopFlag(const std::atomic<size_t>* stop) {
 
 bool CTextParser::Parse(const CServedText& text, std::vector<CNode>& nodes) {
   _fErrorCount = 0;
+  _fDamage = 0;
   _fFirstErrorRow = 0;
   ts_parser_reset(_fParser);
   const TSInput input{const_cast<CServedText*>(&text), ReadText, TSInputEncodingUTF8};
@@ -181,6 +185,7 @@ bool CTextParser::Parse(const CServedText& text, std::vector<CNode>& nodes) {
     return false;
   }
   Flatten(tree.get(), text, nodes);
+  _fDamage = std::min<size_t>(_fDamage + _fErrorCount * kDamageOfError, text.Size());
   return true;
 }
 
@@ -193,6 +198,7 @@ void CTextParser::Flatten(const TSTree* tree, const CServedText& text, std::vect
   const bool has_error = ts_node_has_error(root);
   if (has_error && ts_node_symbol(root) == kErrorSymbol) {
     NoteError(text.PlaceOf(0, 0).row);
+    _fDamage += text.Size();
   }
   TSTreeCursor cursor = ts_tree_cursor_new(root);
   _fOpen.clear();
@@ -205,6 +211,7 @@ void CTextParser::Flatten(const TSTree* tree, const CServedText& text, std::vect
     const bool is_missing = has_error && ts_node_is_missing(node);
     if (tag == Tag::kError || is_missing) {
       NoteError(PlaceOf(text, node).row);
+      _fDamage += ts_node_end_byte(node) - ts_node_start_byte(node);
     }
     bool enters = false;
     if (tag != kDropped && !is_missing) {

@@ -40,6 +40,9 @@ class CTextParser {
   // Of the last text: places that fit no rule, or where something is missing, and the row of the
   // first one, counted from 0.
   size_t ErrorCount() const { return _fErrorCount; }
+  // How much of it the parser did not understand, in bytes, with some for each error. What it takes
+  // to recover from errors is about in proportion to that.
+  size_t Damage() const { return _fDamage; }
   uint32_t FirstErrorRow() const { return _fFirstErrorRow; }
 
  private:
@@ -51,6 +54,7 @@ class CTextParser {
   // Scratch: the nodes from the root to the present one; kNoNode for one that is left out.
   std::vector<NodeIndex> _fOpen;
   size_t _fErrorCount = 0;
+  size_t _fDamage = 0;
   uint32_t _fFirstErrorRow = 0;
 };
 
