@@ -220,6 +220,12 @@ class CMender {
         std::min(_fText.size(), std::max(line.begin + kLookAhead, damage_end + kLookAhead / 2));
     end = std::min(_fText.find('\n', end), _fText.size());
     const BytesView window = BytesView(_fText).substr(window_begin, end - window_begin);
+    // The first look counts too, or a large source would go on to be looked at when all is spent.
+    if (_fEffort < window.size()) {
+      _fEffort = 0;
+      return false;
+    }
+    _fEffort -= window.size();
     int least = Badness(window, structure, 1 << 20);
     const CMending* best = nullptr;
     Bytes mended;
