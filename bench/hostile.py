@@ -41,6 +41,13 @@ CASES = {
     "random bytes, 20 MB": lambda: random.Random(1).randbytes(20 * MIB),
     "random printable bytes, 20 MB": lambda: bytes(
         random.Random(2).choices(b"abcdef01 ()[]{}'\"\\:=,.#\n\n  ", k=20 * MIB)),
+    "random text, 20 MB": lambda: bytes(
+        random.Random(3).choices(bytes(range(32, 127)) + b"\n\n\n\n", k=20 * MIB)),
+    "random text, 4 MB": lambda: bytes(
+        random.Random(3).choices(bytes(range(32, 127)) + b"\n\n\n\n", k=4 * MIB)),
+    "closed brackets": lambda: ")" * (10 * COUNT),
+    "quotes": lambda: "'" * (10 * COUNT),
+    "def def ...": lambda: "def " * (10 * COUNT),
     "one string, 30 MB": lambda: 'x = """' + repeated("text \\n and more\n", 30 * MIB) + '"""\n',
     "an open string, 30 MB": lambda: 'x = """' + repeated("text and more\n", 30 * MIB),
     "line continuations": lambda: "x = 1 + " + "\\\n" * COUNT + "2\ny = 3\n",
