@@ -53,7 +53,7 @@ class CVisitor {
   void VisitExcept(NodeIndex i);
   void VisitAsPattern(NodeIndex i);
   void VisitNamed(NodeIndex i);
-  // Marks what is a format specification to Python and a named expression to the parser:
+  // Marks what is a format to Python and a named expression to the parser:
   // f"{width:=10}".
   void MarkFormatSpecs(NodeIndex interpolation);
   void VisitYield(NodeIndex i);
